@@ -75,7 +75,7 @@ TEST(Cli, HelpAtEveryLevel) {
 TEST(Cli, BadInputExitsNonZeroWithOneLine) {
     if (!have_cli()) GTEST_SKIP() << "tevash was not built";
     for (const char* args : {"get 1 0x00360000 --type i33", "get x 0x00360000 --type i32",
-                             "get 999 0x00360000 --type i32", "create NOPE", "copy 0 1"}) {
+                             "get 999 0x00360000 --type i32", "create NOPE", "copy 0 1", "get 1"}) {
         run_result r = run(args);
         EXPECT_NE(r.status, 0) << args;
         EXPECT_EQ(count_lines(r.err), 1) << args << ": " << r.err;

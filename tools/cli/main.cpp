@@ -286,6 +286,9 @@ int run_demo(bool director, int app_type) {
 int main(int argc, char** argv) {
     CLI::App app{"tevash: handler trees, members and copies over a record store"};
     app.require_subcommand(1);
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("tevash: ") + e.what() + " (see --help)\n";
+    });
     options opt;
     app.add_option("--store", opt.store,
                    "Persistent record store file (default: fresh in-memory store)");
@@ -373,7 +376,10 @@ int main(int argc, char** argv) {
         if (parent != 0) {
             rc = f->tev_ash_set_link(parent_cat, parent, category, id);
             if (rc != 0) {
-                f->tev_ash_remove_info(id);
+                if (director)
+                    f->tev_ash_remove(static_cast<velmora::TEV_ASH_APP_TYPE>(opt.app_type), id);
+                else
+                    f->tev_ash_remove_info(id);
                 return fail_code("link", rc, capture);
             }
         }
