@@ -1,0 +1,261 @@
+// The in-memory record store backend: records in an ordered map under one
+// reader-writer lock. Reads take the lock shared and allocate nothing.
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "store_backend.h"
+
+namespace tevhost {
+namespace detail {
+namespace {
+
+// Ids of every record made in this process, by any memory backend.
+std::atomic<unsigned int> g_next_handler_id{1};
+
+struct record {
+    unsigned int category = 0;
+    unsigned int parent = 0;                                               // 0 when unlinked
+    std::vector<unsigned int> children;                                    // link order
+    std::unordered_map<unsigned int, std::vector<unsigned char>> members;  // stored values
+};
+
+class memory_backend final : public store_backend {
+public:
+    unsigned int make(unsigned int category, unsigned int* handler_id) override {
+        if (category == 0) return STORE_BAD_CATEGORY;
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        unsigned int id = g_next_handler_id.fetch_add(1);
+        records_[id].category = category;
+        *handler_id = id;
+        return 0;
+    }
+
+    unsigned int make_and_copy(unsigned int category, unsigned int src_handler_id,
+                               unsigned int* handler_id) override {
+        if (category == 0) return STORE_BAD_CATEGORY;
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        const record* src = find(src_handler_id);
+        if (src == nullptr) return STORE_NO_RECORD;
+        record made;
+        made.category = category;
+        made.members = src->members;
+        unsigned int id = g_next_handler_id.fetch_add(1);
+        records_.emplace(id, std::move(made));
+        *handler_id = id;
+        return 0;
+    }
+
+    unsigned int copy(unsigned int src_handler_id, unsigned int dst_handler_id) override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        const record* src = find(src_handler_id);
+        record* dst = find(dst_handler_id);
+        if (src == nullptr || dst == nullptr) return STORE_NO_RECORD;
+        if (src != dst) dst->members = src->members;
+        return 0;
+    }
+
+    unsigned int init(unsigned int handler_id) override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        r->members.clear();
+        return 0;
+    }
+
+    unsigned int remove(unsigned int handler_id) override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        auto it = records_.find(handler_id);
+        if (it == records_.end()) return STORE_NO_RECORD;
+        record& r = it->second;
+        if (r.parent != 0) unlink_from_parent(handler_id, r.parent);
+        for (unsigned int child : r.children) records_[child].parent = 0;
+        records_.erase(it);
+        return 0;
+    }
+
+    unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
+                          unsigned int child_category, unsigned int child_handler_id) override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        record* parent = find(parent_handler_id);
+        record* child = find(child_handler_id);
+        if (parent == nullptr || child == nullptr) return STORE_NO_RECORD;
+        if (parent->category != parent_category || child->category != child_category) {
+            return STORE_BAD_CATEGORY;
+        }
+        if (child->parent != 0) return STORE_HAS_PARENT;
+        // The child may not be the parent or one of its ancestors.
+        for (unsigned int id = parent_handler_id; id != 0; id = records_[id].parent) {
+            if (id == child_handler_id) return STORE_CYCLE;
+        }
+        parent->children.push_back(child_handler_id);
+        child->parent = parent_handler_id;
+        return 0;
+    }
+
+    unsigned int delete_link(unsigned int category, unsigned int handler_id) override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        if (r->category != category) return STORE_BAD_CATEGORY;
+        if (r->parent == 0) return STORE_NO_LINK;
+        unlink_from_parent(handler_id, r->parent);
+        r->parent = 0;
+        return 0;
+    }
+
+    unsigned int child(unsigned int parent_category, unsigned int parent_handler_id,
+                       unsigned int child_category, unsigned int order,
+                       unsigned int* child_handler_id) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* parent = find(parent_handler_id);
+        if (parent == nullptr) return STORE_NO_RECORD;
+        if (parent->category != parent_category) return STORE_BAD_CATEGORY;
+        unsigned int seen = 0;
+        for (unsigned int id : parent->children) {
+            if (find(id)->category != child_category) continue;
+            if (seen++ == order) {
+                *child_handler_id = id;
+                return 0;
+            }
+        }
+        return STORE_NO_LINK;
+    }
+
+    unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
+                             unsigned int child_category, unsigned int* count) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* parent = find(parent_handler_id);
+        if (parent == nullptr) return STORE_NO_RECORD;
+        if (parent->category != parent_category) return STORE_BAD_CATEGORY;
+        unsigned int n = 0;
+        for (unsigned int id : parent->children) {
+            if (find(id)->category == child_category) ++n;
+        }
+        *count = n;
+        return 0;
+    }
+
+    unsigned int child_direct(unsigned int parent_handler_id, unsigned int order,
+                              unsigned int* child_handler_id) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* parent = find(parent_handler_id);
+        if (parent == nullptr) return STORE_NO_RECORD;
+        if (order >= parent->children.size()) return STORE_NO_LINK;
+        *child_handler_id = parent->children[order];
+        return 0;
+    }
+
+    unsigned int child_count_direct(unsigned int parent_handler_id, unsigned int* count) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* parent = find(parent_handler_id);
+        if (parent == nullptr) return STORE_NO_RECORD;
+        *count = static_cast<unsigned int>(parent->children.size());
+        return 0;
+    }
+
+    unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
+                        unsigned int* parent_handler_id) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* r = find(child_handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        if (r->category != child_category) return STORE_BAD_CATEGORY;
+        if (r->parent == 0) return STORE_NO_LINK;
+        *parent_handler_id = r->parent;
+        return 0;
+    }
+
+    unsigned int category(unsigned int handler_id, unsigned int* category) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        *category = r->category;
+        return 0;
+    }
+
+    unsigned int get(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                     void* value) override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        const record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        auto stored = r->members.find(member_id);
+        const std::vector<unsigned char>* bytes = nullptr;
+        if (stored != r->members.end()) {
+            bytes = &stored->second;
+        } else if (decl != nullptr) {
+            bytes = &decl->initial;
+        } else {
+            return STORE_NO_MEMBER;
+        }
+        if (!bytes->empty()) std::memcpy(value, bytes->data(), bytes->size());
+        return 0;
+    }
+
+    unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                     const unsigned char* bytes, unsigned int width) override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        auto stored = r->members.find(member_id);
+        unsigned int known = 0;  // 0: the member has no size yet
+        if (stored != r->members.end()) {
+            known = static_cast<unsigned int>(stored->second.size());
+        } else if (decl != nullptr) {
+            known = decl->width;
+        }
+        if (width == 0) {
+            if (known == 0) return STORE_NO_MEMBER;
+            width = known;
+        } else if (known != 0 && known != width) {
+            return STORE_WIDTH;
+        }
+        r->members[member_id].assign(bytes, bytes + width);
+        return 0;
+    }
+
+    void clear() override {
+        std::unique_lock<std::shared_mutex> lock(mtx_);
+        records_.clear();
+    }
+
+    std::vector<record_info> records() override {
+        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::vector<record_info> out;
+        out.reserve(records_.size());
+        for (const auto& entry : records_) {
+            out.push_back(record_info{entry.first, entry.second.category, entry.second.parent});
+        }
+        return out;
+    }
+
+private:
+    // REQUIRES: mtx_ is held.
+    record* find(unsigned int handler_id) {
+        auto it = records_.find(handler_id);
+        return it == records_.end() ? nullptr : &it->second;
+    }
+
+    // REQUIRES: mtx_ is held exclusively; `parent_id` names an existing record.
+    void unlink_from_parent(unsigned int child_id, unsigned int parent_id) {
+        std::vector<unsigned int>& siblings = records_[parent_id].children;
+        siblings.erase(std::remove(siblings.begin(), siblings.end(), child_id), siblings.end());
+    }
+
+    std::shared_mutex mtx_;
+    std::map<unsigned int, record> records_;
+};
+
+}  // namespace
+
+std::unique_ptr<store_backend> make_memory_backend() {
+    return std::make_unique<memory_backend>();
+}
+
+}  // namespace detail
+}  // namespace tevhost

@@ -1,0 +1,271 @@
+// In-process message service: served objects are registered under (connection
+// name, object id) and a send runs the object's dispatch in the sender's thread.
+// The reply travels through gen_ipc_reply into the sender's buffer.
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "facade_template.h"
+#include "gen_ipc.h"
+#include "host/tev_host.h"
+#include "observer_template.h"
+#include "vlq_mc_client.h"
+
+namespace {
+
+constexpr size_t CONNECTION_NAME_MAX = 16;
+
+std::string connection_key(const char* connection) {
+    return std::string(connection, strnlen(connection, CONNECTION_NAME_MAX));
+}
+
+uint32_t object_key(long object_id) {
+    return static_cast<uint32_t>(static_cast<unsigned long>(object_id));
+}
+
+struct registration {
+    velmora::facade_template* facade = nullptr;
+    velmora::observer_template* observer = nullptr;
+    int in_flight = 0;  // deliveries running now; guarded by the registry lock
+};
+
+using registry_key = std::pair<std::string, uint32_t>;
+
+// A send waiting for its reply.
+struct pending_call {
+    char* buffer;
+    unsigned int capacity;
+    unsigned int written = 0;
+    bool replied = false;
+};
+
+struct message_state {
+    std::mutex registry_mtx;
+    std::condition_variable delivery_done;
+    std::map<registry_key, std::shared_ptr<registration>> registry;
+
+    std::mutex calls_mtx;
+    std::map<unsigned long long, pending_call*> calls;
+    std::atomic<unsigned long long> next_call_id{1};
+
+    std::mutex spy_mtx;
+    bool spying = false;
+    tevhost::message_script script;
+    std::vector<tevhost::sent_message> spied;
+    tevhost::check_script checker;
+};
+
+message_state& state() {
+    static message_state* s = new message_state;  // never destroyed: served until exit
+    return *s;
+}
+
+// Deliveries running in this thread, so that a dispatch may unregister its own object.
+thread_local std::vector<const registration*> t_deliveries;
+
+int this_thread_deliveries(const registration* reg) {
+    return static_cast<int>(std::count(t_deliveries.begin(), t_deliveries.end(), reg));
+}
+
+bool register_any(const char* connection, long object_id, velmora::facade_template* facade,
+                  velmora::observer_template* observer) {
+    if (connection == nullptr || (facade == nullptr && observer == nullptr)) return false;
+    auto reg = std::make_shared<registration>();
+    reg->facade = facade;
+    reg->observer = observer;
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.registry_mtx);
+    return s.registry.emplace(registry_key(connection_key(connection), object_key(object_id)), reg)
+        .second;
+}
+
+std::shared_ptr<registration> begin_delivery(const std::string& connection, long object_id) {
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.registry_mtx);
+    auto it = s.registry.find(registry_key(connection, object_key(object_id)));
+    if (it == s.registry.end()) return nullptr;
+    ++it->second->in_flight;
+    return it->second;
+}
+
+void end_delivery(registration& reg) {
+    message_state& s = state();
+    {
+        std::lock_guard<std::mutex> lock(s.registry_mtx);
+        --reg.in_flight;
+    }
+    s.delivery_done.notify_all();
+}
+
+// Runs the object's dispatch with a header that names `call`. Returns true when
+// the dispatch answered.
+bool deliver(const std::shared_ptr<registration>& reg, long func_id, std::vector<char>& request,
+             pending_call& call) {
+    message_state& s = state();
+    gen_ipc_msghdr hdr{s.next_call_id.fetch_add(1)};
+    {
+        std::lock_guard<std::mutex> lock(s.calls_mtx);
+        s.calls.emplace(hdr.call_id, &call);
+    }
+    t_deliveries.push_back(reg.get());
+    char* data = request.empty() ? nullptr : request.data();
+    unsigned int size = static_cast<unsigned int>(request.size());
+    if (reg->facade != nullptr) {
+        reg->facade->dispatch(func_id, data, size, hdr);
+    } else {
+        reg->observer->dispatch(func_id, data, size, hdr);
+    }
+    t_deliveries.pop_back();
+    std::lock_guard<std::mutex> lock(s.calls_mtx);
+    s.calls.erase(hdr.call_id);
+    return call.replied;
+}
+
+}  // namespace
+
+int gen_ipc_reply(const gen_ipc_msghdr& hdr, const char* rpl, unsigned int rpl_len) {
+    if (rpl == nullptr && rpl_len > 0) return 1;
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.calls_mtx);
+    auto it = s.calls.find(hdr.call_id);
+    if (it == s.calls.end() || it->second->replied) return 1;
+    pending_call& call = *it->second;
+    unsigned int n = std::min(rpl_len, call.capacity);
+    if (n > 0) std::memcpy(call.buffer, rpl, n);
+    call.written = n;
+    call.replied = true;
+    return 0;
+}
+
+namespace velmora {
+
+facade_template::facade_template() = default;
+facade_template::~facade_template() = default;
+void facade_template::dispatch(long, char*, unsigned int, gen_ipc_msghdr) {}
+
+observer_template::observer_template() = default;
+observer_template::~observer_template() = default;
+void observer_template::dispatch(long, char*, unsigned int, gen_ipc_msghdr) {}
+
+vlq_mc_client::vlq_mc_client() = default;
+vlq_mc_client::~vlq_mc_client() = default;
+
+int vlq_mc_client::vlq_mc_check_facade(const char* connection, long object_id) {
+    if (connection == nullptr) return 0;
+    std::string name = connection_key(connection);
+    message_state& s = state();
+    tevhost::check_script checker;
+    {
+        std::lock_guard<std::mutex> lock(s.spy_mtx);
+        checker = s.checker;
+    }
+    if (checker) return checker(name, object_id);
+    std::lock_guard<std::mutex> lock(s.registry_mtx);
+    return s.registry.count(registry_key(name, object_key(object_id))) != 0 ? 1 : 0;
+}
+
+int vlq_mc_client::vlq_mc_send_sync_message(long object_id, long func_id, char* req,
+                                            unsigned int req_len, char* rpl, unsigned int* rpl_len,
+                                            const char* connection) {
+    if (rpl_len == nullptr || connection == nullptr) return tevhost::MSG_BAD_ARG;
+    if ((rpl == nullptr && *rpl_len > 0) || (req == nullptr && req_len > 0)) {
+        return tevhost::MSG_BAD_ARG;
+    }
+    std::string name = connection_key(connection);
+    message_state& s = state();
+
+    tevhost::message_script script;
+    tevhost::sent_message sent;
+    bool spying;
+    {
+        std::lock_guard<std::mutex> lock(s.spy_mtx);
+        spying = s.spying;
+        if (spying) {
+            sent = tevhost::sent_message{object_id, func_id, name,
+                                         std::vector<unsigned char>(req, req + req_len), *rpl_len};
+            s.spied.push_back(sent);
+            script = s.script;
+        }
+    }
+    if (spying && script) {
+        std::vector<unsigned char> reply;
+        if (script(sent, reply)) {
+            unsigned int n = std::min(static_cast<unsigned int>(reply.size()), *rpl_len);
+            if (n > 0) std::memcpy(rpl, reply.data(), n);
+            *rpl_len = n;
+            return tevhost::MSG_OK;
+        }
+    }
+
+    std::shared_ptr<registration> reg = begin_delivery(name, object_id);
+    if (!reg) return tevhost::MSG_NO_OBJECT;
+    std::vector<char> request(req, req + req_len);
+    pending_call call{rpl, *rpl_len};
+    bool replied = deliver(reg, func_id, request, call);
+    end_delivery(*reg);
+    if (!replied) return tevhost::MSG_NO_REPLY;
+    *rpl_len = call.written;
+    return tevhost::MSG_OK;
+}
+
+}  // namespace velmora
+
+namespace tevhost {
+
+bool register_object(const char* connection, long object_id, velmora::facade_template* obj) {
+    return register_any(connection, object_id, obj, nullptr);
+}
+
+bool register_object(const char* connection, long object_id, velmora::observer_template* obj) {
+    return register_any(connection, object_id, nullptr, obj);
+}
+
+bool unregister_object(const char* connection, long object_id) {
+    if (connection == nullptr) return false;
+    message_state& s = state();
+    std::unique_lock<std::mutex> lock(s.registry_mtx);
+    auto it = s.registry.find(registry_key(connection_key(connection), object_key(object_id)));
+    if (it == s.registry.end()) return false;
+    std::shared_ptr<registration> reg = it->second;
+    s.registry.erase(it);
+    int own = this_thread_deliveries(reg.get());
+    s.delivery_done.wait(lock, [&] { return reg->in_flight <= own; });
+    return true;
+}
+
+void message_spy_begin(message_script script) {
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.spy_mtx);
+    s.spying = true;
+    s.script = std::move(script);
+    s.spied.clear();
+}
+
+void message_spy_end() {
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.spy_mtx);
+    s.spying = false;
+    s.script = nullptr;
+}
+
+std::vector<sent_message> spied_messages() {
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.spy_mtx);
+    return s.spied;
+}
+
+void set_check_script(check_script script) {
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.spy_mtx);
+    s.checker = std::move(script);
+}
+
+}  // namespace tevhost

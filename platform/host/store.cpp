@@ -1,0 +1,440 @@
+// The host record store: the static wud_wud_service_info operations and the
+// store seams (call log, failure injection, member schema, backend choice).
+// Each operation logs itself, honours an armed failure, checks its pointers and
+// hands the rest to the current backend.
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/tev_host.h"
+#include "store_backend.h"
+#include "tiv_trace.h"
+#include "wud_wud_service_info.h"
+
+namespace tevhost {
+namespace detail {
+
+// Opens the persistent backend on `path`; null with *error set when it cannot.
+std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error);
+
+}  // namespace detail
+}  // namespace tevhost
+
+namespace {
+
+using tevhost::store_op;
+using tevhost::detail::member_decl;
+using tevhost::detail::store_backend;
+
+struct armed_failure {
+    bool any_op;
+    store_op op;
+    unsigned int remaining;
+    unsigned int code;
+};
+
+struct store_state {
+    // Guards the backend pointer and the schema: shared for operations,
+    // exclusive for declaring members and switching backends.
+    std::shared_mutex config_mtx;
+    std::unique_ptr<store_backend> backend;
+    std::unordered_map<unsigned int, member_decl> schema;
+
+    std::mutex seam_mtx;
+    std::atomic<bool> seams_on{false};  // logging or a failure is armed
+    bool logging = false;
+    std::vector<tevhost::store_call> log;
+    std::vector<armed_failure> failures;
+};
+
+void open_initial_backend(store_state& s) {
+    const char* path = std::getenv("TEVASH_HOST_STORE");
+    if (path != nullptr && *path != '\0') {
+        std::string error;
+        s.backend = tevhost::detail::make_file_backend(path, &error);
+        if (!s.backend) {
+            tivGENTrcPrintf(0, 0, 0, "host store: cannot open %s (%s); using memory\n", path,
+                            error.c_str());
+        }
+    }
+    if (!s.backend) s.backend = tevhost::detail::make_memory_backend();
+}
+
+store_state& state() {
+    static store_state* s = [] {
+        auto* made = new store_state;  // never destroyed: the store lives until exit
+        open_initial_backend(*made);
+        return made;
+    }();
+    return *s;
+}
+
+void update_seams_on(store_state& s) {
+    s.seams_on.store(s.logging || !s.failures.empty());
+}
+
+// Logs the call and returns the code of a failure armed for it, else 0.
+unsigned int enter(store_state& s, store_op op, unsigned int cmp_id) {
+    if (!s.seams_on.load()) return 0;
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    if (s.logging) s.log.push_back(tevhost::store_call{op, cmp_id});
+    unsigned int code = 0;
+    for (auto it = s.failures.begin(); it != s.failures.end();) {
+        if (!it->any_op && it->op != op) {
+            ++it;
+            continue;
+        }
+        if (--it->remaining == 0) {
+            if (code == 0) code = it->code;
+            it = s.failures.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    update_seams_on(s);
+    return code;
+}
+
+// Runs `body(backend)` under the shared configuration lock after the seams.
+template <typename Body>
+unsigned int run(store_op op, unsigned int cmp_id, Body body) {
+    store_state& s = state();
+    unsigned int injected = enter(s, op, cmp_id);
+    if (injected != 0) return injected;
+    std::shared_lock<std::shared_mutex> lock(s.config_mtx);
+    return body(*s.backend);
+}
+
+const member_decl* find_decl(store_state& s, unsigned int member_id) {
+    auto it = s.schema.find(member_id);
+    return it == s.schema.end() ? nullptr : &it->second;
+}
+
+unsigned int set_typed(unsigned int cmp_id, unsigned int handler_id, unsigned int member_id,
+                       uint32_t value, unsigned int width) {
+    unsigned char bytes[4] = {
+        static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
+        static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
+    store_state& s = state();
+    return run(store_op::set_current, cmp_id, [&](store_backend& b) {
+        return b.set(handler_id, member_id, find_decl(s, member_id), bytes, width);
+    });
+}
+
+unsigned int width_of(tevhost::member_kind kind, unsigned int byte_size) {
+    switch (kind) {
+        case tevhost::member_kind::i8:
+        case tevhost::member_kind::u8: return 1;
+        case tevhost::member_kind::i16:
+        case tevhost::member_kind::u16: return 2;
+        case tevhost::member_kind::i32:
+        case tevhost::member_kind::u32: return 4;
+        case tevhost::member_kind::bytes: return byte_size;
+    }
+    return 0;
+}
+
+}  // namespace
+
+namespace velmora {
+
+using tevhost::STORE_BAD_ARG;
+
+unsigned int wud_wud_service_info::wud_wud_service_info_make_current(const unsigned int& cmp_id,
+                                                                     const unsigned int& category,
+                                                                     const unsigned char&,
+                                                                     unsigned int* handler_id) {
+    return run(store_op::make_current, cmp_id, [&](store_backend& b) {
+        return handler_id == nullptr ? STORE_BAD_ARG : b.make(category, handler_id);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_make_and_copy_current(
+    const unsigned int& cmp_id, const unsigned int& category, const unsigned char&,
+    const unsigned int& src_handler_id, unsigned int* handler_id) {
+    return run(store_op::make_and_copy_current, cmp_id, [&](store_backend& b) {
+        return handler_id == nullptr ? STORE_BAD_ARG
+                                     : b.make_and_copy(category, src_handler_id, handler_id);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_copy_current(
+    const unsigned int& cmp_id, const unsigned int& src_handler_id,
+    const unsigned int& dst_handler_id) {
+    return run(store_op::copy_current, cmp_id,
+               [&](store_backend& b) { return b.copy(src_handler_id, dst_handler_id); });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_init_current(
+    const unsigned int& cmp_id, const unsigned int& handler_id) {
+    return run(store_op::init_current, cmp_id,
+               [&](store_backend& b) { return b.init(handler_id); });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_delete_current(
+    const unsigned int& cmp_id, const unsigned int& handler_id) {
+    return run(store_op::delete_current, cmp_id,
+               [&](store_backend& b) { return b.remove(handler_id); });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_link(
+    const unsigned int& cmp_id, const unsigned int& parent_category,
+    const unsigned int& parent_handler_id, const unsigned int& child_category,
+    const unsigned int& child_handler_id) {
+    return run(store_op::set_link, cmp_id, [&](store_backend& b) {
+        return b.set_link(parent_category, parent_handler_id, child_category, child_handler_id);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_delete_link(
+    const unsigned int& cmp_id, const unsigned int& category, const unsigned int& handler_id) {
+    return run(store_op::delete_link, cmp_id,
+               [&](store_backend& b) { return b.delete_link(category, handler_id); });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link(
+    const unsigned int& cmp_id, const unsigned int& parent_category,
+    const unsigned int& parent_handler_id, const unsigned int& child_category,
+    const unsigned int& order, unsigned int* child_handler_id) {
+    return run(store_op::get_child_link, cmp_id, [&](store_backend& b) {
+        return child_handler_id == nullptr ? STORE_BAD_ARG
+                                           : b.child(parent_category, parent_handler_id,
+                                                     child_category, order, child_handler_id);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link_num(
+    const unsigned int& cmp_id, const unsigned int& parent_category,
+    const unsigned int& parent_handler_id, const unsigned int& child_category,
+    unsigned int* count) {
+    return run(store_op::get_child_link_num, cmp_id, [&](store_backend& b) {
+        return count == nullptr
+                   ? STORE_BAD_ARG
+                   : b.child_count(parent_category, parent_handler_id, child_category, count);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link_direct(
+    const unsigned int& cmp_id, const unsigned int& parent_handler_id, const unsigned int& order,
+    unsigned int* child_handler_id) {
+    return run(store_op::get_child_link_direct, cmp_id, [&](store_backend& b) {
+        return child_handler_id == nullptr
+                   ? STORE_BAD_ARG
+                   : b.child_direct(parent_handler_id, order, child_handler_id);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link_num_direct(
+    const unsigned int& cmp_id, const unsigned int& parent_handler_id, unsigned int* count) {
+    return run(store_op::get_child_link_num_direct, cmp_id, [&](store_backend& b) {
+        return count == nullptr ? STORE_BAD_ARG : b.child_count_direct(parent_handler_id, count);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_parent_link(
+    const unsigned int& cmp_id, const unsigned int& child_category,
+    const unsigned int& child_handler_id, unsigned int* parent_handler_id) {
+    return run(store_op::get_parent_link, cmp_id, [&](store_backend& b) {
+        return parent_handler_id == nullptr
+                   ? STORE_BAD_ARG
+                   : b.parent(child_category, child_handler_id, parent_handler_id);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_job_category_by_id(
+    const unsigned int& cmp_id, const unsigned int& handler_id, unsigned int* category) {
+    return run(store_op::get_job_category_by_id, cmp_id, [&](store_backend& b) {
+        return category == nullptr ? STORE_BAD_ARG : b.category(handler_id, category);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_get_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    void* value) {
+    store_state& s = state();
+    return run(store_op::get_current, cmp_id, [&](store_backend& b) {
+        return value == nullptr ? STORE_BAD_ARG
+                                : b.get(handler_id, member_id, find_decl(s, member_id), value);
+    });
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    char value) {
+    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned char>(value), 1);
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    unsigned char value) {
+    return set_typed(cmp_id, handler_id, member_id, value, 1);
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    short value) {
+    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned short>(value), 2);
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    unsigned short value) {
+    return set_typed(cmp_id, handler_id, member_id, value, 2);
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    long value) {
+    return set_typed(cmp_id, handler_id, member_id,
+                     static_cast<uint32_t>(static_cast<unsigned long>(value)), 4);
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    unsigned long value) {
+    return set_typed(cmp_id, handler_id, member_id, static_cast<uint32_t>(value), 4);
+}
+
+unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
+                                                                    const unsigned int& handler_id,
+                                                                    const unsigned int& member_id,
+                                                                    void* value) {
+    store_state& s = state();
+    return run(store_op::set_current, cmp_id, [&](store_backend& b) {
+        return value == nullptr ? STORE_BAD_ARG
+                                : b.set(handler_id, member_id, find_decl(s, member_id),
+                                        static_cast<const unsigned char*>(value), 0);
+    });
+}
+
+}  // namespace velmora
+
+namespace tevhost {
+
+const char* store_op_name(store_op op) {
+    switch (op) {
+        case store_op::make_current: return "make_current";
+        case store_op::make_and_copy_current: return "make_and_copy_current";
+        case store_op::copy_current: return "copy_current";
+        case store_op::init_current: return "init_current";
+        case store_op::delete_current: return "delete_current";
+        case store_op::set_link: return "set_link";
+        case store_op::delete_link: return "delete_link";
+        case store_op::get_child_link: return "get_child_link";
+        case store_op::get_child_link_num: return "get_child_link_num";
+        case store_op::get_child_link_direct: return "get_child_link_direct";
+        case store_op::get_child_link_num_direct: return "get_child_link_num_direct";
+        case store_op::get_parent_link: return "get_parent_link";
+        case store_op::get_job_category_by_id: return "get_job_category_by_id";
+        case store_op::get_current: return "get_current";
+        case store_op::set_current: return "set_current";
+    }
+    return "unknown";
+}
+
+void store_log_begin() {
+    store_state& s = state();
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    s.logging = true;
+    s.log.clear();
+    update_seams_on(s);
+}
+
+void store_log_end() {
+    store_state& s = state();
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    s.logging = false;
+    update_seams_on(s);
+}
+
+std::vector<store_call> store_log() {
+    store_state& s = state();
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    return s.log;
+}
+
+void store_fail_op(store_op op, unsigned int nth, unsigned int code) {
+    if (nth == 0) return;
+    store_state& s = state();
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    s.failures.push_back(armed_failure{false, op, nth, code});
+    update_seams_on(s);
+}
+
+void store_fail_nth_call(unsigned int nth, unsigned int code) {
+    if (nth == 0) return;
+    store_state& s = state();
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    s.failures.push_back(armed_failure{true, store_op::make_current, nth, code});
+    update_seams_on(s);
+}
+
+void store_fail_clear() {
+    store_state& s = state();
+    std::lock_guard<std::mutex> lock(s.seam_mtx);
+    s.failures.clear();
+    update_seams_on(s);
+}
+
+bool declare_member(unsigned int member_id, member_kind kind, unsigned int byte_size,
+                    std::vector<unsigned char> initial) {
+    unsigned int width = width_of(kind, byte_size);
+    if (width == 0) return false;
+    initial.resize(width, 0);
+    store_state& s = state();
+    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    s.schema[member_id] = member_decl{kind, width, std::move(initial)};
+    return true;
+}
+
+void clear_schema() {
+    store_state& s = state();
+    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    s.schema.clear();
+}
+
+void store_use_memory() {
+    store_state& s = state();
+    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    s.backend = detail::make_memory_backend();
+}
+
+bool store_use_file(const std::string& path, std::string* error) {
+    std::string reason;
+    std::unique_ptr<detail::store_backend> opened = detail::make_file_backend(path, &reason);
+    if (!opened) {
+        if (error != nullptr) *error = reason;
+        return false;
+    }
+    store_state& s = state();
+    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    s.backend = std::move(opened);
+    return true;
+}
+
+void store_clear() {
+    store_state& s = state();
+    std::shared_lock<std::shared_mutex> lock(s.config_mtx);
+    s.backend->clear();
+}
+
+std::vector<record_info> store_records() {
+    store_state& s = state();
+    std::shared_lock<std::shared_mutex> lock(s.config_mtx);
+    return s.backend->records();
+}
+
+}  // namespace tevhost

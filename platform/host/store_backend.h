@@ -1,0 +1,71 @@
+// The storage behind the host record store. The public store operations check
+// their seams (call log, failure injection) and the member schema, then call one
+// method of the current backend. A backend keeps each single operation atomic
+// and consistent under concurrent callers; every method returns 0 or one of the
+// tevhost::STORE_* codes and, on failure, changes nothing and writes no out-value.
+// Out-pointers are never null here: the public operations check them.
+#ifndef TEVASH_HOST_STORE_BACKEND_H
+#define TEVASH_HOST_STORE_BACKEND_H
+
+#include <memory>
+#include <vector>
+
+#include "host/tev_host.h"
+
+namespace tevhost {
+namespace detail {
+
+// What the schema says about a member: its width in bytes and its initial value
+// (exactly `width` bytes, little-endian).
+struct member_decl {
+    member_kind kind;
+    unsigned int width;
+    std::vector<unsigned char> initial;
+};
+
+class store_backend {
+public:
+    virtual ~store_backend() = default;
+
+    virtual unsigned int make(unsigned int category, unsigned int* handler_id) = 0;
+    virtual unsigned int make_and_copy(unsigned int category, unsigned int src_handler_id,
+                                       unsigned int* handler_id) = 0;
+    virtual unsigned int copy(unsigned int src_handler_id, unsigned int dst_handler_id) = 0;
+    virtual unsigned int init(unsigned int handler_id) = 0;
+    virtual unsigned int remove(unsigned int handler_id) = 0;
+    virtual unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
+                                  unsigned int child_category, unsigned int child_handler_id) = 0;
+    virtual unsigned int delete_link(unsigned int category, unsigned int handler_id) = 0;
+    virtual unsigned int child(unsigned int parent_category, unsigned int parent_handler_id,
+                               unsigned int child_category, unsigned int order,
+                               unsigned int* child_handler_id) = 0;
+    virtual unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
+                                     unsigned int child_category, unsigned int* count) = 0;
+    virtual unsigned int child_direct(unsigned int parent_handler_id, unsigned int order,
+                                      unsigned int* child_handler_id) = 0;
+    virtual unsigned int child_count_direct(unsigned int parent_handler_id,
+                                            unsigned int* count) = 0;
+    virtual unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
+                                unsigned int* parent_handler_id) = 0;
+    virtual unsigned int category(unsigned int handler_id, unsigned int* category) = 0;
+    // Writes the stored value, or the declared initial value, into `value`.
+    // `decl` is null for an undeclared member.
+    virtual unsigned int get(unsigned int handler_id, unsigned int member_id,
+                             const member_decl* decl, void* value) = 0;
+    // Stores `width` bytes; `width` 0 means "the member's own size" (stored, else declared).
+    virtual unsigned int set(unsigned int handler_id, unsigned int member_id,
+                             const member_decl* decl, const unsigned char* bytes,
+                             unsigned int width) = 0;
+
+    virtual void clear() = 0;
+    virtual std::vector<record_info> records() = 0;
+};
+
+// A fresh in-memory backend. Ids come from one process-wide counter, so they are
+// never reused while the process lives, whichever backend made them.
+std::unique_ptr<store_backend> make_memory_backend();
+
+}  // namespace detail
+}  // namespace tevhost
+
+#endif  // TEVASH_HOST_STORE_BACKEND_H
