@@ -1,0 +1,136 @@
+// Host trace, notifications, the counted sleep and the OS wrapper's locks.
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/tev_host.h"
+#include "tev_test_support.h"
+#include "tiv_trace.h"
+#include "zof.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+TEST(Trace, CapturesFormattedLinesOfAnyLength) {
+    tevhost::trace_capture capture;
+    std::string longer(3000, 'x');
+    tivGENTrcPrintf(0xC103, 0x102, 0, "%s[%04d]::%s,%s\n", "tev_ash_control", 42, "create_info",
+                    "[Error]wud_rc:0x1");
+    tivGENTrcPrintf(1, 2, 3, "%s|", longer.c_str());
+
+    std::vector<tevhost::trace_line> lines = capture.lines();
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ("tev_ash_control[0042]::create_info,[Error]wud_rc:0x1\n", lines[0].text);
+    EXPECT_EQ(0xC103u, lines[0].module);
+    EXPECT_EQ(0x102u, lines[0].level);
+    EXPECT_EQ(0u, lines[0].flag);
+    EXPECT_EQ(longer + "|", lines[1].text);
+    EXPECT_EQ(3u, lines[1].flag);
+
+    capture.clear();
+    tivGENTrcPrintf(0, 0, 0, "after clear");
+    EXPECT_THAT(tevtest::trace_texts(), ElementsAre("after clear"));
+}
+
+TEST(Trace, KeepsLinesOnlyWhileCapturing) {
+    tevhost::trace_capture_begin();
+    tivGENTrcPrintf(0, 0, 0, "kept");
+    tevhost::trace_capture_end();
+    tivGENTrcPrintf(0, 0, 0, "dropped");
+    put_lib_svccall_notify(1, 2, 3, "f", "g", 4);
+    EXPECT_THAT(tevtest::trace_texts(), ElementsAre("kept"));
+    EXPECT_TRUE(tevhost::captured_notifications().empty());
+    tevhost::trace_capture_begin();  // a new capture starts empty
+    EXPECT_TRUE(tevtest::trace_texts().empty());
+    tevhost::trace_capture_end();
+}
+
+TEST(Trace, NotificationsAreWrittenAndKept) {
+    std::string path = ::testing::TempDir() + "host_trace_test.log";
+    std::remove(path.c_str());
+    ASSERT_EQ(0, setenv("TEVASH_HOST_TRACE", path.c_str(), 1));
+    {
+        tevhost::trace_capture capture;
+        put_lib_svccall_notify(0xE924, 0, 0, "tev_ash_observer", "notify_create", 77);
+        tivGENTrcPrintf(0xC103, 0x102, 0, "line %d\n", 2);
+        std::vector<tevhost::notification> kept = capture.notifications();
+        ASSERT_EQ(1u, kept.size());
+        EXPECT_EQ(0xE924u, kept[0].code);
+        EXPECT_EQ("tev_ash_observer", kept[0].file);
+        EXPECT_EQ("notify_create", kept[0].function);
+        EXPECT_EQ(77, kept[0].line);
+    }
+    ASSERT_EQ(0, setenv("TEVASH_HOST_TRACE", "none", 1));
+    tivGENTrcPrintf(0, 0, 0, "not written\n");
+    EXPECT_EQ("notify code=0xE924 detail=0,0 at tev_ash_observer:notify_create:77\nline 2\n",
+              read_file(path));
+    std::remove(path.c_str());
+}
+
+TEST(Sleep, CountedSleepsAreRecordedNotSlept) {
+    {
+        tevhost::counted_sleep counted;
+        for (int i = 0; i < 200; ++i) tivZofSleep(300);  // would take a minute if slept
+        tivZofSleep(5);
+        std::vector<int> sleeps = counted.sleeps();
+        ASSERT_EQ(201u, sleeps.size());
+        EXPECT_EQ(300, sleeps.front());
+        EXPECT_EQ(5, sleeps.back());
+    }
+    tivZofSleep(0);
+    EXPECT_EQ(201u, tevhost::counted_sleeps().size());
+}
+
+TEST(ZofConcurrency, MutexAndProcessLockExcludeEachOther) {
+    Zof_Mutex_Semaphore mutex(1);
+    long guarded = 0, process_guarded = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) {
+                {
+                    Zof_Guard guard(mutex);
+                    ++guarded;
+                }
+                Zof_Thread_Guard process_guard;
+                ++process_guarded;
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(4000, guarded);
+    EXPECT_EQ(4000, process_guarded);
+}
+
+TEST(TraceConcurrency, LinesFromManyThreadsAreAllKept) {
+    tevhost::trace_capture capture;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 100; ++i) tivGENTrcPrintf(t, 0, 0, "thread %d line %d\n", t, i);
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    std::vector<tevhost::trace_line> lines = capture.lines();
+    ASSERT_EQ(400u, lines.size());
+    for (const auto& line : lines) {
+        EXPECT_EQ("thread " + std::to_string(line.module), line.text.substr(0, 8));
+    }
+}
+
+}  // namespace
