@@ -1,0 +1,258 @@
+// Benchmarks of the library against the raw record store operations it makes.
+// Each library figure has a baseline beside it ("raw/..."), and the ratio is
+// printed as the counter `x_raw` on the library's row.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "tev_ash_control.h"
+#include "tev_ash_facade.h"
+#include "tev_host.h"
+#include "wud_wud_service_info.h"
+
+using namespace velmora;
+using store = wud_wud_service_info;
+
+namespace {
+
+constexpr unsigned int CMP = 5;
+constexpr unsigned int JOB_MEMBER = 0x00360000;    // category 0x4
+constexpr unsigned int CHILD_MEMBER = 0x00460000;  // category 0x8
+constexpr unsigned int AUTH_MEMBER = 0x00260000;   // category 0x2
+
+struct tree {
+    unsigned int auth = 0, img = 0, job = 0, child = 0;
+};
+
+unsigned int make(unsigned int category) {
+    unsigned int id = 0;
+    const unsigned char flag = 0;
+    store::wud_wud_service_info_make_current(TEV_ASH_CMP_ID, category, flag, &id);
+    return id;
+}
+
+void link(unsigned int pc, unsigned int p, unsigned int cc, unsigned int c) {
+    store::wud_wud_service_info_set_link(TEV_ASH_CMP_ID, pc, p, cc, c);
+}
+
+tree make_tree() {
+    tree t;
+    t.auth = make(TEV_ASH_CAT_AUTH);
+    t.img = make(TEV_ASH_CAT_APLSVC_IMG);
+    t.job = make(TEV_ASH_CAT_APLJOB);
+    t.child = make(0x8);
+    link(TEV_ASH_CAT_AUTH, t.auth, TEV_ASH_CAT_APLSVC_IMG, t.img);
+    link(TEV_ASH_CAT_APLSVC_IMG, t.img, TEV_ASH_CAT_APLJOB, t.job);
+    link(TEV_ASH_CAT_APLJOB, t.job, 0x8, t.child);
+    store::wud_wud_service_info_set_current(CMP, t.job, JOB_MEMBER, 7L);
+    store::wud_wud_service_info_set_current(CMP, t.child, CHILD_MEMBER, 8L);
+    store::wud_wud_service_info_set_current(CMP, t.auth, AUTH_MEMBER, 9L);
+    return t;
+}
+
+tev_ash_facade* facade() {
+    static tev_ash_facade* f = [] {
+        tevhost::set_check_script([](const std::string&, long) { return 1; });
+        return tev_ash_facade::tev_ash_get_instance();
+    }();
+    return f;
+}
+
+const tree& shared_tree() {
+    static const tree t = [] {
+        facade();
+        return make_tree();
+    }();
+    return t;
+}
+
+// ---- Member reads through the facade, and the raw store calls each one makes.
+
+void BM_read_itself(benchmark::State& st) {
+    const tree& t = shared_tree();
+    long v = 0;
+    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, JOB_MEMBER, &v, 0));
+}
+void BM_raw_read_itself(benchmark::State& st) {  // category, value
+    const tree& t = shared_tree();
+    unsigned int cat = 0;
+    std::int32_t v = 0;
+    for (auto _ : st) {
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        benchmark::DoNotOptimize(store::wud_wud_service_info_get_current(CMP, t.job, JOB_MEMBER, &v));
+    }
+}
+void BM_read_child(benchmark::State& st) {
+    const tree& t = shared_tree();
+    long v = 0;
+    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, CHILD_MEMBER, &v, 0));
+}
+void BM_raw_read_child(benchmark::State& st) {  // category, category, child link, value
+    const tree& t = shared_tree();
+    unsigned int cat = 0, child = 0;
+    const unsigned int order = 0, ccat = 0x8;
+    std::int32_t v = 0;
+    for (auto _ : st) {
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        store::wud_wud_service_info_get_child_link(TEV_ASH_CMP_ID, cat, t.job, ccat, order, &child);
+        benchmark::DoNotOptimize(store::wud_wud_service_info_get_current(CMP, child, CHILD_MEMBER, &v));
+    }
+}
+void BM_read_auth(benchmark::State& st) {
+    const tree& t = shared_tree();
+    long v = 0;
+    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, AUTH_MEMBER, &v, 0));
+}
+void BM_raw_read_auth(benchmark::State& st) {  // category, 2 x (category, parent), value
+    const tree& t = shared_tree();
+    unsigned int cat = 0, p1 = 0, p2 = 0;
+    std::int32_t v = 0;
+    for (auto _ : st) {
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, t.job, &p1);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p1, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, p1, &p2);
+        benchmark::DoNotOptimize(store::wud_wud_service_info_get_current(CMP, p2, AUTH_MEMBER, &v));
+    }
+}
+void BM_write_auth(benchmark::State& st) {
+    const tree& t = shared_tree();
+    long v = 0;
+    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_set_member(CMP, t.job, AUTH_MEMBER, ++v, 0));
+}
+void BM_raw_write_auth(benchmark::State& st) {
+    const tree& t = shared_tree();
+    unsigned int cat = 0, p1 = 0, p2 = 0;
+    long v = 0;
+    for (auto _ : st) {
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, t.job, &p1);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p1, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, p1, &p2);
+        benchmark::DoNotOptimize(store::wud_wud_service_info_set_current(CMP, p2, AUTH_MEMBER, ++v));
+    }
+}
+
+// ---- Member-category lookup: the shipped lookup against a linear scan.
+
+unsigned int linear_scan(unsigned int member_id) {
+    for (unsigned int i = 0; i < tev_ash_control::MEMBER_MAX; ++i)
+        if (tev_ash_control::s_member_table[i].member_id == member_id)
+            return tev_ash_control::s_member_table[i].category;
+    return 0;
+}
+std::vector<unsigned int> lookup_ids() {
+    std::vector<unsigned int> ids;
+    for (unsigned int i = 0; i < tev_ash_control::MEMBER_MAX; i += 7)
+        ids.push_back(tev_ash_control::s_member_table[i].member_id);
+    return ids;
+}
+tev_ash_control* control() {
+    static tev_ash_control* c = [] {
+        facade();
+        return new tev_ash_control;
+    }();
+    return c;
+}
+void BM_member_category(benchmark::State& st) {
+    const auto ids = lookup_ids();
+    for (unsigned int id : ids) {  // identical results, checked once
+        TEV_ASH_CATEGORY c{};
+        if (control()->get_member_category(id, &c) != 0 || c != linear_scan(id)) {
+            st.SkipWithError("lookup differs from the scan");
+            return;
+        }
+    }
+    std::size_t i = 0;
+    for (auto _ : st) {
+        TEV_ASH_CATEGORY c{};
+        benchmark::DoNotOptimize(control()->get_member_category(ids[i++ % ids.size()], &c));
+    }
+}
+void BM_raw_member_category_scan(benchmark::State& st) {
+    const auto ids = lookup_ids();
+    std::size_t i = 0;
+    for (auto _ : st) benchmark::DoNotOptimize(linear_scan(ids[i++ % ids.size()]));
+}
+
+// ---- Tree copy with N children, against the raw store operations it makes.
+
+struct copy_pair {
+    unsigned int src = 0, dst = 0;
+};
+copy_pair make_copy_pair(unsigned int children) {
+    facade();
+    const tree s = make_tree(), d = make_tree();
+    for (unsigned int i = 1; i < children; ++i) link(TEV_ASH_CAT_APLJOB, s.job, 0x8, make(0x8));
+    for (unsigned int i = 1; i < children; ++i) link(TEV_ASH_CAT_APLJOB, d.job, 0x8, make(0x8));
+    return {s.job, d.job};
+}
+void BM_copy(benchmark::State& st) {
+    const auto n = static_cast<unsigned int>(st.range(0));
+    const copy_pair p = make_copy_pair(n);
+    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_copy(p.src, p.dst));
+    st.counters["per_child_ns"] = benchmark::Counter(
+        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+void BM_raw_copy(benchmark::State& st) {  // the same store operations, made directly
+    const auto n = static_cast<unsigned int>(st.range(0));
+    const copy_pair p = make_copy_pair(n);
+    const unsigned char flag = 0;
+    const unsigned int zero = 0, job = TEV_ASH_CAT_APLJOB;
+    for (auto _ : st) {
+        unsigned int cat = 0, sp = 0, dp = 0, count = 0, child = 0, copy_id = 0;
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.dst, &cat);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.src, &cat);
+        store::wud_wud_service_info_copy_current(TEV_ASH_CMP_ID, p.src, p.dst);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.dst, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, p.dst, &dp);
+        store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.src, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, p.src, &sp);
+        store::wud_wud_service_info_copy_current(TEV_ASH_CMP_ID, sp, dp);
+        store::wud_wud_service_info_get_child_link_num_direct(TEV_ASH_CMP_ID, p.dst, &count);
+        for (unsigned int i = 0; i < count; ++i) {
+            store::wud_wud_service_info_get_child_link_direct(TEV_ASH_CMP_ID, p.dst, zero, &child);
+            store::wud_wud_service_info_delete_current(TEV_ASH_CMP_ID, child);
+        }
+        store::wud_wud_service_info_get_child_link_num_direct(TEV_ASH_CMP_ID, p.src, &count);
+        for (unsigned int i = 0; i < count; ++i) {
+            store::wud_wud_service_info_get_child_link_direct(TEV_ASH_CMP_ID, p.src, i, &child);
+            store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, child, &cat);
+            store::wud_wud_service_info_make_and_copy_current(TEV_ASH_CMP_ID, cat, flag, child, &copy_id);
+            store::wud_wud_service_info_set_link(TEV_ASH_CMP_ID, job, p.dst, cat, copy_id);
+        }
+    }
+    st.counters["per_child_ns"] = benchmark::Counter(
+        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+// ---- Threads: member reads from 1 and 2 threads at once.
+
+void BM_read_auth_threads(benchmark::State& st) {
+    const tree& t = shared_tree();
+    long v = 0;
+    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, AUTH_MEMBER, &v, 0));
+}
+
+}  // namespace
+
+BENCHMARK(BM_read_itself);
+BENCHMARK(BM_raw_read_itself);
+BENCHMARK(BM_read_child);
+BENCHMARK(BM_raw_read_child);
+BENCHMARK(BM_read_auth);
+BENCHMARK(BM_raw_read_auth);
+BENCHMARK(BM_write_auth);
+BENCHMARK(BM_raw_write_auth);
+BENCHMARK(BM_member_category);
+BENCHMARK(BM_raw_member_category_scan);
+BENCHMARK(BM_copy)->Arg(1)->Arg(16)->Arg(256);
+BENCHMARK(BM_raw_copy)->Arg(1)->Arg(16)->Arg(256);
+BENCHMARK(BM_read_auth_threads)->Threads(1)->Threads(2)->UseRealTime();
+
+BENCHMARK_MAIN();

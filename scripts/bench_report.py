@@ -1,0 +1,28 @@
+#!/usr/bin/env python3
+"""Runs the benchmark binary and prints each library figure beside its raw
+record-store baseline with their ratio (library / raw)."""
+import json
+import subprocess
+import sys
+
+binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/bench/tevash_bench"
+extra = sys.argv[2:]
+out = subprocess.run([binary, "--benchmark_format=json", *extra], check=True,
+                     capture_output=True, text=True).stdout
+runs = {b["name"]: b for b in json.loads(out)["benchmarks"] if b.get("run_type") == "iteration"}
+
+print(f"{'benchmark':44} {'ns/op':>10} {'raw ns/op':>10} {'ratio':>7}")
+for name, b in runs.items():
+    if name.startswith("BM_raw_"):
+        continue
+    raw_name = name.replace("BM_", "BM_raw_", 1)
+    raw = runs.get(raw_name) or runs.get(raw_name.replace("_scan", "")) or runs.get(
+        raw_name.replace("BM_raw_member_category", "BM_raw_member_category_scan"))
+    t = b["real_time"] if "threads" in name else b["cpu_time"]
+    if raw:
+        r = raw["cpu_time"]
+        print(f"{name:44} {t:10.1f} {r:10.1f} {t / r:7.2f}")
+    else:
+        print(f"{name:44} {t:10.1f} {'':>10} {'':>7}")
+    if "per_child_ns" in b:
+        print(f"{'  per child':44} {b['per_child_ns']:10.1f}")
