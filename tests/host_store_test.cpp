@@ -1,7 +1,10 @@
 // The host record store: records, links, members, failure codes and seams.
+#include <unistd.h>
+
 #include <atomic>
 #include <cstring>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -78,12 +81,53 @@ uint32_t read32(unsigned int id, unsigned int member) {
     return buf[0] | buf[1] << 8 | buf[2] << 16 | static_cast<uint32_t>(buf[3]) << 24;
 }
 
-class Store : public ::testing::Test {
-protected:
-    tevtest::fresh_store store_;
+enum class backend { memory, file };
+
+std::string backend_name(const ::testing::TestParamInfo<backend>& info) {
+    return info.param == backend::memory ? "Memory" : "File";
+}
+
+// A database path of its own for one test; the file and its companions go away
+// with it.
+class temp_db {
+public:
+    temp_db() {
+        char dir[] = "/tmp/tevash_store_XXXXXX";
+        if (mkdtemp(dir) != nullptr) dir_ = dir;
+    }
+    ~temp_db() {
+        for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+            unlink((path() + suffix).c_str());
+        rmdir(dir_.c_str());
+    }
+    temp_db(const temp_db&) = delete;
+    temp_db& operator=(const temp_db&) = delete;
+    std::string path() const { return dir_ + "/store.db"; }
+    std::string dir() const { return dir_; }
+
+private:
+    std::string dir_;
 };
 
-TEST_F(Store, IdsIncreaseAndAreNeverReused) {
+// Every test of the store semantics runs on a fresh store of each backend.
+class Store : public ::testing::TestWithParam<backend> {
+protected:
+    void SetUp() override {
+        if (GetParam() == backend::file) {
+            std::string error;
+            ASSERT_TRUE(store_use_file(db_.path(), &error)) << error;
+        }
+    }
+    void TearDown() override { store_use_memory(); }  // closes the database
+
+    tevtest::fresh_store store_;
+    temp_db db_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Backends, Store, ::testing::Values(backend::memory, backend::file),
+                         backend_name);
+
+TEST_P(Store, IdsIncreaseAndAreNeverReused) {
     unsigned int a = make(ROOT);
     unsigned int b = make(ROOT);
     EXPECT_NE(0u, a);
@@ -99,7 +143,7 @@ TEST_F(Store, IdsIncreaseAndAreNeverReused) {
     EXPECT_EQ(c, records[0].handler_id);
 }
 
-TEST_F(Store, ChildrenKeepLinkOrderAmongAllAndPerCategory) {
+TEST_P(Store, ChildrenKeepLinkOrderAmongAllAndPerCategory) {
     unsigned int job = make(JOB);
     unsigned int a1 = make(SET_A), b1 = make(SET_B), a2 = make(SET_A), b2 = make(SET_B);
     for (unsigned int c : {a1, b1, a2, b2}) link(job, c);
@@ -121,7 +165,7 @@ TEST_F(Store, ChildrenKeepLinkOrderAmongAllAndPerCategory) {
     EXPECT_EQ(SENTINEL, out);
 }
 
-TEST_F(Store, DeleteLeavesParentsListAndFreesChildren) {
+TEST_P(Store, DeleteLeavesParentsListAndFreesChildren) {
     unsigned int root = make(ROOT), job = make(JOB);
     unsigned int a1 = make(SET_A), a2 = make(SET_A), a3 = make(SET_A);
     link(root, job);
@@ -143,7 +187,7 @@ TEST_F(Store, DeleteLeavesParentsListAndFreesChildren) {
     EXPECT_EQ(SENTINEL, category);
 }
 
-TEST_F(Store, LinkRules) {
+TEST_P(Store, LinkRules) {
     unsigned int root = make(ROOT), job = make(JOB), set = make(SET_A), other = make(JOB);
     link(root, job);
     link(job, set);
@@ -172,7 +216,7 @@ TEST_F(Store, LinkRules) {
     EXPECT_THAT(children(other), ElementsAre(set));
 }
 
-TEST_F(Store, CopyAndInitWorkOnMembersOnly) {
+TEST_P(Store, CopyAndInitWorkOnMembersOnly) {
     ASSERT_TRUE(declare_member(100, member_kind::u32, 0, {0x07}));
     unsigned int parent = make(JOB), src = make(SET_A), dst = make(SET_A);
     link(parent, src);
@@ -199,7 +243,7 @@ TEST_F(Store, CopyAndInitWorkOnMembersOnly) {
     EXPECT_THAT(children(parent), ElementsAre(src));
 }
 
-TEST_F(Store, TypedWritesHaveTheirWidths) {
+TEST_P(Store, TypedWritesHaveTheirWidths) {
     unsigned int id = make(JOB);
     ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, id, 1, static_cast<char>(-2)));
     ASSERT_EQ(0u,
@@ -233,7 +277,7 @@ TEST_F(Store, TypedWritesHaveTheirWidths) {
     }
 }
 
-TEST_F(Store, DeclaredMembersAndByteStrings) {
+TEST_P(Store, DeclaredMembersAndByteStrings) {
     EXPECT_FALSE(declare_member(50, member_kind::bytes, 0));
     ASSERT_TRUE(declare_member(50, member_kind::bytes, 6, {'a', 'b'}));
     ASSERT_TRUE(declare_member(51, member_kind::u16));
@@ -258,7 +302,7 @@ TEST_F(Store, DeclaredMembersAndByteStrings) {
     EXPECT_EQ(0x6C6C6568u, read32(id, 52));
 }
 
-TEST_F(Store, FailedCallsChangeNothingAndWriteNoOutValue) {
+TEST_P(Store, FailedCallsChangeNothingAndWriteNoOutValue) {
     unsigned int job = make(JOB), set = make(SET_A);
     link(job, set);
     ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, set, 7, 77ul));
@@ -297,7 +341,7 @@ TEST_F(Store, FailedCallsChangeNothingAndWriteNoOutValue) {
     EXPECT_EQ(77u, read32(set, 7));
 }
 
-TEST_F(Store, LogKeepsEveryCallWithItsComponent) {
+TEST_P(Store, LogKeepsEveryCallWithItsComponent) {
     unsigned int id = make(JOB);
     store_log_begin();
     unsigned int out = 0;
@@ -316,7 +360,7 @@ TEST_F(Store, LogKeepsEveryCallWithItsComponent) {
     EXPECT_STREQ("set_current", store_op_name(log[2].op));
 }
 
-TEST_F(Store, InjectedFailuresHitTheChosenCallAndChangeNothing) {
+TEST_P(Store, InjectedFailuresHitTheChosenCallAndChangeNothing) {
     unsigned int job = make(JOB), a = make(SET_A), b = make(SET_A);
     store_fail_op(store_op::set_link, 2, 0xE1234567);
     link(job, a);
@@ -338,8 +382,11 @@ TEST_F(Store, InjectedFailuresHitTheChosenCallAndChangeNothing) {
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, b));
 }
 
-TEST(StoreConcurrency, WritersAndReadersKeepTreesConsistent) {
-    tevtest::fresh_store store;
+class StoreConcurrency : public Store {};
+INSTANTIATE_TEST_SUITE_P(Backends, StoreConcurrency,
+                         ::testing::Values(backend::memory, backend::file), backend_name);
+
+TEST_P(StoreConcurrency, WritersAndReadersKeepTreesConsistent) {
     unsigned int root = make(JOB);
     constexpr int kThreads = 4, kPerThread = 200;
     std::vector<std::vector<unsigned int>> made(kThreads);

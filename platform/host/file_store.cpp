@@ -1,15 +1,593 @@
-// The persistent record store backend. Not built yet: opening always fails and
-// the host store keeps its in-memory backend.
+// The persistent record store backend: one SQLite database file in WAL mode.
+//
+// Every store operation is one transaction (BEGIN IMMEDIATE when it writes), so
+// a process killed at any point leaves the file at the last committed operation.
+// Several processes may share one file: the busy timeout makes a writer wait for
+// another's transaction. Within a process one connection serves every thread
+// under a mutex. Out-values are written only after the transaction committed.
+//
+// Layout (PRAGMA user_version 1, PRAGMA application_id 'TEVS'):
+//   meta(key, value)            next_id: the first id not handed out yet;
+//                               next_seq: the next link sequence number
+//   records(id, category, parent, seq)
+//                               parent 0 when unlinked; children of a parent are
+//                               in ascending seq, which records link order
+//   members(record, member, value)
+//                               the stored bytes of one member; their length is
+//                               the member's width
+#include <sqlite3.h>
+
+#include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "store_backend.h"
 
 namespace tevhost {
 namespace detail {
+namespace {
 
-std::unique_ptr<store_backend> make_file_backend(const std::string& /*path*/, std::string* error) {
-    if (error != nullptr) *error = "persistent store not built yet";
+constexpr int kSchemaVersion = 1;
+constexpr int kApplicationId = 0x54455653;  // "TEVS"
+constexpr int kBusyTimeoutMs = 10000;
+
+const char* const kCreateSchema =
+    "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
+    "INSERT INTO meta VALUES('next_id', 1), ('next_seq', 1);"
+    "CREATE TABLE records(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"
+    " parent INTEGER NOT NULL DEFAULT 0, seq INTEGER NOT NULL DEFAULT 0);"
+    "CREATE INDEX records_by_parent ON records(parent, seq);"
+    "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
+    " value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
+
+// A failed SQLite call inside an operation; the transaction is rolled back.
+struct db_failure {};
+
+// One prepared statement, reset and unbound when the holder goes away.
+class query {
+public:
+    explicit query(sqlite3_stmt* stmt) : stmt_(stmt) {}
+    ~query() {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+    query(const query&) = delete;
+    query& operator=(const query&) = delete;
+
+    query& bind(int index, long long value) {
+        check(sqlite3_bind_int64(stmt_, index, value));
+        return *this;
+    }
+    query& bind_text(int index, const char* text) {
+        check(sqlite3_bind_text(stmt_, index, text, -1, SQLITE_STATIC));
+        return *this;
+    }
+    query& bind_blob(int index, const unsigned char* bytes, unsigned int size) {
+        check(sqlite3_bind_blob(stmt_, index, bytes, static_cast<int>(size), SQLITE_TRANSIENT));
+        return *this;
+    }
+    // True while a row is available.
+    bool step() {
+        int rc = sqlite3_step(stmt_);
+        if (rc == SQLITE_ROW) return true;
+        if (rc == SQLITE_DONE) return false;
+        throw db_failure{};
+    }
+    void run() {
+        while (step()) {
+        }
+    }
+    long long integer(int column) const { return sqlite3_column_int64(stmt_, column); }
+    std::vector<unsigned char> blob(int column) const {
+        const auto* data = static_cast<const unsigned char*>(sqlite3_column_blob(stmt_, column));
+        int size = sqlite3_column_bytes(stmt_, column);
+        if (data == nullptr || size <= 0) return {};
+        return std::vector<unsigned char>(data, data + size);
+    }
+
+private:
+    void check(int rc) const {
+        if (rc != SQLITE_OK) throw db_failure{};
+    }
+
+    sqlite3_stmt* stmt_;
+};
+
+struct record_row {
+    unsigned int category;
+    unsigned int parent;
+};
+
+class file_backend final : public store_backend {
+public:
+    explicit file_backend(sqlite3* db) : db_(db) {}
+    ~file_backend() override {
+        for (auto& entry : cache_) sqlite3_finalize(entry.second);
+        sqlite3_close(db_);
+    }
+    file_backend(const file_backend&) = delete;
+    file_backend& operator=(const file_backend&) = delete;
+
+    unsigned int make(unsigned int category, unsigned int* handler_id) override {
+        if (category == 0) return STORE_BAD_CATEGORY;
+        unsigned int id = 0;
+        unsigned int rc = write([&] {
+            id = new_record(category);
+            return id == 0 ? STORE_IO : 0u;
+        });
+        if (rc == 0) *handler_id = id;
+        return rc;
+    }
+
+    unsigned int make_and_copy(unsigned int category, unsigned int src_handler_id,
+                               unsigned int* handler_id) override {
+        if (category == 0) return STORE_BAD_CATEGORY;
+        unsigned int id = 0;
+        unsigned int rc = write([&] {
+            record_row src;
+            if (!find(src_handler_id, &src)) return STORE_NO_RECORD;
+            id = new_record(category);
+            if (id == 0) return STORE_IO;
+            copy_members(src_handler_id, id);
+            return 0u;
+        });
+        if (rc == 0) *handler_id = id;
+        return rc;
+    }
+
+    unsigned int copy(unsigned int src_handler_id, unsigned int dst_handler_id) override {
+        return write([&] {
+            record_row row;
+            if (!find(src_handler_id, &row) || !find(dst_handler_id, &row)) {
+                return STORE_NO_RECORD;
+            }
+            if (src_handler_id != dst_handler_id) {
+                sql("DELETE FROM members WHERE record = ?").bind(1, dst_handler_id).run();
+                copy_members(src_handler_id, dst_handler_id);
+            }
+            return 0u;
+        });
+    }
+
+    unsigned int init(unsigned int handler_id) override {
+        return write([&] {
+            record_row row;
+            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
+            return 0u;
+        });
+    }
+
+    unsigned int remove(unsigned int handler_id) override {
+        return write([&] {
+            record_row row;
+            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
+            sql("UPDATE records SET parent = 0, seq = 0 WHERE parent = ?")
+                .bind(1, handler_id)
+                .run();
+            sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
+            return 0u;
+        });
+    }
+
+    unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
+                          unsigned int child_category, unsigned int child_handler_id) override {
+        return write([&] {
+            record_row parent, child;
+            if (!find(parent_handler_id, &parent) || !find(child_handler_id, &child)) {
+                return STORE_NO_RECORD;
+            }
+            if (parent.category != parent_category || child.category != child_category) {
+                return STORE_BAD_CATEGORY;
+            }
+            if (child.parent != 0) return STORE_HAS_PARENT;
+            // The child may not be the parent or one of its ancestors.
+            record_row up = parent;
+            for (unsigned int id = parent_handler_id; id != 0; id = up.parent) {
+                if (id == child_handler_id) return STORE_CYCLE;
+                if (!find(id, &up)) break;
+            }
+            long long seq = take_meta("next_seq");
+            sql("UPDATE records SET parent = ?, seq = ? WHERE id = ?")
+                .bind(1, parent_handler_id)
+                .bind(2, seq)
+                .bind(3, child_handler_id)
+                .run();
+            return 0u;
+        });
+    }
+
+    unsigned int delete_link(unsigned int category, unsigned int handler_id) override {
+        return write([&] {
+            record_row row;
+            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            if (row.category != category) return STORE_BAD_CATEGORY;
+            if (row.parent == 0) return STORE_NO_LINK;
+            sql("UPDATE records SET parent = 0, seq = 0 WHERE id = ?").bind(1, handler_id).run();
+            return 0u;
+        });
+    }
+
+    unsigned int child(unsigned int parent_category, unsigned int parent_handler_id,
+                       unsigned int child_category, unsigned int order,
+                       unsigned int* child_handler_id) override {
+        unsigned int found = 0;
+        unsigned int rc = read([&] {
+            record_row parent;
+            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
+            if (parent.category != parent_category) return STORE_BAD_CATEGORY;
+            query q =
+                sql("SELECT id FROM records WHERE parent = ? AND category = ?"
+                    " ORDER BY seq LIMIT 1 OFFSET ?");
+            q.bind(1, parent_handler_id).bind(2, child_category).bind(3, order);
+            if (!q.step()) return STORE_NO_LINK;
+            found = static_cast<unsigned int>(q.integer(0));
+            return 0u;
+        });
+        if (rc == 0) *child_handler_id = found;
+        return rc;
+    }
+
+    unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
+                             unsigned int child_category, unsigned int* count) override {
+        unsigned int n = 0;
+        unsigned int rc = read([&] {
+            record_row parent;
+            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
+            if (parent.category != parent_category) return STORE_BAD_CATEGORY;
+            query q = sql("SELECT count(*) FROM records WHERE parent = ? AND category = ?");
+            q.bind(1, parent_handler_id).bind(2, child_category);
+            if (!q.step()) throw db_failure{};
+            n = static_cast<unsigned int>(q.integer(0));
+            return 0u;
+        });
+        if (rc == 0) *count = n;
+        return rc;
+    }
+
+    unsigned int child_direct(unsigned int parent_handler_id, unsigned int order,
+                              unsigned int* child_handler_id) override {
+        unsigned int found = 0;
+        unsigned int rc = read([&] {
+            record_row parent;
+            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
+            query q = sql("SELECT id FROM records WHERE parent = ? ORDER BY seq LIMIT 1 OFFSET ?");
+            q.bind(1, parent_handler_id).bind(2, order);
+            if (!q.step()) return STORE_NO_LINK;
+            found = static_cast<unsigned int>(q.integer(0));
+            return 0u;
+        });
+        if (rc == 0) *child_handler_id = found;
+        return rc;
+    }
+
+    unsigned int child_count_direct(unsigned int parent_handler_id, unsigned int* count) override {
+        unsigned int n = 0;
+        unsigned int rc = read([&] {
+            record_row parent;
+            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
+            query q = sql("SELECT count(*) FROM records WHERE parent = ?");
+            q.bind(1, parent_handler_id);
+            if (!q.step()) throw db_failure{};
+            n = static_cast<unsigned int>(q.integer(0));
+            return 0u;
+        });
+        if (rc == 0) *count = n;
+        return rc;
+    }
+
+    unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
+                        unsigned int* parent_handler_id) override {
+        record_row row{0, 0};
+        unsigned int rc = read([&] {
+            if (!find(child_handler_id, &row)) return STORE_NO_RECORD;
+            if (row.category != child_category) return STORE_BAD_CATEGORY;
+            if (row.parent == 0) return STORE_NO_LINK;
+            return 0u;
+        });
+        if (rc == 0) *parent_handler_id = row.parent;
+        return rc;
+    }
+
+    unsigned int category(unsigned int handler_id, unsigned int* category) override {
+        record_row row{0, 0};
+        unsigned int rc = read([&] { return find(handler_id, &row) ? 0u : STORE_NO_RECORD; });
+        if (rc == 0) *category = row.category;
+        return rc;
+    }
+
+    unsigned int get(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                     void* value) override {
+        std::vector<unsigned char> bytes;
+        unsigned int rc = read([&] {
+            record_row row;
+            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            if (stored(handler_id, member_id, &bytes)) return 0u;
+            if (decl == nullptr) return STORE_NO_MEMBER;
+            bytes = decl->initial;
+            return 0u;
+        });
+        if (rc == 0 && !bytes.empty()) std::memcpy(value, bytes.data(), bytes.size());
+        return rc;
+    }
+
+    unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                     const unsigned char* bytes, unsigned int width) override {
+        return write([&] {
+            record_row row;
+            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            std::vector<unsigned char> old;
+            unsigned int known = 0;  // 0: the member has no size yet
+            if (stored(handler_id, member_id, &old)) {
+                known = static_cast<unsigned int>(old.size());
+            } else if (decl != nullptr) {
+                known = decl->width;
+            }
+            unsigned int size = width;
+            if (size == 0) {
+                if (known == 0) return STORE_NO_MEMBER;
+                size = known;
+            } else if (known != 0 && known != size) {
+                return STORE_WIDTH;
+            }
+            sql("INSERT OR REPLACE INTO members(record, member, value) VALUES(?, ?, ?)")
+                .bind(1, handler_id)
+                .bind(2, member_id)
+                .bind_blob(3, bytes, size)
+                .run();
+            return 0u;
+        });
+    }
+
+    void clear() override {
+        write([&] {
+            sql("DELETE FROM members").run();
+            sql("DELETE FROM records").run();
+            return 0u;
+        });
+    }
+
+    std::vector<record_info> records() override {
+        std::vector<record_info> out;
+        unsigned int rc = read([&] {
+            out.clear();
+            query q = sql("SELECT id, category, parent FROM records ORDER BY id");
+            while (q.step()) {
+                out.push_back(record_info{static_cast<unsigned int>(q.integer(0)),
+                                          static_cast<unsigned int>(q.integer(1)),
+                                          static_cast<unsigned int>(q.integer(2))});
+            }
+            return 0u;
+        });
+        if (rc != 0) out.clear();
+        return out;
+    }
+
+private:
+    // Runs `body` in one transaction and commits when it returns 0; rolls back
+    // on a store failure code or a database failure (STORE_IO).
+    template <typename Body>
+    unsigned int transact(const char* begin, Body body) {
+        std::lock_guard<std::mutex> lock(mtx_);
+        if (sqlite3_exec(db_, begin, nullptr, nullptr, nullptr) != SQLITE_OK) return STORE_IO;
+        unsigned int rc = STORE_IO;
+        try {
+            rc = body();
+        } catch (const db_failure&) {
+            rc = STORE_IO;
+        }
+        if (rc == 0 && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK) {
+            return 0;
+        }
+        if (rc == 0) rc = STORE_IO;
+        if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return rc;
+    }
+    template <typename Body>
+    unsigned int write(Body body) {
+        return transact("BEGIN IMMEDIATE", body);
+    }
+    template <typename Body>
+    unsigned int read(Body body) {
+        return transact("BEGIN", body);
+    }
+
+    // REQUIRES: mtx_ is held. `text` is a string literal (its address keys the cache).
+    query sql(const char* text) {
+        for (auto& entry : cache_) {
+            if (entry.first == text) return query(entry.second);
+        }
+        sqlite3_stmt* stmt = nullptr;
+        if (sqlite3_prepare_v3(db_, text, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) !=
+            SQLITE_OK) {
+            sqlite3_finalize(stmt);
+            throw db_failure{};
+        }
+        cache_.emplace_back(text, stmt);
+        return query(stmt);
+    }
+
+    // REQUIRES: inside a transaction.
+    bool find(unsigned int handler_id, record_row* row) {
+        query q = sql("SELECT category, parent FROM records WHERE id = ?");
+        q.bind(1, handler_id);
+        if (!q.step()) return false;
+        *row = record_row{static_cast<unsigned int>(q.integer(0)),
+                          static_cast<unsigned int>(q.integer(1))};
+        return true;
+    }
+
+    // REQUIRES: inside a transaction.
+    bool stored(unsigned int handler_id, unsigned int member_id,
+                std::vector<unsigned char>* bytes) {
+        query q = sql("SELECT value FROM members WHERE record = ? AND member = ?");
+        q.bind(1, handler_id).bind(2, member_id);
+        if (!q.step()) return false;
+        *bytes = q.blob(0);
+        return true;
+    }
+
+    // Returns the counter `key` of the meta table and stores it plus one.
+    // REQUIRES: inside a write transaction.
+    long long take_meta(const char* key) {
+        long long value = 0;
+        {
+            query q = sql("SELECT value FROM meta WHERE key = ?");
+            q.bind_text(1, key);
+            if (!q.step()) throw db_failure{};
+            value = q.integer(0);
+        }
+        store_meta(key, value + 1);
+        return value;
+    }
+
+    void store_meta(const char* key, long long value) {
+        sql("UPDATE meta SET value = ? WHERE key = ?").bind(1, value).bind_text(2, key).run();
+    }
+
+    // Makes an unlinked record without members; 0 when the ids are used up.
+    // REQUIRES: inside a write transaction.
+    unsigned int new_record(unsigned int category) {
+        long long next = take_meta("next_id");
+        if (next < 1 || next > 0xFFFFFFFFLL) return 0;
+        unsigned int id = take_handler_id(static_cast<unsigned int>(next));
+        if (id == 0) return 0;
+        store_meta("next_id", static_cast<long long>(id) + 1);
+        sql("INSERT INTO records(id, category) VALUES(?, ?)").bind(1, id).bind(2, category).run();
+        return id;
+    }
+
+    // REQUIRES: inside a write transaction; `to` has no members.
+    void copy_members(unsigned int from, unsigned int to) {
+        sql("INSERT INTO members(record, member, value)"
+            " SELECT ?, member, value FROM members WHERE record = ?")
+            .bind(1, to)
+            .bind(2, from)
+            .run();
+    }
+
+    std::mutex mtx_;
+    sqlite3* db_;
+    std::vector<std::pair<const char*, sqlite3_stmt*>> cache_;
+};
+
+// ---- Opening
+
+std::string describe(sqlite3* db, int rc) {
+    return db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+}
+
+bool pragma_int(sqlite3* db, const char* text, long long* value) {
+    sqlite3_stmt* stmt = nullptr;
+    bool ok = sqlite3_prepare_v2(db, text, -1, &stmt, nullptr) == SQLITE_OK &&
+              sqlite3_step(stmt) == SQLITE_ROW;
+    if (ok) *value = sqlite3_column_int64(stmt, 0);
+    sqlite3_finalize(stmt);
+    return ok;
+}
+
+bool pragma_text(sqlite3* db, const char* text, std::string* value) {
+    sqlite3_stmt* stmt = nullptr;
+    bool ok = sqlite3_prepare_v2(db, text, -1, &stmt, nullptr) == SQLITE_OK &&
+              sqlite3_step(stmt) == SQLITE_ROW;
+    if (ok) {
+        const unsigned char* t = sqlite3_column_text(stmt, 0);
+        *value = t != nullptr ? reinterpret_cast<const char*>(t) : "";
+    }
+    sqlite3_finalize(stmt);
+    return ok;
+}
+
+// Whether the open file is a record store of this version ("ours"), an empty
+// database that may become one ("empty"), or something else (*error says what).
+enum class file_kind { ours, empty, foreign };
+
+file_kind classify(sqlite3* db, std::string* error) {
+    long long app = 0, version = 0, tables = 0;
+    if (!pragma_int(db, "PRAGMA application_id", &app) ||
+        !pragma_int(db, "PRAGMA user_version", &version) ||
+        !pragma_int(db, "SELECT count(*) FROM sqlite_master", &tables)) {
+        *error = describe(db, SQLITE_ERROR);
+        return file_kind::foreign;
+    }
+    if (app == 0 && version == 0 && tables == 0) return file_kind::empty;
+    if (app != kApplicationId) {
+        *error = "not a record store file";
+        return file_kind::foreign;
+    }
+    if (version != kSchemaVersion) {
+        *error = "record store version " + std::to_string(version) + " is not supported (this is " +
+                 std::to_string(kSchemaVersion) + ")";
+        return file_kind::foreign;
+    }
+    return file_kind::ours;
+}
+
+bool exec(sqlite3* db, const std::string& text, std::string* error) {
+    if (sqlite3_exec(db, text.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK) return true;
+    *error = sqlite3_errmsg(db);
+    return false;
+}
+
+// Makes the file a record store unless another process did so meanwhile.
+bool create_schema(sqlite3* db, std::string* error) {
+    if (!exec(db, "BEGIN IMMEDIATE", error)) return false;
+    bool ok = true;
+    switch (classify(db, error)) {
+        case file_kind::ours: break;
+        case file_kind::foreign: ok = false; break;
+        case file_kind::empty:
+            ok = exec(db, kCreateSchema, error) &&
+                 exec(db, "PRAGMA user_version = " + std::to_string(kSchemaVersion), error) &&
+                 exec(db, "PRAGMA application_id = " + std::to_string(kApplicationId), error);
+            break;
+    }
+    if (ok) ok = exec(db, "COMMIT", error);
+    if (!ok && !sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    return ok;
+}
+
+bool prepare_file(sqlite3* db, std::string* error) {
+    sqlite3_extended_result_codes(db, 1);
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    // Look before changing anything: a foreign file is left as it is.
+    if (classify(db, error) == file_kind::foreign) return false;
+    std::string mode;
+    if (!pragma_text(db, "PRAGMA journal_mode = WAL", &mode)) {
+        *error = sqlite3_errmsg(db);
+        return false;
+    }
+    if (mode != "wal") {
+        *error = "cannot use write-ahead logging (journal mode " + mode + ")";
+        return false;
+    }
+    // In WAL mode NORMAL keeps every committed operation across a crash of the
+    // process; only a power loss may lose the last ones.
+    return exec(db, "PRAGMA synchronous = NORMAL", error) && create_schema(db, error);
+}
+
+}  // namespace
+
+std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error) {
+    std::string reason;
+    sqlite3* db = nullptr;
+    int rc = path.empty()
+                 ? SQLITE_CANTOPEN
+                 : sqlite3_open_v2(path.c_str(), &db,
+                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                                   nullptr);
+    if (rc != SQLITE_OK) {
+        reason = path.empty() ? "empty path" : describe(db, rc);
+    } else if (sqlite3_db_readonly(db, "main") == 1) {
+        reason = "file is read-only";
+    } else if (prepare_file(db, &reason)) {
+        return std::make_unique<file_backend>(db);
+    }
+    sqlite3_close(db);
+    if (error != nullptr) *error = reason;
     return nullptr;
 }
 

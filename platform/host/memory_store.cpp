@@ -16,7 +16,7 @@ namespace tevhost {
 namespace detail {
 namespace {
 
-// Ids of every record made in this process, by any memory backend.
+// The next id to hand out in this process, by any backend; 0 once exhausted.
 std::atomic<unsigned int> g_next_handler_id{1};
 
 struct record {
@@ -31,7 +31,8 @@ public:
     unsigned int make(unsigned int category, unsigned int* handler_id) override {
         if (category == 0) return STORE_BAD_CATEGORY;
         std::unique_lock<std::shared_mutex> lock(mtx_);
-        unsigned int id = g_next_handler_id.fetch_add(1);
+        unsigned int id = take_handler_id(1);
+        if (id == 0) return STORE_IO;
         records_[id].category = category;
         *handler_id = id;
         return 0;
@@ -46,7 +47,8 @@ public:
         record made;
         made.category = category;
         made.members = src->members;
-        unsigned int id = g_next_handler_id.fetch_add(1);
+        unsigned int id = take_handler_id(1);
+        if (id == 0) return STORE_IO;
         records_.emplace(id, std::move(made));
         *handler_id = id;
         return 0;
@@ -252,6 +254,17 @@ private:
 };
 
 }  // namespace
+
+unsigned int take_handler_id(unsigned int floor) {
+    if (floor == 0) floor = 1;
+    unsigned int next = g_next_handler_id.load();
+    for (;;) {
+        if (next == 0) return 0;
+        unsigned int id = next < floor ? floor : next;
+        // id + 1 wraps to 0 after the last id, which marks the counter as exhausted.
+        if (g_next_handler_id.compare_exchange_weak(next, id + 1)) return id;
+    }
+}
 
 std::unique_ptr<store_backend> make_memory_backend() {
     return std::make_unique<memory_backend>();

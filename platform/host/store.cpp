@@ -17,15 +17,6 @@
 #include "tiv_trace.h"
 #include "wud_wud_service_info.h"
 
-namespace tevhost {
-namespace detail {
-
-// Opens the persistent backend on `path`; null with *error set when it cannot.
-std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error);
-
-}  // namespace detail
-}  // namespace tevhost
-
 namespace {
 
 using tevhost::store_op;

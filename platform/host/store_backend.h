@@ -8,6 +8,7 @@
 #define TEVASH_HOST_STORE_BACKEND_H
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/tev_host.h"
@@ -61,9 +62,18 @@ public:
     virtual std::vector<record_info> records() = 0;
 };
 
-// A fresh in-memory backend. Ids come from one process-wide counter, so they are
-// never reused while the process lives, whichever backend made them.
+// Takes the next handler id from the process-wide counter that every backend
+// uses, so an id is never reused while the process lives, whichever backend made
+// it. The id returned is at least `floor` (a persistent store passes the first id
+// its file has not handed out yet); 0 when the 32-bit ids are used up.
+unsigned int take_handler_id(unsigned int floor);
+
+// A fresh in-memory backend.
 std::unique_ptr<store_backend> make_memory_backend();
+
+// Opens the persistent backend on `path` (creating the file when missing); null
+// with *error set when it cannot.
+std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error);
 
 }  // namespace detail
 }  // namespace tevhost

@@ -193,9 +193,19 @@ void store_fail_nth_call(unsigned int nth, unsigned int code = STORE_INJECTED);
 void store_fail_clear();
 
 // Backends. The in-memory store is the default. TEVASH_HOST_STORE=<file> in the
-// environment opens a persistent store on that file at first use.
+// environment opens a persistent store on that file at first use; when the file
+// cannot be opened a trace line says why and the in-memory store is used.
+//
+// The persistent store is one SQLite database file (WAL mode, with its -wal and
+// -shm companions while open). Each store operation is one transaction, so the
+// file stays sound when a process dies at any point, and several processes may
+// share it (a writer waits up to 10 s for another's transaction, then fails with
+// STORE_IO). Its ids are never reused, by this or any later process.
 void store_use_memory();  // a fresh, empty in-memory store (ids still never reused)
-// Opens (creating if needed) a persistent store on `path`; false with *error set on failure.
+// Opens (creating if needed) a persistent store on `path` and uses it from now
+// on. Returns false with *error set, and keeps the current store, when the path
+// cannot be opened or holds something other than a record store of this version;
+// such a file is left unchanged.
 bool store_use_file(const std::string& path, std::string* error = nullptr);
 // Drops every record (the schema stays).
 void store_clear();
