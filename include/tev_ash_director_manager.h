@@ -26,7 +26,7 @@ public:
     static tev_ash_director_manager* get_instance();
 
     tev_ash_director_manager();
-    // Forgets every registration without destroying the observers' last owners.
+    // Forgets every registration; the registered observers stay alive.
     ~tev_ash_director_manager();
 
     tev_ash_director_manager(const tev_ash_director_manager&) = delete;
@@ -36,8 +36,11 @@ public:
     // a null observer, 0xC1030005 when the type already has one (the caller keeps
     // `observer`).
     unsigned int add_observer(TEV_ASH_APP_TYPE app_type, tev_ash_observer* observer);
-    // Removes every registration of the observer with object id `obj_id` and
-    // destroys it once (after any running notification on it). 0xC1030006 when none.
+    // Removes every registration of the first observer (by ascending application
+    // type) whose object id is `obj_id`, and destroys it once. Waits for
+    // notifications on it that run in other threads; when called from inside one
+    // of its own notifications, the observer is destroyed as that notification
+    // returns. 0xC1030006 when no observer has the id.
     unsigned int remove_observer(long obj_id);
 
     // Route to the observer registered for `app_type`: 0xC1030006 when there is
@@ -50,10 +53,18 @@ public:
                        unsigned int handler_id);
 
 private:
+    struct release_signal;
+
+    // The observer registered for `app_type` (null when none), shared with the caller.
+    std::shared_ptr<tev_ash_observer> find(TEV_ASH_APP_TYPE app_type);
+
     static std::atomic<tev_ash_director_manager*> the_instance_;
     static std::atomic<Zof_Mutex_Semaphore*> mtx_;
 
+    // Held for the whole of add_observer and remove_observer.
     Zof_Mutex_Semaphore registry_mtx_;
+    // Held only while observers_ is read by a lookup or changed by a registration.
+    Zof_Mutex_Semaphore lookup_mtx_;
     // Registered observers, shared with the notifications running on them.
     std::map<TEV_ASH_APP_TYPE, std::shared_ptr<tev_ash_observer>> observers_;
 };

@@ -25,8 +25,9 @@ public:
     ~tev_ash_observer_impl() override;
 
     // Sends one request to the remote observer and waits for the reply, written
-    // into `rpl_buf` bounded by *rpl_buf_len. Each null pointer is reported (trace
-    // line and 0xE924 notification); then nothing is sent.
+    // into `rpl_buf` bounded by *rpl_buf_len. Each null pointer, and a missing
+    // message client, is reported (trace line and 0xE924 notification); then
+    // nothing is sent.
     void send_sync_message(long func_id, char* req_buf, unsigned int req_buf_len, char* rpl_buf,
                            unsigned int* rpl_buf_len);
 
@@ -38,6 +39,10 @@ public:
                       long& result) override;
 
 private:
+    // False (with a trace line under `function` and a 0xE924 notification) when
+    // this proxy has no message client.
+    bool can_send(const char* function);
+
     vlq_mc_client* client_;
 };
 

@@ -1,0 +1,529 @@
+// Directors on the serving side: the observer base, the observer proxy on the
+// wire, the connecter's proxy cache and the director manager's routing, with
+// their trace lines and notifications.
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/tev_host.h"
+#include "tev_ash_connecter.h"
+#include "tev_ash_director_manager.h"
+#include "tev_ash_observer.h"
+#include "tev_ash_observer_impl.h"
+#include "tev_test_support.h"
+
+namespace {
+
+using namespace velmora;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using bytes = std::vector<unsigned char>;
+
+// Captured trace lines as "file::function,message", without line number and newline.
+std::vector<std::string> traces() {
+    std::vector<std::string> out;
+    for (std::string text : tevtest::trace_texts()) {
+        const auto open = text.find('[');
+        const auto close = text.find("]::");
+        if (open != std::string::npos && close != std::string::npos && open < close) {
+            text.erase(open, close + 1 - open);
+        }
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        out.push_back(text);
+    }
+    return out;
+}
+
+std::vector<std::string> notifications() {
+    std::vector<std::string> out;
+    for (const auto& n : tevhost::captured_notifications()) {
+        char code[16];
+        std::snprintf(code, sizeof code, "%#x", n.code);
+        out.push_back(std::string(code) + " " + n.file + "::" + n.function + " " +
+                      std::to_string(n.detail1) + "," + std::to_string(n.detail2));
+    }
+    return out;
+}
+
+std::string field(const char* name16) {
+    return std::string(name16, 16);
+}
+std::string padded(const std::string& s) {
+    return s + std::string(16 - s.size(), '\0');
+}
+
+bytes le32(std::uint32_t v) {
+    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8),
+            static_cast<unsigned char>(v >> 16), static_cast<unsigned char>(v >> 24)};
+}
+bytes join(std::initializer_list<bytes> parts) {
+    bytes out;
+    for (const bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+// An observer that answers every notification with a fixed result (and handler
+// id for create), counts its calls and reports its destruction.
+class test_observer : public tev_ash_observer {
+public:
+    explicit test_observer(int* destroyed = nullptr) : destroyed_(destroyed) {}
+    test_observer(long obj_id, int* destroyed)
+        : tev_ash_observer(obj_id, "TEST"), destroyed_(destroyed) {}
+    ~test_observer() override {
+        if (destroyed_ != nullptr) ++*destroyed_;
+    }
+    void notify_create(TEV_ASH_CATEGORY category, TEV_ASH_SERVICE_TYPE service_type,
+                       unsigned int& handler_id, unsigned int src_handler_id,
+                       long& result) override {
+        calls.push_back("create " + std::to_string(category) + " " + std::to_string(service_type) +
+                        " " + std::to_string(handler_id) + " " + std::to_string(src_handler_id));
+        handler_id = reply_handler_id;
+        result = reply_result;
+    }
+    void notify_remove(unsigned int handler_id, long& result) override {
+        calls.push_back("remove " + std::to_string(handler_id));
+        result = reply_result;
+    }
+    void notify_reset(TEV_ASH_SERVICE_TYPE service_type, unsigned int handler_id,
+                      long& result) override {
+        calls.push_back("reset " + std::to_string(service_type) + " " + std::to_string(handler_id));
+        result = reply_result;
+    }
+    const char* name() const { return connection_name_; }
+
+    std::vector<std::string> calls;
+    unsigned int reply_handler_id = 0;
+    long reply_result = 0;
+
+private:
+    int* destroyed_;
+};
+
+class Traced : public ::testing::Test {
+protected:
+    tevhost::trace_capture capture_;
+};
+
+// ---- Observer
+
+using Observer = Traced;
+
+TEST_F(Observer, DefaultIdentityIsOwnAddressAndEmptyName) {
+    test_observer o;
+    EXPECT_EQ(reinterpret_cast<long>(&o), o.get_obj_id());
+    EXPECT_EQ(std::string(16, '\0'), field(o.name()));
+    EXPECT_TRUE(o.equal(o.get_obj_id()));
+    EXPECT_FALSE(o.equal(o.get_obj_id() + 1));
+}
+
+struct plain_observer : tev_ash_observer {
+    plain_observer(long id, const char* n) : tev_ash_observer(id, n) {}
+    void notify_create(TEV_ASH_CATEGORY, TEV_ASH_SERVICE_TYPE, unsigned int&, unsigned int,
+                       long&) override {}
+    void notify_remove(unsigned int, long&) override {}
+    void notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int, long&) override {}
+};
+
+TEST_F(Observer, NameIsKeptToSixteenBytesWithoutTerminator) {
+    plain_observer short_name(7, "abc");
+    EXPECT_EQ(7, short_name.get_obj_id());
+    EXPECT_EQ(padded("abc"), field(short_name.get_connection_name()));
+    plain_observer long_name(3, "ABCDEFGHIJKLMNOPQRST");
+    EXPECT_EQ("ABCDEFGHIJKLMNOP", field(long_name.get_connection_name()));
+    EXPECT_THAT(traces(), IsEmpty());
+}
+
+TEST_F(Observer, NullNameIsReportedOnceAndObjectStillUsable) {
+    plain_observer o(42, nullptr);
+    EXPECT_EQ(42, o.get_obj_id());
+    EXPECT_EQ(std::string(16, '\0'), field(o.get_connection_name()));
+    EXPECT_THAT(traces(), ElementsAre("tev_ash_observer::tev_ash_observer,"
+                                      "[Error:connection_name is NULL]"));
+    EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_observer::tev_ash_observer 0,0"));
+}
+
+TEST_F(Observer, DispatchIgnoresEveryMessage) {
+    plain_observer o(9, "OBS");
+    tevhost::message_spy spy;
+    char buf[16] = {1, 2, 3};
+    for (long f = -1; f < 10; ++f) o.dispatch(f, buf, sizeof buf, gen_ipc_msghdr{12345});
+    o.dispatch(2, nullptr, 100, gen_ipc_msghdr{0});
+    EXPECT_EQ(9, o.get_obj_id());
+    EXPECT_EQ(padded("OBS"), field(o.get_connection_name()));
+    EXPECT_THAT(spy.messages(), IsEmpty());
+    EXPECT_THAT(traces(), IsEmpty());
+}
+
+// ---- Observer proxy on the wire
+
+class ObserverProxy : public Traced {
+protected:
+    // Answers every send with `reply_` and keeps what was sent.
+    tevhost::message_spy spy_{[this](const tevhost::sent_message&, bytes& out) {
+        out = reply_;
+        return true;
+    }};
+    bytes reply_;
+};
+
+TEST_F(ObserverProxy, ResetSendsTwelveBytesToTheRemoteObserver) {
+    tev_ash_observer_impl proxy(0x1234, "DIRECTOR");
+    reply_ = le32(0xC1030001);
+    long result = -1;
+    proxy.notify_reset(static_cast<TEV_ASH_SERVICE_TYPE>(3), 513, result);
+    const auto sent = spy_.messages();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ(0x1234, sent[0].object_id);
+    EXPECT_EQ(4, sent[0].func_id);
+    EXPECT_EQ("DIRECTOR", sent[0].connection);
+    EXPECT_EQ((bytes{0, 0, 0, 0, 3, 0, 0, 0, 1, 2, 0, 0}), sent[0].request);
+    EXPECT_EQ(4u, sent[0].reply_capacity);
+    EXPECT_EQ(0xC1030001L, result);
+    EXPECT_THAT(traces(), IsEmpty());
+}
+
+TEST_F(ObserverProxy, RemoveSendsEightBytesWithZeroApplicationType) {
+    tev_ash_observer_impl proxy(-5, "D");
+    reply_ = le32(0);
+    long result = -1;
+    proxy.notify_remove(0xA1B2C3D4, result);
+    const auto sent = spy_.messages();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ(-5, sent[0].object_id);
+    EXPECT_EQ(3, sent[0].func_id);
+    EXPECT_EQ(join({le32(0), le32(0xA1B2C3D4)}), sent[0].request);
+    EXPECT_EQ(4u, sent[0].reply_capacity);
+    EXPECT_EQ(0, result);
+}
+
+TEST_F(ObserverProxy, CreateNeverSendsItsHandlerIdInputAndTakesTheReply) {
+    tev_ash_observer_impl proxy(77, "D");
+    reply_ = join({le32(517), le32(0)});
+    unsigned int handler_id = 0xDEADBEEF;
+    long result = -1;
+    proxy.notify_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_SERVICE_TYPE>(-2), handler_id, 9,
+                        result);
+    const auto sent = spy_.messages();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ(2, sent[0].func_id);
+    EXPECT_EQ(join({le32(4), le32(0), le32(0xFFFFFFFE), le32(9)}), sent[0].request);
+    EXPECT_EQ(8u, sent[0].reply_capacity);
+    EXPECT_EQ(517u, handler_id);
+    EXPECT_EQ(0, result);
+}
+
+TEST_F(ObserverProxy, DirectorFailureKeepsItsCodeAndHandlerId) {
+    tev_ash_observer_impl proxy(77, "D");
+    reply_ = join({le32(600), le32(0xE100000F)});
+    unsigned int handler_id = 1;
+    long result = 0;
+    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
+    EXPECT_EQ(600u, handler_id);
+    EXPECT_EQ(0xE100000FL, result);
+}
+
+TEST_F(ObserverProxy, UnansweredSendReadsAsZero) {
+    tevhost::message_spy_end();  // nothing answers: nothing is registered under "NOBODY"
+    tev_ash_observer_impl proxy(77, "NOBODY");
+    unsigned int handler_id = 5;
+    long result = -1;
+    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
+    EXPECT_EQ(0u, handler_id);
+    EXPECT_EQ(0, result);
+    result = -1;
+    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, result);
+    EXPECT_EQ(0, result);
+}
+
+TEST_F(ObserverProxy, FullSixteenByteNameIsSentWithoutOverrun) {
+    tev_ash_observer_impl proxy(1, "0123456789ABCDEFXYZ");
+    reply_ = le32(0);
+    long result = -1;
+    proxy.notify_remove(1, result);
+    const auto sent = spy_.messages();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ("0123456789ABCDEF", sent[0].connection);
+}
+
+TEST_F(ObserverProxy, NullPointersAreEachReportedInOrderAndNothingIsSent) {
+    tev_ash_observer_impl proxy(1, "D");
+    proxy.send_sync_message(2, nullptr, 16, nullptr, nullptr);
+    EXPECT_THAT(traces(), ElementsAre("tev_ash_observer_impl::send_sync_message,"
+                                      "[Error] req_buf is NULL",
+                                      "tev_ash_observer_impl::send_sync_message,"
+                                      "[Error] rpl_buf is NULL",
+                                      "tev_ash_observer_impl::send_sync_message,"
+                                      "[Error] rpl_buf_len is NULL"));
+    const std::string one = "0xe924 tev_ash_observer_impl::send_sync_message 0,0";
+    EXPECT_THAT(notifications(), ElementsAre(one, one, one));
+    EXPECT_THAT(spy_.messages(), IsEmpty());
+
+    capture_.clear();
+    char req[4] = {};
+    unsigned int len = 4;
+    proxy.send_sync_message(3, req, 4, nullptr, &len);
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_observer_impl::send_sync_message,[Error] rpl_buf is NULL"));
+    EXPECT_THAT(spy_.messages(), IsEmpty());
+}
+
+TEST_F(ObserverProxy, WithoutClientNotificationsSendNothingAndReportBadArgument) {
+    tev_ash_observer_impl proxy;
+    EXPECT_EQ(reinterpret_cast<long>(&proxy), proxy.get_obj_id());
+    unsigned int handler_id = 33;
+    long result = 0;
+    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
+    EXPECT_EQ(0xC1030008L, result);
+    EXPECT_EQ(33u, handler_id);
+    result = 0;
+    proxy.notify_remove(1, result);
+    EXPECT_EQ(0xC1030008L, result);
+    result = 0;
+    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, result);
+    EXPECT_EQ(0xC1030008L, result);
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_observer_impl::notify_create,[Error] client_ is NULL",
+                            "tev_ash_observer_impl::notify_remove,[Error] client_ is NULL",
+                            "tev_ash_observer_impl::notify_reset,[Error] client_ is NULL"));
+    EXPECT_EQ(3u, notifications().size());
+    EXPECT_THAT(spy_.messages(), IsEmpty());
+
+    capture_.clear();
+    char buf[4] = {};
+    unsigned int len = 4;
+    proxy.send_sync_message(3, buf, 4, buf, &len);
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_observer_impl::send_sync_message,[Error] client_ is NULL"));
+    EXPECT_THAT(spy_.messages(), IsEmpty());
+}
+
+// ---- Connecter
+
+TEST(Connecter, StatusIsStoredUnchecked) {
+    tev_ash_connecter c(3, "CON");
+    EXPECT_EQ(0, c.get_status());
+    c.set_status(tev_ash_connecter::CTRL_STATUS_READY);
+    EXPECT_EQ(tev_ash_connecter::CTRL_STATUS_READY, c.get_status());
+    c.set_status(static_cast<tev_ash_connecter::CTRL_STATUS>(-17));
+    EXPECT_EQ(-17, c.get_status());
+    EXPECT_EQ(3, c.get_conn_id());
+}
+
+TEST(Connecter, ConstructorKeepsSixteenBytesOfName) {
+    tev_ash_connecter c(1, "ABCDEFGHIJKLMNOPQRST");
+    EXPECT_EQ("ABCDEFGHIJKLMNOP", field(c.get_connection_name()));
+    tev_ash_connecter d(2, "AB");
+    EXPECT_EQ(padded("AB"), field(d.get_connection_name()));
+}
+
+TEST(Connecter, OneProxyPerApplicationTypeMadeFromTheFirstRequest) {
+    tev_ash_connecter c(1, "CON");
+    long id = 1001;
+    char name[16] = "DIR_ONE";
+    EXPECT_EQ(0u, c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(4), id, name));
+    auto* proxy = reinterpret_cast<tev_ash_observer_impl*>(id);
+    EXPECT_EQ(1001, proxy->get_obj_id());
+    EXPECT_EQ(padded("DIR_ONE"), field(proxy->get_connection_name()));
+
+    long again = 2002;
+    char other[16] = "OTHER_NAME";
+    EXPECT_EQ(0u, c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(4), again, other));
+    EXPECT_EQ(id, again);
+    EXPECT_EQ(padded("DIR_ONE"), field(other));
+    EXPECT_EQ(1001, proxy->get_obj_id());
+
+    long third = 3003;
+    char third_name[16] = "DIR_TWO";
+    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(-4), third, third_name);
+    EXPECT_NE(id, third);
+    EXPECT_EQ(3003, reinterpret_cast<tev_ash_observer_impl*>(third)->get_obj_id());
+}
+
+TEST(Connecter, ReturnedNameStopsAtFifteenBytesAndLeavesTheLastByte) {
+    tev_ash_connecter c(1, "CON");
+    long id = 5;
+    char name[17] = "0123456789ABCDEF";
+    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), id, name);
+    EXPECT_EQ("0123456789ABCDEF",
+              field(reinterpret_cast<tev_ash_observer_impl*>(id)->get_connection_name()));
+    char out[16];
+    std::memset(out, '#', sizeof out);
+    long again = 0;
+    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), again, out);
+    EXPECT_EQ(std::string("0123456789ABCDE#"), std::string(out, 16));
+
+    char short_out[16];
+    std::memset(short_out, '#', sizeof short_out);
+    long id2 = 6;
+    char short_name[16] = "XY";
+    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(2), id2, short_name);
+    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(2), id2, short_out);
+    EXPECT_EQ(std::string("XY") + std::string(13, '\0') + "#", std::string(short_out, 16));
+}
+
+// ---- Director manager
+
+class DirectorManager : public Traced {
+protected:
+    static TEV_ASH_APP_TYPE type(int t) { return static_cast<TEV_ASH_APP_TYPE>(t); }
+    tev_ash_director_manager* manager_ = tev_ash_director_manager::get_instance();
+};
+
+TEST_F(DirectorManager, SingletonIsOneObject) {
+    EXPECT_NE(nullptr, manager_);
+    EXPECT_EQ(manager_, tev_ash_director_manager::get_instance());
+}
+
+TEST_F(DirectorManager, NullObserverIsRefusedWithTraceAndNotification) {
+    EXPECT_EQ(0xC1030008u, manager_->add_observer(type(100), nullptr));
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_director_manager::add_observer,Error:observer in NULL]"));
+    EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_director_manager::add_observer 0,0"));
+    unsigned int id = 0;
+    EXPECT_EQ(0xC1030006u,
+              manager_->create(TEV_ASH_CAT_AUTH, type(100), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
+}
+
+TEST_F(DirectorManager, RoutesToTheRegisteredObserverWithItsArguments) {
+    int destroyed = 0;
+    auto* o = new test_observer(&destroyed);
+    o->reply_handler_id = 517;
+    ASSERT_EQ(0u, manager_->add_observer(type(101), o));
+    unsigned int id = 9;
+    EXPECT_EQ(0u, manager_->create(TEV_ASH_CAT_APLJOB, type(101),
+                                   static_cast<TEV_ASH_SERVICE_TYPE>(7), &id, 21));
+    EXPECT_EQ(517u, id);
+    EXPECT_EQ(0u, manager_->remove(type(101), 33));
+    EXPECT_EQ(0u, manager_->reset(type(101), static_cast<TEV_ASH_SERVICE_TYPE>(-1), 44));
+    EXPECT_THAT(o->calls, ElementsAre("create 4 7 9 21", "remove 33", "reset -1 44"));
+    EXPECT_THAT(traces(), IsEmpty());
+    EXPECT_EQ(0u, manager_->remove_observer(o->get_obj_id()));
+    EXPECT_EQ(1, destroyed);
+}
+
+TEST_F(DirectorManager, DirectorFailureIsReturnedUnchangedWithOneTraceLine) {
+    int destroyed = 0;
+    auto* o = new test_observer(&destroyed);
+    o->reply_result = 0xC1030001;
+    o->reply_handler_id = 88;
+    ASSERT_EQ(0u, manager_->add_observer(type(102), o));
+    unsigned int id = 0;
+    EXPECT_EQ(0xC1030001u,
+              manager_->create(TEV_ASH_CAT_AUTH, type(102), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
+    EXPECT_EQ(88u, id);
+    EXPECT_EQ(0xC1030001u, manager_->remove(type(102), 1));
+    EXPECT_EQ(0xC1030001u, manager_->reset(type(102), TEV_ASH_SERVICE_TYPE_NONE, 1));
+    EXPECT_THAT(traces(), ElementsAre("tev_ash_director_manager::create,[Error]result:0xc1030001",
+                                      "tev_ash_director_manager::remove,[Error]result:0xc1030001",
+                                      "tev_ash_director_manager::reset,[Error]result:0xc1030001"));
+    manager_->remove_observer(o->get_obj_id());
+}
+
+TEST_F(DirectorManager, UnknownApplicationTypeSendsNothingAndLeavesHandlerId) {
+    unsigned int id = 1234;
+    EXPECT_EQ(0xC1030006u,
+              manager_->create(TEV_ASH_CAT_AUTH, type(103), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
+    EXPECT_EQ(1234u, id);
+    EXPECT_EQ(0xC1030006u, manager_->remove(type(103), 1));
+    EXPECT_EQ(0xC1030006u, manager_->reset(type(103), TEV_ASH_SERVICE_TYPE_NONE, 1));
+    EXPECT_THAT(traces(), ElementsAre("tev_ash_director_manager::create,[Error]rc:0xc1030006",
+                                      "tev_ash_director_manager::remove,[Error]rc:0xc1030006",
+                                      "tev_ash_director_manager::reset,[Error]rc:0xc1030006"));
+}
+
+TEST_F(DirectorManager, SecondObserverForATypeIsRefusedAndStaysTheCallers) {
+    int destroyed_a = 0, destroyed_b = 0;
+    auto* a = new test_observer(&destroyed_a);
+    auto b = std::make_unique<test_observer>(&destroyed_b);
+    ASSERT_EQ(0u, manager_->add_observer(type(104), a));
+    EXPECT_EQ(0xC1030005u, manager_->add_observer(type(104), b.get()));
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_director_manager::add_observer,[Error]rc=0xc1030005"));
+    EXPECT_EQ(0u, manager_->remove(type(104), 5));
+    EXPECT_THAT(a->calls, ElementsAre("remove 5"));
+    EXPECT_THAT(b->calls, IsEmpty());
+    EXPECT_EQ(0u, manager_->remove_observer(a->get_obj_id()));
+    EXPECT_EQ(1, destroyed_a);
+    EXPECT_EQ(0, destroyed_b);
+}
+
+TEST_F(DirectorManager, RemoveObserverDestroysOnceAndThenKnowsNothing) {
+    int destroyed = 0;
+    auto* a = new test_observer(&destroyed);
+    const long id = a->get_obj_id();
+    ASSERT_EQ(0u, manager_->add_observer(type(105), a));
+    EXPECT_EQ(0u, manager_->remove_observer(id));
+    EXPECT_EQ(1, destroyed);
+    EXPECT_EQ(0xC1030006u, manager_->remove_observer(id));
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_director_manager::remove_observer,[Error]rc=0xc1030006"));
+    EXPECT_EQ(0xC1030006u, manager_->remove(type(105), 1));
+}
+
+TEST_F(DirectorManager, SameObjectIdUnderTwoTypesRemovesTheLowerTypeFirst) {
+    int destroyed_low = 0, destroyed_high = 0;
+    ASSERT_EQ(0u, manager_->add_observer(type(111), new test_observer(4242, &destroyed_low)));
+    ASSERT_EQ(0u, manager_->add_observer(type(115), new test_observer(4242, &destroyed_high)));
+    EXPECT_EQ(0u, manager_->remove_observer(4242));
+    EXPECT_EQ(1, destroyed_low);
+    EXPECT_EQ(0, destroyed_high);
+    EXPECT_EQ(0xC1030006u, manager_->remove(type(111), 1));
+    EXPECT_EQ(0u, manager_->remove(type(115), 1));
+    EXPECT_EQ(0u, manager_->remove_observer(4242));
+    EXPECT_EQ(1, destroyed_high);
+}
+
+TEST_F(DirectorManager, OneObjectUnderSeveralTypesIsRemovedEverywhereAndDestroyedOnce) {
+    int destroyed = 0;
+    auto* o = new test_observer(&destroyed);
+    ASSERT_EQ(0u, manager_->add_observer(type(121), o));
+    ASSERT_EQ(0u, manager_->add_observer(type(122), o));
+    ASSERT_EQ(0u, manager_->add_observer(type(123), o));
+    EXPECT_EQ(0u, manager_->remove(type(122), 1));
+    EXPECT_EQ(0u, manager_->remove_observer(o->get_obj_id()));
+    EXPECT_EQ(1, destroyed);
+    for (int t : {121, 122, 123}) EXPECT_EQ(0xC1030006u, manager_->remove(type(t), 1));
+}
+
+// A director that removes itself from inside its own notification.
+class self_removing : public test_observer {
+public:
+    using test_observer::test_observer;
+    void notify_remove(unsigned int, long& result) override {
+        result = static_cast<long>(
+            tev_ash_director_manager::get_instance()->remove_observer(get_obj_id()));
+        still_alive_after_removal = true;
+    }
+    bool still_alive_after_removal = false;
+};
+
+TEST_F(DirectorManager, RemovalFromInsideAnOwnNotificationDestroysItAfterward) {
+    int destroyed = 0;
+    auto* o = new self_removing(&destroyed);
+    ASSERT_EQ(0u, manager_->add_observer(type(130), o));
+    EXPECT_EQ(0u, manager_->remove(type(130), 1));
+    EXPECT_EQ(1, destroyed);
+    EXPECT_EQ(0xC1030006u, manager_->remove(type(130), 1));
+}
+
+TEST_F(DirectorManager, ProxyCarriesNotificationToTheRemoteDirector) {
+    tevhost::message_spy spy([](const tevhost::sent_message&, bytes& out) {
+        out = join({le32(0x2A), le32(0)});
+        return true;
+    });
+    ASSERT_EQ(0u, manager_->add_observer(type(140), new tev_ash_observer_impl(0x77, "REMOTE")));
+    unsigned int id = 0;
+    EXPECT_EQ(0u, manager_->create(TEV_ASH_CAT_AUTH, type(140), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
+    EXPECT_EQ(0x2Au, id);
+    const auto sent = spy.messages();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ("REMOTE", sent[0].connection);
+    EXPECT_EQ(0x77, sent[0].object_id);
+    EXPECT_EQ(0u, manager_->remove_observer(0x77));
+}
+
+}  // namespace
