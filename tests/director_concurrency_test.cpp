@@ -1,0 +1,187 @@
+// The director manager under concurrent use: first calls of the singleton,
+// registrations racing routed notifications, and a removal racing a notification
+// that is still running.
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tev_ash_director_manager.h"
+#include "tev_ash_observer.h"
+
+namespace {
+
+using namespace velmora;
+
+TEV_ASH_APP_TYPE type(int t) {
+    return static_cast<TEV_ASH_APP_TYPE>(t);
+}
+
+// A one-shot gate that threads wait on until it is opened.
+class gate {
+public:
+    void open() {
+        {
+            std::lock_guard<std::mutex> lock(mtx_);
+            open_ = true;
+        }
+        cv_.notify_all();
+    }
+    void wait() {
+        std::unique_lock<std::mutex> lock(mtx_);
+        cv_.wait(lock, [this] { return open_; });
+    }
+
+private:
+    std::mutex mtx_;
+    std::condition_variable cv_;
+    bool open_ = false;
+};
+
+// Answers create with its own tag as handler id; counts live objects.
+class counting_observer : public tev_ash_observer {
+public:
+    counting_observer(unsigned int tag, std::atomic<int>& live) : tag_(tag), live_(live) {
+        ++live_;
+    }
+    ~counting_observer() override { --live_; }
+    void notify_create(TEV_ASH_CATEGORY, TEV_ASH_SERVICE_TYPE, unsigned int& handler_id,
+                       unsigned int, long& result) override {
+        handler_id = tag_;
+        result = 0;
+    }
+    void notify_remove(unsigned int, long& result) override { result = 0; }
+    void notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int, long& result) override { result = 0; }
+
+private:
+    const unsigned int tag_;
+    std::atomic<int>& live_;
+};
+
+TEST(DirectorManagerConcurrency, FirstCallsShareOneManager) {
+    constexpr int THREADS = 8;
+    gate start;
+    std::vector<tev_ash_director_manager*> seen(THREADS, nullptr);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < THREADS; ++i) {
+        threads.emplace_back([&, i] {
+            start.wait();
+            seen[i] = tev_ash_director_manager::get_instance();
+        });
+    }
+    start.open();
+    for (auto& t : threads) t.join();
+    for (auto* m : seen) EXPECT_EQ(seen[0], m);
+    EXPECT_NE(nullptr, seen[0]);
+}
+
+TEST(DirectorManagerConcurrency, RegistrationsRaceRoutedNotifications) {
+    constexpr int TYPES = 4;
+    constexpr int ROUNDS = 300;
+    constexpr int ROUTERS = 3;
+    auto* manager = tev_ash_director_manager::get_instance();
+    std::atomic<int> live{0};
+    std::atomic<bool> done{false};
+    std::atomic<int> bad_results{0};
+
+    std::vector<std::thread> routers;
+    for (int r = 0; r < ROUTERS; ++r) {
+        routers.emplace_back([&, r] {
+            for (unsigned int i = 0; !done.load(); ++i) {
+                const int t = 200 + static_cast<int>((i + r) % TYPES);
+                unsigned int id = 0;
+                const unsigned int rc =
+                    manager->create(TEV_ASH_CAT_AUTH, type(t), TEV_ASH_SERVICE_TYPE_NONE, &id, 0);
+                // Either the type's observer answered with its tag, or none was registered.
+                if (!(rc == 0 && id / 1000 == static_cast<unsigned int>(t)) && rc != 0xC1030006u) {
+                    ++bad_results;
+                }
+                const unsigned int rc2 = manager->reset(type(t), TEV_ASH_SERVICE_TYPE_NONE, 1);
+                if (rc2 != 0 && rc2 != 0xC1030006u) ++bad_results;
+            }
+        });
+    }
+    std::vector<std::thread> registrars;
+    for (int t = 0; t < TYPES; ++t) {
+        registrars.emplace_back([&, t] {
+            const int app = 200 + t;
+            for (int i = 0; i < ROUNDS; ++i) {
+                auto* o =
+                    new counting_observer(static_cast<unsigned int>(app * 1000 + i % 1000), live);
+                if (manager->add_observer(type(app), o) != 0) {
+                    ++bad_results;
+                    delete o;
+                    continue;
+                }
+                if (manager->remove_observer(o->get_obj_id()) != 0) ++bad_results;
+            }
+        });
+    }
+    for (auto& t : registrars) t.join();
+    done = true;
+    for (auto& t : routers) t.join();
+    EXPECT_EQ(0, bad_results.load());
+    EXPECT_EQ(0, live.load());  // every observer destroyed, none twice
+}
+
+// Blocks its remove notification until released, and checks that it is not
+// destroyed while that notification runs. The gates outlive it.
+class blocking_observer : public tev_ash_observer {
+public:
+    blocking_observer(gate& entered, gate& release) : entered(entered), release(release) {}
+    void notify_create(TEV_ASH_CATEGORY, TEV_ASH_SERVICE_TYPE, unsigned int&, unsigned int,
+                       long& result) override {
+        result = 0;
+    }
+    void notify_remove(unsigned int, long& result) override {
+        entered.open();
+        release.wait();
+        result = 0;
+        finished = true;
+    }
+    void notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int, long& result) override { result = 0; }
+    ~blocking_observer() override { finished_before_destruction = finished.load(); }
+
+    gate& entered;
+    gate& release;
+    std::atomic<bool> finished{false};
+    static std::atomic<bool> finished_before_destruction;
+};
+std::atomic<bool> blocking_observer::finished_before_destruction{false};
+
+TEST(DirectorManagerConcurrency, RemovalWaitsForARunningNotification) {
+    auto* manager = tev_ash_director_manager::get_instance();
+    gate entered, release;
+    auto* o = new blocking_observer(entered, release);
+    const long id = o->get_obj_id();
+    ASSERT_EQ(0u, manager->add_observer(type(300), o));
+
+    unsigned int routed_rc = 1;
+    std::thread router([&] { routed_rc = manager->remove(type(300), 7); });
+    entered.wait();
+
+    std::atomic<bool> removed{false};
+    unsigned int remove_rc = 1;
+    std::thread remover([&] {
+        remove_rc = manager->remove_observer(id);
+        removed = true;
+    });
+    // Once the registration is gone, the remover is waiting for the notification.
+    while (manager->reset(type(300), TEV_ASH_SERVICE_TYPE_NONE, 1) != 0xC1030006u) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(removed.load());
+    EXPECT_FALSE(o->finished.load());
+    release.open();
+    router.join();
+    remover.join();
+    EXPECT_EQ(0u, routed_rc);
+    EXPECT_EQ(0u, remove_rc);
+    EXPECT_TRUE(blocking_observer::finished_before_destruction.load());
+}
+
+}  // namespace
