@@ -1,0 +1,255 @@
+#include "handler_service.h"
+
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <set>
+
+#include "gen_ipc.h"
+#include "tev_ash_connecter.h"
+#include "tev_ash_director_manager.h"
+#include "tev_ash_messages.h"
+#include "tev_ash_observer_impl.h"
+
+namespace tevash_tools {
+
+using namespace velmora;
+
+namespace {
+
+void reply_ctrl(const gen_ipc_msghdr& hdr, long func_id, const tev_ash_ctrl_rpl& rpl) {
+    char buf[tev_ash_ctrl_rpl::SIZE];
+    encode(rpl, func_id, buf);
+    gen_ipc_reply(hdr, buf, ctrl_rpl_length(func_id));
+}
+
+void reply_ctrl_ret(const gen_ipc_msghdr& hdr, long func_id, unsigned int ret) {
+    tev_ash_ctrl_rpl rpl;
+    rpl.ret = ret;
+    reply_ctrl(hdr, func_id, rpl);
+}
+
+void reply_result(const gen_ipc_msghdr& hdr, unsigned int rc) {
+    tev_ash_result_rpl rpl;
+    rpl.rc = rc;
+    char buf[tev_ash_result_rpl::SIZE];
+    encode(rpl, buf);
+    gen_ipc_reply(hdr, buf, sizeof buf);
+}
+
+// A 16-byte name field as a terminated string.
+void terminated_name(char (&dst)[TEV_ASH_CONNECTION_NAME_LEN + 1], const char* field) {
+    tev_ash_wire::get_name(dst, field);
+    dst[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
+}
+
+}  // namespace
+
+handler_service::handler_service() = default;
+
+handler_service::~handler_service() {
+    std::set<long> registered;
+    {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        for (const auto& entry : directors_) registered.insert(entry.second.obj_id);
+        directors_.clear();
+    }
+    tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
+    for (long obj_id : registered) {
+        while (manager->remove_observer(obj_id) == TEV_ASH_RC_OK) {
+        }
+    }
+    std::lock_guard<std::mutex> lock(connecters_mtx_);
+    connecters_.clear();
+}
+
+void handler_service::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_len,
+                               gen_ipc_msghdr sync_handle) {
+    const unsigned int len = rcvbuf == nullptr ? 0 : rcvbuf_len;
+    switch (func_id) {
+        case TEV_ASH_FUNC_ADD_OBSERVER: add_observer(rcvbuf, len, sync_handle); break;
+        case TEV_ASH_FUNC_REMOVE_OBSERVER: remove_observer(rcvbuf, len, sync_handle); break;
+        case TEV_ASH_FUNC_CREATE: create(rcvbuf, len, sync_handle); break;
+        case TEV_ASH_FUNC_REMOVE: remove(rcvbuf, len, sync_handle); break;
+        case TEV_ASH_FUNC_RESET: reset(rcvbuf, len, sync_handle); break;
+        case TEV_ASH_FUNC_CTRL_NOTIFY_START: notify_start(sync_handle); break;
+        case TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END:
+        case TEV_ASH_FUNC_CTRL_NOTIFY_STOP:
+            set_connecter_status(func_id, rcvbuf, len, sync_handle);
+            break;
+        case TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER:
+            get_director_observer(rcvbuf, len, sync_handle);
+            break;
+        default: break;  // unknown function: no reply
+    }
+}
+
+void handler_service::add_observer(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
+    tev_ash_add_observer_req request;
+    if (!decode(req, len, &request)) {
+        reply_ctrl_ret(hdr, TEV_ASH_FUNC_ADD_OBSERVER, TEV_ASH_RC_BAD_ARG);
+        return;
+    }
+    director_entry entry;
+    entry.obj_id = tev_ash_wire::object_id_from_wire(request.observer);
+    terminated_name(entry.connection_name, request.connection_name);
+    auto app_type = static_cast<TEV_ASH_APP_TYPE>(request.app_type);
+
+    auto* proxy = new tev_ash_observer_impl(entry.obj_id, entry.connection_name);
+    const unsigned int ret =
+        tev_ash_director_manager::get_instance()->add_observer(app_type, proxy);
+    if (ret != TEV_ASH_RC_OK) {
+        delete proxy;  // refused: still ours
+    } else {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        directors_[app_type] = entry;
+    }
+    reply_ctrl_ret(hdr, TEV_ASH_FUNC_ADD_OBSERVER, ret);
+}
+
+void handler_service::remove_observer(const char* req, unsigned int len,
+                                      const gen_ipc_msghdr& hdr) {
+    tev_ash_remove_observer_req request;
+    if (!decode(req, len, &request)) {
+        reply_ctrl_ret(hdr, TEV_ASH_FUNC_REMOVE_OBSERVER, TEV_ASH_RC_BAD_ARG);
+        return;
+    }
+    const long obj_id = tev_ash_wire::object_id_from_wire(request.observer);
+    {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        for (auto it = directors_.begin(); it != directors_.end();) {
+            it = it->second.obj_id == obj_id ? directors_.erase(it) : std::next(it);
+        }
+    }
+    // A director withdraws every registration of its observer at once; each
+    // application type it registered for holds its own proxy.
+    tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
+    const unsigned int ret = manager->remove_observer(obj_id);
+    if (ret == TEV_ASH_RC_OK) {
+        while (manager->remove_observer(obj_id) == TEV_ASH_RC_OK) {
+        }
+    }
+    reply_ctrl_ret(hdr, TEV_ASH_FUNC_REMOVE_OBSERVER, ret);
+}
+
+void handler_service::create(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
+    tev_ash_create_req request;
+    tev_ash_create_rpl rpl;
+    if (!decode(req, len, &request)) {
+        rpl.rc = TEV_ASH_RC_BAD_ARG;
+    } else {
+        unsigned int handler_id = 0;
+        rpl.rc = tev_ash_director_manager::get_instance()->create(
+            static_cast<TEV_ASH_CATEGORY>(request.category),
+            static_cast<TEV_ASH_APP_TYPE>(request.app_type),
+            static_cast<TEV_ASH_SERVICE_TYPE>(request.service_type), &handler_id,
+            request.src_handler_id);
+        rpl.handler_id = handler_id;
+    }
+    char buf[tev_ash_create_rpl::SIZE];
+    encode(rpl, buf);
+    gen_ipc_reply(hdr, buf, sizeof buf);
+}
+
+void handler_service::remove(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
+    tev_ash_remove_req request;
+    if (!decode(req, len, &request)) {
+        reply_result(hdr, TEV_ASH_RC_BAD_ARG);
+        return;
+    }
+    reply_result(hdr, tev_ash_director_manager::get_instance()->remove(
+                          static_cast<TEV_ASH_APP_TYPE>(request.app_type), request.handler_id));
+}
+
+void handler_service::reset(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
+    tev_ash_reset_req request;
+    if (!decode(req, len, &request)) {
+        reply_result(hdr, TEV_ASH_RC_BAD_ARG);
+        return;
+    }
+    reply_result(hdr,
+                 tev_ash_director_manager::get_instance()->reset(
+                     static_cast<TEV_ASH_APP_TYPE>(request.app_type),
+                     static_cast<TEV_ASH_SERVICE_TYPE>(request.service_type), request.handler_id));
+}
+
+void handler_service::notify_start(const gen_ipc_msghdr& hdr) {
+    tev_ash_ctrl_rpl rpl;
+    {
+        std::lock_guard<std::mutex> lock(connecters_mtx_);
+        if (next_conn_id_ > MAX_CONNECTERS) {
+            rpl.ret = TEV_ASH_RC_FAILURE;
+        } else {
+            const auto conn_id = static_cast<unsigned char>(next_conn_id_++);
+            char name[TEV_ASH_CONNECTION_NAME_LEN + 1];
+            std::snprintf(name, sizeof name, "TEV_ASH_CON%03u", static_cast<unsigned int>(conn_id));
+            auto connecter = std::make_unique<tev_ash_connecter>(conn_id, name);
+            connecter->set_status(tev_ash_connecter::CTRL_STATUS_STARTED);
+            connecters_[conn_id] = std::move(connecter);
+            rpl.connecter_id = conn_id;
+        }
+    }
+    reply_ctrl(hdr, TEV_ASH_FUNC_CTRL_NOTIFY_START, rpl);
+}
+
+void handler_service::set_connecter_status(long func_id, const char* req, unsigned int len,
+                                           const gen_ipc_msghdr& hdr) {
+    tev_ash_ctrl_req request;
+    if (len < tev_ash_ctrl_req::SIZE_CONN_ID || !decode(req, len, &request)) {
+        reply_ctrl_ret(hdr, func_id, TEV_ASH_RC_BAD_ARG);
+        return;
+    }
+    unsigned int ret = TEV_ASH_RC_OK;
+    {
+        std::lock_guard<std::mutex> lock(connecters_mtx_);
+        auto it = connecters_.find(request.conn_id);
+        if (it == connecters_.end()) {
+            ret = TEV_ASH_RC_BAD_ARG;
+        } else {
+            it->second->set_status(func_id == TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END
+                                       ? tev_ash_connecter::CTRL_STATUS_READY
+                                       : tev_ash_connecter::CTRL_STATUS_STOPPED);
+        }
+    }
+    reply_ctrl_ret(hdr, func_id, ret);
+}
+
+void handler_service::get_director_observer(const char* req, unsigned int len,
+                                            const gen_ipc_msghdr& hdr) {
+    tev_ash_ctrl_req request;
+    if (len < tev_ash_ctrl_req::SIZE_DIRECTOR || !decode(req, len, &request)) {
+        reply_ctrl_ret(hdr, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, TEV_ASH_RC_BAD_ARG);
+        return;
+    }
+    const auto app_type = static_cast<TEV_ASH_APP_TYPE>(request.app_type);
+    director_entry director{};
+    bool known_director = false;
+    {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        auto it = directors_.find(app_type);
+        if (it != directors_.end()) {
+            director = it->second;
+            known_director = true;
+        }
+    }
+    tev_ash_ctrl_rpl rpl;
+    {
+        std::lock_guard<std::mutex> lock(connecters_mtx_);
+        auto it = connecters_.find(request.conn_id);
+        if (it == connecters_.end()) {
+            rpl.ret = TEV_ASH_RC_BAD_ARG;
+        } else if (!known_director) {
+            rpl.ret = TEV_ASH_RC_NO_OBSERVER;
+        } else {
+            // The connecter answers with its proxy of the director's observer.
+            long obj_id = director.obj_id;
+            it->second->get_director_observer(app_type, obj_id, director.connection_name);
+            director.connection_name[TEV_ASH_CONNECTION_NAME_LEN - 1] = '\0';
+            rpl.obj_id = tev_ash_wire::object_id_to_wire(obj_id);
+            tev_ash_wire::get_name(rpl.connection_name, director.connection_name);
+        }
+    }
+    reply_ctrl(hdr, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, rpl);
+}
+
+}  // namespace tevash_tools
