@@ -37,6 +37,7 @@ tev_ash_connecter::CTRL_STATUS tev_ash_connecter::get_status() {
 
 unsigned int tev_ash_connecter::get_director_observer(TEV_ASH_APP_TYPE app_type, long& obj_id,
                                                       char* connection_name) {
+    if (connection_name == nullptr) return TEV_ASH_RC_BAD_ARG;
     auto it = director_observers_.find(app_type);
     if (it == director_observers_.end()) {
         auto* proxy = new tev_ash_observer_impl(obj_id, connection_name);

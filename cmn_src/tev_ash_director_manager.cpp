@@ -169,6 +169,11 @@ unsigned int tev_ash_director_manager::create(TEV_ASH_CATEGORY category, TEV_ASH
                                               unsigned int* handler_id,
                                               unsigned int src_handler_id) {
     long result = 0;
+    if (handler_id == nullptr) {
+        TEV_ASH_TRACE(FILE_NAME, "create", "[Error]handler_id is NULL");
+        TEV_ASH_NOTIFY(TEV_ASH_NOTIFY_NULL_ARG, FILE_NAME, "create");
+        return TEV_ASH_RC_BAD_ARG;
+    }
     std::shared_ptr<tev_ash_observer> observer = find(app_type);
     if (!observer) {
         TEV_ASH_TRACE(FILE_NAME, "create", "[Error]rc:%#.8lx",

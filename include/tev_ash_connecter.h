@@ -21,13 +21,13 @@ class TEV_ASH_API tev_ash_connecter {
 public:
     // Connection control status; stored and returned unchecked.
     enum CTRL_STATUS : std::int32_t {
-        CTRL_STATUS_NONE = 0,      // new connecter
-        CTRL_STATUS_STARTED = 1,   // announced itself (notify start)
-        CTRL_STATUS_READY = 2,     // finished its initialisation (notify init end)
-        CTRL_STATUS_STOPPED = 3,   // said goodbye (notify stop)
+        CTRL_STATUS_NONE = 0,     // new connecter
+        CTRL_STATUS_STARTED = 1,  // announced itself (notify start)
+        CTRL_STATUS_READY = 2,    // finished its initialisation (notify init end)
+        CTRL_STATUS_STOPPED = 3,  // said goodbye (notify stop)
     };
 
-    // REQUIRES: `connection_name` is not null. At most 16 bytes are kept.
+    // At most 16 bytes of `connection_name` are kept; a null name leaves it empty.
     tev_ash_connecter(unsigned char conn_id, const char* connection_name);
     ~tev_ash_connecter();
 
@@ -40,8 +40,9 @@ public:
     // Returns the proxy for `app_type`, made from `obj_id` and `connection_name` on
     // the first request for that type (later values are ignored). On return
     // `obj_id` is the proxy's address and the first 15 bytes of `connection_name`
-    // hold the proxy's connection name (byte 15 is never written). Always 0.
-    // REQUIRES: `connection_name` points to at least 16 bytes.
+    // hold the proxy's connection name (byte 15 is never written). Returns 0, or
+    // 0xC1030008 without any change for a null `connection_name`.
+    // REQUIRES: a non-null `connection_name` points to at least 16 bytes.
     unsigned int get_director_observer(TEV_ASH_APP_TYPE app_type, long& obj_id,
                                        char* connection_name);
 

@@ -44,7 +44,8 @@ public:
     unsigned int remove_observer(long obj_id);
 
     // Route to the observer registered for `app_type`: 0xC1030006 when there is
-    // none, else the director's result. REQUIRES: `handler_id` is not null.
+    // none, else the director's result. create refuses a null `handler_id` with
+    // 0xC1030008 (one trace line, one 0xE924 notification) and notifies nobody.
     unsigned int create(TEV_ASH_CATEGORY category, TEV_ASH_APP_TYPE app_type,
                         TEV_ASH_SERVICE_TYPE service_type, unsigned int* handler_id,
                         unsigned int src_handler_id);

@@ -365,6 +365,17 @@ TEST(Connecter, ReturnedNameStopsAtFifteenBytesAndLeavesTheLastByte) {
     EXPECT_EQ(std::string("XY") + std::string(13, '\0') + "#", std::string(short_out, 16));
 }
 
+TEST(Connecter, NullBufferIsRefusedAndMakesNoProxy) {
+    tev_ash_connecter c(1, nullptr);
+    EXPECT_EQ(std::string(16, '\0'), field(c.get_connection_name()));
+    long id = 11;
+    EXPECT_EQ(0xC1030008u, c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), id, nullptr));
+    EXPECT_EQ(11, id);
+    char name[16] = "LATER";
+    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), id, name);
+    EXPECT_EQ(11, reinterpret_cast<tev_ash_observer_impl*>(id)->get_obj_id());
+}
+
 // ---- Director manager
 
 class DirectorManager : public Traced {
@@ -403,6 +414,19 @@ TEST_F(DirectorManager, RoutesToTheRegisteredObserverWithItsArguments) {
     EXPECT_THAT(traces(), IsEmpty());
     EXPECT_EQ(0u, manager_->remove_observer(o->get_obj_id()));
     EXPECT_EQ(1, destroyed);
+}
+
+TEST_F(DirectorManager, NullHandlerIdIsRefusedBeforeTheDirector) {
+    int destroyed = 0;
+    auto* o = new test_observer(&destroyed);
+    ASSERT_EQ(0u, manager_->add_observer(type(106), o));
+    EXPECT_EQ(0xC1030008u,
+              manager_->create(TEV_ASH_CAT_AUTH, type(106), TEV_ASH_SERVICE_TYPE_NONE, nullptr, 0));
+    EXPECT_THAT(o->calls, IsEmpty());
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_director_manager::create,[Error]handler_id is NULL"));
+    EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_director_manager::create 0,0"));
+    manager_->remove_observer(o->get_obj_id());
 }
 
 TEST_F(DirectorManager, DirectorFailureIsReturnedUnchangedWithOneTraceLine) {
