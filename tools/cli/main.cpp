@@ -55,11 +55,10 @@ tev_ash_facade* facade() {
     return tev_ash_facade::tev_ash_get_instance();
 }
 
-unsigned int create_handler(bool director, unsigned int category, int app_type, unsigned int* id) {
-    if (director)
-        return facade()->tev_ash_create(category, static_cast<velmora::TEV_ASH_APP_TYPE>(app_type),
-                                        velmora::TEV_ASH_SERVICE_TYPE_NONE, id, 0);
-    return facade()->tev_ash_create_info(category, id, 0);
+// Creates through the handler service and the director of `app_type`.
+unsigned int create_handler(unsigned int category, int app_type, unsigned int* id) {
+    return facade()->tev_ash_create(category, static_cast<velmora::TEV_ASH_APP_TYPE>(app_type),
+                                    velmora::TEV_ASH_SERVICE_TYPE_NONE, id, 0);
 }
 
 // A member value in the type the user named.
@@ -217,7 +216,7 @@ std::vector<unsigned int> roots() {
 
 // ---- demo
 
-int run_demo(bool director, int app_type) {
+int run_demo(int app_type) {
     tevhost::store_use_memory();
     tevhost::trace_capture capture;
     auto* f = facade();
@@ -225,20 +224,19 @@ int run_demo(bool director, int app_type) {
         std::cout << "  " << what << " -> " << hex32(rc) << '\n';
         return rc == 0;
     };
-    std::cout << "Building a handler tree" << (director ? " through the director" : "") << '\n';
+    std::cout << "Building a handler tree through the director\n";
     unsigned int auth = 0, img = 0, job = 0, job2 = 0, set0 = 0, set1 = 0;
-    bool ok =
-        step("create AUTH", create_handler(director, 0x2, app_type, &auth)) &&
-        step("create APLSVC_IMG", create_handler(director, 0x1, app_type, &img)) &&
-        step("create APLJOB", create_handler(director, 0x4, app_type, &job)) &&
-        step("create JOBSET_03", create_handler(director, 0x8, app_type, &set0)) &&
-        step("create JOBSET_03", create_handler(director, 0x8, app_type, &set1)) &&
-        step("create APLJOB (copy destination)", create_handler(director, 0x4, app_type, &job2)) &&
-        step("link AUTH -> APLSVC_IMG", f->tev_ash_set_link(0x2, auth, 0x1, img)) &&
-        step("link APLSVC_IMG -> APLJOB", f->tev_ash_set_link(0x1, img, 0x4, job)) &&
-        step("link APLSVC_IMG -> APLJOB", f->tev_ash_set_link(0x1, img, 0x4, job2)) &&
-        step("link APLJOB -> JOBSET_03", f->tev_ash_set_link(0x4, job, 0x8, set0)) &&
-        step("link APLJOB -> JOBSET_03", f->tev_ash_set_link(0x4, job, 0x8, set1));
+    bool ok = step("create AUTH", create_handler(0x2, app_type, &auth)) &&
+              step("create APLSVC_IMG", create_handler(0x1, app_type, &img)) &&
+              step("create APLJOB", create_handler(0x4, app_type, &job)) &&
+              step("create JOBSET_03", create_handler(0x8, app_type, &set0)) &&
+              step("create JOBSET_03", create_handler(0x8, app_type, &set1)) &&
+              step("create APLJOB (copy destination)", create_handler(0x4, app_type, &job2)) &&
+              step("link AUTH -> APLSVC_IMG", f->tev_ash_set_link(0x2, auth, 0x1, img)) &&
+              step("link APLSVC_IMG -> APLJOB", f->tev_ash_set_link(0x1, img, 0x4, job)) &&
+              step("link APLSVC_IMG -> APLJOB", f->tev_ash_set_link(0x1, img, 0x4, job2)) &&
+              step("link APLJOB -> JOBSET_03", f->tev_ash_set_link(0x4, job, 0x8, set0)) &&
+              step("link APLJOB -> JOBSET_03", f->tev_ash_set_link(0x4, job, 0x8, set1));
     if (!ok) return fail_code("demo tree", 1, capture);
     draw(build_node(auth, 0), "", true, true, std::cout);
 
@@ -350,8 +348,10 @@ int main(int argc, char** argv) {
             return fail("cannot open store '" + opt.store + "': " + error);
     }
     system_runtime runtime(static_cast<velmora::TEV_ASH_APP_TYPE>(opt.app_type));
-    const bool director = runtime.has_director();
-    if (*demo) return run_demo(director, opt.app_type);
+    if (runtime.status() != 0)
+        return fail("cannot start the handler service and director: result " +
+                    hex32(runtime.status()));
+    if (*demo) return run_demo(opt.app_type);
 
     tevhost::trace_capture capture;
     auto* f = facade();
@@ -371,15 +371,13 @@ int main(int argc, char** argv) {
             unsigned int rc = f->tev_ash_get_category(parent, &parent_cat);
             if (rc != 0) return fail_code("parent " + std::to_string(parent), rc, capture);
         }
-        unsigned int rc = create_handler(director, category, opt.app_type, &id);
+        unsigned int rc = create_handler(category, opt.app_type, &id);
         if (rc != 0) return fail_code("create", rc, capture);
         if (parent != 0) {
             rc = f->tev_ash_set_link(parent_cat, parent, category, id);
             if (rc != 0) {
-                if (director)
-                    f->tev_ash_remove(static_cast<velmora::TEV_ASH_APP_TYPE>(opt.app_type), id);
-                else
-                    f->tev_ash_remove_info(id);
+                // Leave no half-made handler behind.
+                f->tev_ash_remove(static_cast<velmora::TEV_ASH_APP_TYPE>(opt.app_type), id);
                 return fail_code("link", rc, capture);
             }
         }
@@ -452,10 +450,8 @@ int main(int argc, char** argv) {
     if (*reset || *remove) {
         if (!num(a_text, &a, "handler id")) return 1;
         auto app_type = static_cast<velmora::TEV_ASH_APP_TYPE>(opt.app_type);
-        unsigned int rc =
-            *reset ? (director ? f->tev_ash_reset(app_type, velmora::TEV_ASH_SERVICE_TYPE_NONE, a)
-                               : f->tev_ash_reset_info(a))
-                   : (director ? f->tev_ash_remove(app_type, a) : f->tev_ash_remove_info(a));
+        unsigned int rc = *reset ? f->tev_ash_reset(app_type, velmora::TEV_ASH_SERVICE_TYPE_NONE, a)
+                                 : f->tev_ash_remove(app_type, a);
         return rc ? fail_code(*reset ? "reset" : "remove", rc, capture) : 0;
     }
     return fail("no subcommand");

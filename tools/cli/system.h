@@ -1,10 +1,11 @@
-// The in-process system the command-line tool runs on: record store backend,
-// handler service and the sample director for one application type.
+// The in-process system the command-line tool runs on: the handler service and
+// the sample director for one application type, over whatever record store the
+// process uses. Create, reset and remove travel facade -> handler service ->
+// director -> record store, as on a device.
 #ifndef TEVASH_CLI_SYSTEM_H
 #define TEVASH_CLI_SYSTEM_H
 
 #include <memory>
-#include <string>
 
 #include "tev_ash_types.h"
 
@@ -12,14 +13,14 @@ namespace tevash_cli {
 
 class system_runtime {
 public:
+    // Starts the system; check status() before use.
     explicit system_runtime(velmora::TEV_ASH_APP_TYPE app_type);
     ~system_runtime();
     system_runtime(const system_runtime&) = delete;
     system_runtime& operator=(const system_runtime&) = delete;
 
-    // True when create, reset and remove travel through the handler service and
-    // a director; false when they go straight to the record store.
-    bool has_director() const;
+    // 0 when the system is up; otherwise the code of the step that failed.
+    unsigned int status() const;
 
 private:
     struct impl;
