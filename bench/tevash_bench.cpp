@@ -7,10 +7,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/tev_host.h"
 #include "tev_ash_control.h"
 #include "tev_ash_facade.h"
-#include "tev_host.h"
 #include "wud_wud_service_info.h"
+#ifdef TEVASH_BENCH_HAVE_SERVICE
+#include "host_system.h"
+#endif
 
 using namespace velmora;
 using store = wud_wud_service_info;
@@ -73,7 +76,8 @@ const tree& shared_tree() {
 void BM_read_itself(benchmark::State& st) {
     const tree& t = shared_tree();
     long v = 0;
-    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, JOB_MEMBER, &v, 0));
+    for (auto _ : st)
+        benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, JOB_MEMBER, &v, 0));
 }
 void BM_raw_read_itself(benchmark::State& st) {  // category, value
     const tree& t = shared_tree();
@@ -81,13 +85,15 @@ void BM_raw_read_itself(benchmark::State& st) {  // category, value
     std::int32_t v = 0;
     for (auto _ : st) {
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
-        benchmark::DoNotOptimize(store::wud_wud_service_info_get_current(CMP, t.job, JOB_MEMBER, &v));
+        benchmark::DoNotOptimize(
+            store::wud_wud_service_info_get_current(CMP, t.job, JOB_MEMBER, &v));
     }
 }
 void BM_read_child(benchmark::State& st) {
     const tree& t = shared_tree();
     long v = 0;
-    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, CHILD_MEMBER, &v, 0));
+    for (auto _ : st)
+        benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, CHILD_MEMBER, &v, 0));
 }
 void BM_raw_read_child(benchmark::State& st) {  // category, category, child link, value
     const tree& t = shared_tree();
@@ -98,13 +104,15 @@ void BM_raw_read_child(benchmark::State& st) {  // category, category, child lin
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, t.job, &cat);
         store::wud_wud_service_info_get_child_link(TEV_ASH_CMP_ID, cat, t.job, ccat, order, &child);
-        benchmark::DoNotOptimize(store::wud_wud_service_info_get_current(CMP, child, CHILD_MEMBER, &v));
+        benchmark::DoNotOptimize(
+            store::wud_wud_service_info_get_current(CMP, child, CHILD_MEMBER, &v));
     }
 }
 void BM_read_auth(benchmark::State& st) {
     const tree& t = shared_tree();
     long v = 0;
-    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, AUTH_MEMBER, &v, 0));
+    for (auto _ : st)
+        benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, AUTH_MEMBER, &v, 0));
 }
 void BM_raw_read_auth(benchmark::State& st) {  // category, 2 x (category, parent), value
     const tree& t = shared_tree();
@@ -122,7 +130,8 @@ void BM_raw_read_auth(benchmark::State& st) {  // category, 2 x (category, paren
 void BM_write_auth(benchmark::State& st) {
     const tree& t = shared_tree();
     long v = 0;
-    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_set_member(CMP, t.job, AUTH_MEMBER, ++v, 0));
+    for (auto _ : st)
+        benchmark::DoNotOptimize(facade()->tev_ash_set_member(CMP, t.job, AUTH_MEMBER, ++v, 0));
 }
 void BM_raw_write_auth(benchmark::State& st) {
     const tree& t = shared_tree();
@@ -134,7 +143,8 @@ void BM_raw_write_auth(benchmark::State& st) {
         store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, t.job, &p1);
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p1, &cat);
         store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, p1, &p2);
-        benchmark::DoNotOptimize(store::wud_wud_service_info_set_current(CMP, p2, AUTH_MEMBER, ++v));
+        benchmark::DoNotOptimize(
+            store::wud_wud_service_info_set_current(CMP, p2, AUTH_MEMBER, ++v));
     }
 }
 
@@ -196,8 +206,6 @@ void BM_copy(benchmark::State& st) {
     const auto n = static_cast<unsigned int>(st.range(0));
     const copy_pair p = make_copy_pair(n);
     for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_copy(p.src, p.dst));
-    st.counters["per_child_ns"] = benchmark::Counter(
-        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 void BM_raw_copy(benchmark::State& st) {  // the same store operations, made directly
     const auto n = static_cast<unsigned int>(st.range(0));
@@ -208,6 +216,9 @@ void BM_raw_copy(benchmark::State& st) {  // the same store operations, made dir
         unsigned int cat = 0, sp = 0, dp = 0, count = 0, child = 0, copy_id = 0;
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.dst, &cat);
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.src, &cat);
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, job, p.src,
+                                                    &sp);  // overlap check
+        store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, job, p.dst, &dp);
         store::wud_wud_service_info_copy_current(TEV_ASH_CMP_ID, p.src, p.dst);
         store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, p.dst, &cat);
         store::wud_wud_service_info_get_parent_link(TEV_ASH_CMP_ID, cat, p.dst, &dp);
@@ -223,12 +234,11 @@ void BM_raw_copy(benchmark::State& st) {  // the same store operations, made dir
         for (unsigned int i = 0; i < count; ++i) {
             store::wud_wud_service_info_get_child_link_direct(TEV_ASH_CMP_ID, p.src, i, &child);
             store::wud_wud_service_info_get_job_category_by_id(TEV_ASH_CMP_ID, child, &cat);
-            store::wud_wud_service_info_make_and_copy_current(TEV_ASH_CMP_ID, cat, flag, child, &copy_id);
+            store::wud_wud_service_info_make_and_copy_current(TEV_ASH_CMP_ID, cat, flag, child,
+                                                              &copy_id);
             store::wud_wud_service_info_set_link(TEV_ASH_CMP_ID, job, p.dst, cat, copy_id);
         }
     }
-    st.counters["per_child_ns"] = benchmark::Counter(
-        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 // ---- Threads: member reads from 1 and 2 threads at once.
@@ -236,10 +246,45 @@ void BM_raw_copy(benchmark::State& st) {  // the same store operations, made dir
 void BM_read_auth_threads(benchmark::State& st) {
     const tree& t = shared_tree();
     long v = 0;
-    for (auto _ : st) benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, AUTH_MEMBER, &v, 0));
+    for (auto _ : st)
+        benchmark::DoNotOptimize(facade()->tev_ash_get_member(CMP, t.job, AUTH_MEMBER, &v, 0));
 }
 
 }  // namespace
+
+// ---- One create through facade -> handler service -> director -> store, in
+// process, against the one store call the director makes for it.
+
+#ifdef TEVASH_BENCH_HAVE_SERVICE
+void BM_create(benchmark::State& st) {
+    static tevash_tools::host_system* sys = [] {
+        auto* made = new tevash_tools::host_system(static_cast<TEV_ASH_APP_TYPE>(1));
+        return made;
+    }();
+    if (sys->status() != 0) {
+        st.SkipWithError("host system did not start");
+        return;
+    }
+    facade();
+    unsigned int id = 0;
+    for (auto _ : st) {
+        benchmark::DoNotOptimize(
+            facade()->tev_ash_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_APP_TYPE>(1),
+                                     static_cast<TEV_ASH_SERVICE_TYPE>(0), &id, 0));
+    }
+}
+void BM_raw_create(benchmark::State& st) {
+    const unsigned char flag = 0;
+    const unsigned int category = TEV_ASH_CAT_APLJOB;
+    unsigned int id = 0;
+    for (auto _ : st) {
+        benchmark::DoNotOptimize(
+            store::wud_wud_service_info_make_current(TEV_ASH_CMP_ID, category, flag, &id));
+    }
+}
+BENCHMARK(BM_create);
+BENCHMARK(BM_raw_create);
+#endif
 
 BENCHMARK(BM_read_itself);
 BENCHMARK(BM_raw_read_itself);

@@ -24,5 +24,7 @@ for name, b in runs.items():
         print(f"{name:44} {t:10.1f} {r:10.1f} {t / r:7.2f}")
     else:
         print(f"{name:44} {t:10.1f} {'':>10} {'':>7}")
-    if "per_child_ns" in b:
-        print(f"{'  per child':44} {b['per_child_ns']:10.1f}")
+    if name.startswith("BM_copy/"):
+        n = int(name.split("/")[1])
+        raw_per_child = f"{raw['cpu_time'] / n:10.1f}" if raw else ""
+        print(f"{'  per child':44} {t / n:10.1f} {raw_per_child}")

@@ -3,6 +3,8 @@
 set -euo pipefail
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
       libsqlite3-dev libcli11-dev pkg-config)
+# Extra packages named on the command line (e.g. gcovr, valgrind) are added.
+pkgs+=("$@")
 missing=()
 for p in "${pkgs[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

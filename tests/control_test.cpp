@@ -131,6 +131,45 @@ TEST_F(FacadeChecks, UncheckedOperationsGoStraightDown) {
     EXPECT_EQ(2u, spy.messages().size());
 }
 
+TEST_F(FacadeChecks, EveryOperationForwardsToTheControlLayer) {
+    tevhost::message_spy spy([](const tevhost::sent_message& m, std::vector<unsigned char>& r) {
+        r = m.func_id == 2 ? std::vector<unsigned char>{0x44, 0, 0, 0, 0, 0, 0, 0}
+                           : std::vector<unsigned char>{0, 0, 0, 0};
+        return true;
+    });
+    unsigned int id = 0;
+    EXPECT_EQ(0u, facade->tev_ash_create(4, TEV_ASH_APP_TYPE(1), TEV_ASH_SERVICE_TYPE(2), &id, 0));
+    EXPECT_EQ(0x44u, id);
+    EXPECT_EQ(1u, spy.messages().size());
+
+    const tevtest::job_tree t = tevtest::make_job_tree({0x8, 0x10});
+    unsigned int made = 0;
+    ASSERT_EQ(0u, facade->tev_ash_create_info(8, &made, t.children[0]));
+    ASSERT_EQ(0u, facade->tev_ash_set_link(4, t.job, 8, made));
+    unsigned int n = 0;
+    ASSERT_EQ(0u, facade->tev_ash_get_child_count(t.job, &n));
+    EXPECT_EQ(3u, n);
+    ASSERT_EQ(0u, facade->tev_ash_get_child_count(t.job, &n, 8));
+    EXPECT_EQ(2u, n);
+    unsigned int child = 0;
+    ASSERT_EQ(0u, facade->tev_ash_get_child_id(t.job, 8, &child, 1));
+    EXPECT_EQ(made, child);
+    ASSERT_EQ(0u, facade->tev_ash_get_child_id_direct(t.job, 1, &child));
+    EXPECT_EQ(t.children[1], child);
+    unsigned int parent = 0;
+    ASSERT_EQ(0u, facade->tev_ash_get_parent_id(made, &parent));
+    EXPECT_EQ(t.job, parent);
+    unsigned int category = 0;
+    ASSERT_EQ(0u, facade->tev_ash_get_category(made, &category));
+    EXPECT_EQ(8u, category);
+    ASSERT_EQ(0u, facade->tev_ash_copy_info(t.children[0], made));
+    ASSERT_EQ(0u, facade->tev_ash_reset_info(made));
+    ASSERT_EQ(0u, facade->tev_ash_delete_link(8, made));
+    ASSERT_EQ(0u, facade->tev_ash_remove_info(made));
+    EXPECT_FALSE(tevtest::exists(made));
+    EXPECT_TRUE(trace_calls().empty());
+}
+
 // ---------------------------------------------------------------------------
 
 class ControlRecords : public tevtest::library_test {

@@ -2,6 +2,7 @@
 // the refused and missing cases with their lines, the component id each store
 // call carries, and the width and sign of values on the way in and out.
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -341,6 +342,111 @@ TEST_F(MemberAccess, EachOverloadWritesItsOwnFailureLines) {
                ", target_handler_id:" + job + ", member_id:0X00360003, &ret_p:" + ptr(&us)}),
         r2);
     EXPECT_EQ(9u, calls);
+}
+
+// Every overload, both failure kinds: the resolution's failure passes its code
+// through with the overload's own line last; a store failure is 0xC1030001 with
+// the overload's store line only.
+TEST_F(MemberAccess, EveryOverloadReportsBothFailureKinds) {
+    char buf[8] = {};
+    struct overload {
+        std::function<unsigned int(unsigned int member)> call;
+        std::string resolution_line;  // start of the overload's own line
+        std::string store_line;
+        store_op op;
+    };
+    const std::string set = "tev_ash_control::set_member,";
+    const std::string get = "tev_ash_control::get_member,";
+    const std::string serch = "(serch_target_handler_id) rc:0XC1030001, ";
+    const std::vector<overload> overloads = {
+        {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, 8u, buf, 0); },
+         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
+         store_op::set_current},
+        {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, 1UL, 0); },
+         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
+         store_op::set_current},
+        {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, 1L, 0); },
+         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
+         store_op::set_current},
+        {[&](unsigned int m) {
+             return facade->tev_ash_set_member(5, t.job, m, static_cast<unsigned short>(1), 0);
+         },
+         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
+         store_op::set_current},
+        {[&](unsigned int m) {
+             return facade->tev_ash_set_member(5, t.job, m, static_cast<short>(1), 0);
+         },
+         set + serch, set + "(set_current) rc:0XC1030001", store_op::set_current},
+        {[&](unsigned int m) {
+             return facade->tev_ash_set_member(5, t.job, m, static_cast<unsigned char>(1), 0);
+         },
+         set + serch, set + "[Error](set_current) rc:0XC1030001", store_op::set_current},
+        {[&](unsigned int m) {
+             return facade->tev_ash_set_member(5, t.job, m, static_cast<char>(1), 0);
+         },
+         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
+         store_op::set_current},
+        {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, buf, 0); },
+         set + "[Error](search_target_handler_id) rc:0XC1030001, ",
+         set + "[Error](set_current) rc:0xc1030001", store_op::set_current},
+        {[&](unsigned int m) { return facade->tev_ash_get_member(5, t.job, m, 8u, buf, 0); },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) {
+             unsigned long v = 0;
+             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
+         },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) {
+             long v = 0;
+             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
+         },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) {
+             unsigned short v = 0;
+             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
+         },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) {
+             short v = 0;
+             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
+         },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) {
+             unsigned char v = 0;
+             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
+         },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) { return facade->tev_ash_get_member(5, t.job, m, buf, 0); },
+         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
+         store_op::get_current},
+        {[&](unsigned int m) { return facade->tev_ash_get_member(t.job, m, buf, 0); },
+         get + "[Error](search_target_handler_id) rc:0XC1030001, ",
+         get + "[Error](set_current) rc:0XC1030001", store_op::get_current},
+    };
+    for (std::size_t i = 0; i < overloads.size(); ++i) {
+        SCOPED_TRACE("overload " + std::to_string(i + 1));
+        const overload& o = overloads[i];
+        trace_.clear();
+        EXPECT_EQ(0xC1030001u, o.call(IMAGE_MEMBER));  // refused through a job handler
+        lines got = trace_calls();
+        ASSERT_EQ(2u, got.size());
+        EXPECT_EQ(0u, got[1].rfind(o.resolution_line, 0)) << got[1];
+
+        trace_.clear();
+        tevhost::store_fail_op(o.op, 1, 0xE1000099);
+        EXPECT_EQ(0xC1030001u, o.call(JOB_MEMBER + 6));
+        got = trace_calls();
+        ASSERT_EQ(1u, got.size());
+        EXPECT_EQ(0u, got[0].rfind(o.store_line, 0)) << got[0];
+        EXPECT_EQ(std::string::npos, got[0].find("E1000099"));
+        tevhost::store_fail_clear();
+    }
 }
 
 }  // namespace
