@@ -265,6 +265,53 @@ TEST_F(FileStore, DatabaseFailuresRollBackAndWriteNoOutValue) {
     EXPECT_EQ((std::vector<unsigned char>{70, 0, 0, 0}), read_bytes(src, 7, 4));
 }
 
+// Makes `count` records linked below `root`, each holding its own id in member 1.
+bool make_linked(unsigned int root, int count) {
+    for (int i = 0; i < count; ++i) {
+        unsigned int id = 0;
+        if (S::wud_wud_service_info_make_current(CMP, SET_A, FLAG, &id) != 0 ||
+            S::wud_wud_service_info_set_link(CMP, JOB, root, SET_A, id) != 0 ||
+            S::wud_wud_service_info_set_current(CMP, id, 1, static_cast<unsigned long>(id)) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST_F(FileStore, TwoProcessesWriteOneFileAtOnce) {
+    open();
+    unsigned int root = make(JOB);
+    store_use_memory();  // no open connection crosses the fork
+    constexpr int kEach = 150;
+    int go[2];
+    ASSERT_EQ(0, pipe(go));
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(go[1]);
+        char byte = 0;
+        bool ok = store_use_file(path()) && read(go[0], &byte, 1) == 1 && make_linked(root, kEach);
+        _exit(ok ? 0 : 1);
+    }
+    close(go[0]);
+    open();
+    char byte = 1;
+    ASSERT_EQ(1, write(go[1], &byte, 1));
+    close(go[1]);
+    EXPECT_TRUE(make_linked(root, kEach));
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+    std::vector<unsigned int> linked = children(root);
+    EXPECT_EQ(2u * kEach, linked.size());
+    EXPECT_EQ(2u * kEach, std::set<unsigned int>(linked.begin(), linked.end()).size());
+    for (unsigned int id : linked) {
+        std::vector<unsigned char> v = read_bytes(id, 1, 4);
+        EXPECT_EQ(id, v[0] | v[1] << 8 | v[2] << 16 | static_cast<unsigned int>(v[3]) << 24);
+    }
+}
+
 // Makes, links, writes and removes records below `root` until killed; writes a
 // byte to `progress` after the first rounds.
 [[noreturn]] void write_until_killed(const std::string& path, unsigned int root, int progress) {
