@@ -193,6 +193,32 @@ TEST_F(FileStore, IdsAreNeverReusedAcrossOpeningsAndProcesses) {
     EXPECT_NE(a, 0u);
 }
 
+TEST_F(FileStore, TheLastIdIsHandedOutOnceThenMakingFails) {
+    open();
+    store_use_memory();
+    ASSERT_THAT(raw_sql(path(), "UPDATE meta SET value = 4294967295 WHERE key = 'next_id'"),
+                ElementsAre());
+    // Using up the ids would spoil this process for later tests: a child does it.
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        unsigned int last = 0, none = SENTINEL;
+        bool ok = store_use_file(path()) &&
+                  S::wud_wud_service_info_make_current(CMP, JOB, FLAG, &last) == 0 &&
+                  last == 0xFFFFFFFFu &&
+                  S::wud_wud_service_info_make_current(CMP, JOB, FLAG, &none) == STORE_IO &&
+                  S::wud_wud_service_info_make_and_copy_current(CMP, JOB, FLAG, last, &none) ==
+                      STORE_IO &&
+                  none == SENTINEL && store_records().size() == 1;
+        store_use_memory();
+        ok = ok && S::wud_wud_service_info_make_current(CMP, JOB, FLAG, &none) == STORE_IO;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
 TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     unsigned int kept = make(JOB);  // in the memory store, which must stay in use
     std::string text_file = dir_ + "/notes.txt";

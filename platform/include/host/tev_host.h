@@ -154,7 +154,7 @@ constexpr unsigned int STORE_HAS_PARENT = 0xE1000005;     // child already linke
 constexpr unsigned int STORE_CYCLE = 0xE1000006;          // link would make a cycle
 constexpr unsigned int STORE_NO_LINK = 0xE1000007;        // no parent / no child at order
 constexpr unsigned int STORE_BAD_ARG = 0xE1000008;        // null out-pointer or buffer
-constexpr unsigned int STORE_IO = 0xE1000009;             // persistent backend failed
+constexpr unsigned int STORE_IO = 0xE1000009;  // persistent backend failed, or ids used up
 constexpr unsigned int STORE_INJECTED = 0xE100000F;       // default code of an injected failure
 
 enum class store_op {
