@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 #include <set>
+#include <vector>
 
 #include "gen_ipc.h"
 #include "tev_ash_connecter.h"
@@ -48,17 +49,16 @@ void terminated_name(char (&dst)[TEV_ASH_CONNECTION_NAME_LEN + 1], const char* f
 handler_service::handler_service() = default;
 
 handler_service::~handler_service() {
-    std::set<long> registered;
+    std::vector<long> registered;
     {
         std::lock_guard<std::mutex> lock(directors_mtx_);
-        for (const auto& entry : directors_) registered.insert(entry.second.obj_id);
+        for (const auto& entry : directors_) registered.push_back(entry.second.obj_id);
         directors_.clear();
     }
+    // One proxy per registration: withdraw each exactly once, so that no
+    // withdrawal asks for a proxy that is already gone.
     tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
-    for (long obj_id : registered) {
-        while (manager->remove_observer(obj_id) == TEV_ASH_RC_OK) {
-        }
-    }
+    for (long obj_id : registered) manager->remove_observer(obj_id);
     std::lock_guard<std::mutex> lock(connecters_mtx_);
     connecters_.clear();
 }
@@ -115,19 +115,26 @@ void handler_service::remove_observer(const char* req, unsigned int len,
         return;
     }
     const long obj_id = tev_ash_wire::object_id_from_wire(request.observer);
+    unsigned int registrations = 0;
     {
         std::lock_guard<std::mutex> lock(directors_mtx_);
         for (auto it = directors_.begin(); it != directors_.end();) {
-            it = it->second.obj_id == obj_id ? directors_.erase(it) : std::next(it);
+            if (it->second.obj_id == obj_id) {
+                it = directors_.erase(it);
+                ++registrations;
+            } else {
+                ++it;
+            }
         }
     }
     // A director withdraws every registration of its observer at once; each
-    // application type it registered for holds its own proxy.
+    // application type it registered for holds its own proxy, withdrawn once.
+    // An observer this service does not know is still asked for, so that the
+    // director manager gives its own answer.
     tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
-    const unsigned int ret = manager->remove_observer(obj_id);
-    if (ret == TEV_ASH_RC_OK) {
-        while (manager->remove_observer(obj_id) == TEV_ASH_RC_OK) {
-        }
+    unsigned int ret = manager->remove_observer(obj_id);
+    for (unsigned int i = 1; i < registrations && ret == TEV_ASH_RC_OK; ++i) {
+        ret = manager->remove_observer(obj_id);
     }
     reply_ctrl_ret(hdr, TEV_ASH_FUNC_REMOVE_OBSERVER, ret);
 }
