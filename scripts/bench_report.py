@@ -7,9 +7,13 @@ import sys
 
 binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/bench/tevash_bench"
 extra = sys.argv[2:]
-out = subprocess.run([binary, "--benchmark_format=json", *extra], check=True,
+# Each figure is the median of several repetitions: single runs on a small
+# shared machine vary by 10 % and more.
+out = subprocess.run([binary, "--benchmark_format=json", "--benchmark_repetitions=5",
+                      "--benchmark_report_aggregates_only=true", *extra], check=True,
                      capture_output=True, text=True).stdout
-runs = {b["name"]: b for b in json.loads(out)["benchmarks"] if b.get("run_type") == "iteration"}
+runs = {b["run_name"]: b for b in json.loads(out)["benchmarks"]
+        if b.get("run_type") == "aggregate" and b.get("aggregate_name") == "median"}
 
 print(f"{'benchmark':44} {'ns/op':>10} {'raw ns/op':>10} {'ratio':>7}")
 for name, b in runs.items():

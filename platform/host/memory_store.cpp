@@ -30,7 +30,7 @@ class memory_backend final : public store_backend {
 public:
     unsigned int make(unsigned int category, unsigned int* handler_id) override {
         if (category == 0) return STORE_BAD_CATEGORY;
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         unsigned int id = take_handler_id(1);
         if (id == 0) return STORE_IO;
         records_[id].category = category;
@@ -41,7 +41,7 @@ public:
     unsigned int make_and_copy(unsigned int category, unsigned int src_handler_id,
                                unsigned int* handler_id) override {
         if (category == 0) return STORE_BAD_CATEGORY;
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* src = find(src_handler_id);
         if (src == nullptr) return STORE_NO_RECORD;
         record made;
@@ -55,7 +55,7 @@ public:
     }
 
     unsigned int copy(unsigned int src_handler_id, unsigned int dst_handler_id) override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* src = find(src_handler_id);
         record* dst = find(dst_handler_id);
         if (src == nullptr || dst == nullptr) return STORE_NO_RECORD;
@@ -64,7 +64,7 @@ public:
     }
 
     unsigned int init(unsigned int handler_id) override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         r->members.clear();
@@ -72,7 +72,7 @@ public:
     }
 
     unsigned int remove(unsigned int handler_id) override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         auto it = records_.find(handler_id);
         if (it == records_.end()) return STORE_NO_RECORD;
         record& r = it->second;
@@ -84,7 +84,7 @@ public:
 
     unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
                           unsigned int child_category, unsigned int child_handler_id) override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* parent = find(parent_handler_id);
         record* child = find(child_handler_id);
         if (parent == nullptr || child == nullptr) return STORE_NO_RECORD;
@@ -102,7 +102,7 @@ public:
     }
 
     unsigned int delete_link(unsigned int category, unsigned int handler_id) override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         if (r->category != category) return STORE_BAD_CATEGORY;
@@ -115,7 +115,7 @@ public:
     unsigned int child(unsigned int parent_category, unsigned int parent_handler_id,
                        unsigned int child_category, unsigned int order,
                        unsigned int* child_handler_id) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (parent->category != parent_category) return STORE_BAD_CATEGORY;
@@ -132,7 +132,7 @@ public:
 
     unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
                              unsigned int child_category, unsigned int* count) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (parent->category != parent_category) return STORE_BAD_CATEGORY;
@@ -146,7 +146,7 @@ public:
 
     unsigned int child_direct(unsigned int parent_handler_id, unsigned int order,
                               unsigned int* child_handler_id) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (order >= parent->children.size()) return STORE_NO_LINK;
@@ -155,7 +155,7 @@ public:
     }
 
     unsigned int child_count_direct(unsigned int parent_handler_id, unsigned int* count) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         *count = static_cast<unsigned int>(parent->children.size());
@@ -164,7 +164,7 @@ public:
 
     unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
                         unsigned int* parent_handler_id) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* r = find(child_handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         if (r->category != child_category) return STORE_BAD_CATEGORY;
@@ -174,7 +174,7 @@ public:
     }
 
     unsigned int category(unsigned int handler_id, unsigned int* category) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         *category = r->category;
@@ -183,7 +183,7 @@ public:
 
     unsigned int get(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      void* value) override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
@@ -201,7 +201,7 @@ public:
 
     unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      const unsigned char* bytes, unsigned int width) override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
@@ -222,12 +222,12 @@ public:
     }
 
     void clear() override {
-        std::unique_lock<std::shared_mutex> lock(mtx_);
+        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         records_.clear();
     }
 
     std::vector<record_info> records() override {
-        std::shared_lock<std::shared_mutex> lock(mtx_);
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         std::vector<record_info> out;
         out.reserve(records_.size());
         for (const auto& entry : records_) {
@@ -249,7 +249,7 @@ private:
         siblings.erase(std::remove(siblings.begin(), siblings.end(), child_id), siblings.end());
     }
 
-    std::shared_mutex mtx_;
+    tevhost::detail::sharded_shared_mutex mtx_;
     std::map<unsigned int, record> records_;
 };
 

@@ -33,7 +33,7 @@ struct armed_failure {
 struct store_state {
     // Guards the backend pointer and the schema: shared for operations,
     // exclusive for declaring members and switching backends.
-    std::shared_mutex config_mtx;
+    tevhost::detail::sharded_shared_mutex config_mtx;
     std::unique_ptr<store_backend> backend;
     std::unordered_map<unsigned int, member_decl> schema;
 
@@ -98,7 +98,7 @@ unsigned int run(store_op op, unsigned int cmp_id, Body body) {
     store_state& s = state();
     unsigned int injected = enter(s, op, cmp_id);
     if (injected != 0) return injected;
-    std::shared_lock<std::shared_mutex> lock(s.config_mtx);
+    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     return body(*s.backend);
 }
 
@@ -386,20 +386,20 @@ bool declare_member(unsigned int member_id, member_kind kind, unsigned int byte_
     if (width == 0) return false;
     initial.resize(width, 0);
     store_state& s = state();
-    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     s.schema[member_id] = member_decl{kind, width, std::move(initial)};
     return true;
 }
 
 void clear_schema() {
     store_state& s = state();
-    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     s.schema.clear();
 }
 
 void store_use_memory() {
     store_state& s = state();
-    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     s.backend = detail::make_memory_backend();
 }
 
@@ -411,20 +411,20 @@ bool store_use_file(const std::string& path, std::string* error) {
         return false;
     }
     store_state& s = state();
-    std::unique_lock<std::shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     s.backend = std::move(opened);
     return true;
 }
 
 void store_clear() {
     store_state& s = state();
-    std::shared_lock<std::shared_mutex> lock(s.config_mtx);
+    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     s.backend->clear();
 }
 
 std::vector<record_info> store_records() {
     store_state& s = state();
-    std::shared_lock<std::shared_mutex> lock(s.config_mtx);
+    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
     return s.backend->records();
 }
 

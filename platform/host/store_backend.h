@@ -7,7 +7,10 @@
 #ifndef TEVASH_HOST_STORE_BACKEND_H
 #define TEVASH_HOST_STORE_BACKEND_H
 
+#include <atomic>
+#include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,6 +18,38 @@
 
 namespace tevhost {
 namespace detail {
+
+// A reader-writer lock whose readers do not share a cache line: each thread
+// reads under its own slot's mutex, a writer takes every slot (always in the
+// same order). Store reads from several threads then scale instead of
+// contending on one counter; writes cost a few more lock operations. Usable
+// with std::shared_lock and std::unique_lock.
+class sharded_shared_mutex {
+public:
+    void lock() {
+        for (slot& s : slots_) s.mtx.lock();
+    }
+    void unlock() {
+        for (slot& s : slots_) s.mtx.unlock();
+    }
+    void lock_shared() { slots_[own_slot()].mtx.lock(); }
+    void unlock_shared() { slots_[own_slot()].mtx.unlock(); }
+
+private:
+    static constexpr std::size_t SLOTS = 16;
+    struct alignas(64) slot {
+        std::mutex mtx;
+    };
+    static std::size_t own_slot() {
+        static std::atomic<std::size_t> next{0};
+        // initial-exec: the host platform is linked, never loaded later, so its
+        // thread-local slot costs no lookup call.
+        __attribute__((tls_model("initial-exec"))) thread_local const std::size_t mine =
+            next.fetch_add(1, std::memory_order_relaxed) % SLOTS;
+        return mine;
+    }
+    slot slots_[SLOTS];
+};
 
 // What the schema says about a member: its width in bytes and its initial value
 // (exactly `width` bytes, little-endian).
