@@ -17,6 +17,8 @@ namespace {
 using namespace velmora;
 using tevhost::member_kind;
 using tevhost::store_op;
+using tevtest::hex8;
+using tevtest::ptr;
 using tevtest::store_calls;
 using tevtest::trace_calls;
 using lines = std::vector<std::string>;
@@ -28,17 +30,6 @@ constexpr unsigned int AUTH_MEMBER = 0x00260000;    // AUTH
 constexpr unsigned int IMAGE_MEMBER = 0x00182000;   // APLSVC_IMG
 constexpr unsigned int SUBJOB_MEMBER = 0x01717000;  // 0x400000
 constexpr unsigned int DETACHED_MEMBER = 0x01018000;
-
-std::string hex8(unsigned int v) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%#.8X", v);
-    return buf;
-}
-std::string ptr(const void* p) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
 
 class Resolution : public tevtest::library_test {
 protected:
@@ -52,30 +43,25 @@ protected:
 
 TEST_F(Resolution, EachMemberIsFoundWhereItsCategoryLives) {
     const tevtest::job_tree t = tevtest::make_job_tree({0x8, 0x10, 0x8});
-    // Itself, whatever the order: APLJOB members are its own although 0x4 is a job set.
-    ASSERT_EQ(0u, resolve(t.job, JOB_MEMBER, 7));
-    EXPECT_EQ(t.job, target);
-    ASSERT_EQ(0u, resolve(t.auth, AUTH_MEMBER));
-    EXPECT_EQ(t.auth, target);
-    // A job-set child by position among the children of its category.
-    ASSERT_EQ(0u, resolve(t.job, JOBSET_MEMBER, 0));
-    EXPECT_EQ(t.children[0], target);
-    ASSERT_EQ(0u, resolve(t.job, JOBSET_MEMBER, 1));
-    EXPECT_EQ(t.children[2], target);
-    // From the image handler, APLJOB is a job-set child.
-    ASSERT_EQ(0u, resolve(t.image, JOB_MEMBER));
-    EXPECT_EQ(t.job, target);
-    // AUTH: as many parent links up as the levels differ.
-    ASSERT_EQ(0u, resolve(t.image, AUTH_MEMBER, 5));
-    EXPECT_EQ(t.auth, target);
-    ASSERT_EQ(0u, resolve(t.job, AUTH_MEMBER));
-    EXPECT_EQ(t.auth, target);
     const unsigned int sub = tevtest::make_record(TEV_ASH_CAT_SUBJOB);
     tevtest::link(t.job, sub);
-    ASSERT_EQ(0u, resolve(sub, AUTH_MEMBER));
-    EXPECT_EQ(t.auth, target);
-    ASSERT_EQ(0u, resolve(sub, SUBJOB_MEMBER));
-    EXPECT_EQ(sub, target);
+    const struct {
+        unsigned int handler, member, order, want;
+    } cases[] = {
+        {t.job, JOB_MEMBER, 7, t.job},  // its own, whatever the order, though 0x4 is a job set
+        {t.auth, AUTH_MEMBER, 0, t.auth},
+        {sub, SUBJOB_MEMBER, 0, sub},
+        {t.job, JOBSET_MEMBER, 0, t.children[0]},  // by position among that category's children
+        {t.job, JOBSET_MEMBER, 1, t.children[2]},
+        {t.image, JOB_MEMBER, 0, t.job},    // APLJOB is a job set below the image
+        {t.image, AUTH_MEMBER, 5, t.auth},  // AUTH: as many links up as the levels differ
+        {t.job, AUTH_MEMBER, 0, t.auth},
+        {sub, AUTH_MEMBER, 0, t.auth},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(0u, resolve(c.handler, c.member, c.order));
+        EXPECT_EQ(c.want, target) << std::hex << c.handler << " " << c.member;
+    }
     EXPECT_TRUE(trace_calls().empty());
 }
 
@@ -257,177 +243,78 @@ TEST_F(MemberAccess, OnlyTheFinalAccessCarriesTheApplicationsComponentId) {
     EXPECT_EQ(9, in_child);
 }
 
-TEST_F(MemberAccess, EachOverloadWritesItsOwnFailureLines) {
-    const unsigned int missing_order = 9;
-    unsigned int calls = 0;
-    auto lines_of = [&](auto&& call) {
-        trace_.clear();
-        ++calls;
-        call();
-        return trace_calls();
-    };
-    const std::string job = hex8(t.job);
-    const std::string head = "tev_ash_control::set_member,";
-    // Resolution failures: the resolution's lines, then the overload's own.
-    auto w1 = lines_of([&] {
-        EXPECT_EQ(0xC1030003u, facade->tev_ash_set_member(5, t.job, JOBSET_MEMBER,
-                                                          static_cast<short>(-2), missing_order));
-    });
-    ASSERT_EQ(3u, w1.size());
-    EXPECT_EQ(head + "(serch_target_handler_id) rc:0XC1030003, cmp_id:5, handler_id:" + job +
-                  ", member_id:0X00460000, order:9, target_handler_id:00000000, val:0XFFFE",
-              w1[2]);
-    w1 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u, facade->tev_ash_set_member(5, t.job, IMAGE_MEMBER,
-                                                          static_cast<unsigned char>(0x80), 0));
-    });
-    ASSERT_EQ(2u, w1.size());
-    EXPECT_EQ(head + "(serch_target_handler_id) rc:0XC1030001, cmp_id:5, handler_id:" + job +
-                  ", member_id:0X00182000, order:0, target_handler_id:00000000, val:0X80",
-              w1[1]);
-    w1 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u, facade->tev_ash_set_member(5, t.job, IMAGE_MEMBER, -1L, 0));
-    });
-    EXPECT_EQ(head + "[Error](serch_target_handler_id) rc:0XC1030001, cmp_id:5, handler_id:" + job +
-                  ", member_id:0X00182000, order:0, target_handler_id:00000000, val:0XFFFFFFFF",
-              w1.back());
-    char bytes[4] = {};
-    w1 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u, facade->tev_ash_set_member(5, t.job, IMAGE_MEMBER, bytes, 0));
-    });
-    EXPECT_EQ(
-        head + "[Error](search_target_handler_id) rc:0XC1030001, cmp_id:5, handler_id:" + job +
-            ", member_id:0X00182000, order:0, target_handler_id:00000000, &val_p:" + ptr(bytes),
-        w1.back());
-    auto r1 = lines_of(
-        [&] { EXPECT_EQ(0xC1030001u, facade->tev_ash_get_member(t.job, IMAGE_MEMBER, bytes, 0)); });
-    EXPECT_EQ(
-        "tev_ash_control::get_member,[Error](search_target_handler_id) rc:0XC1030001, "
-        "handler_id:" +
-            job +
-            ", member_id:0X00182000, order:0, "
-            "target_handler_id:00000000, &ret_p:" +
-            ptr(bytes),
-        r1.back());
-    r1 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u, facade->tev_ash_get_member(5, t.job, IMAGE_MEMBER, bytes, 0));
-    });
-    EXPECT_EQ(0u, r1.back().find("tev_ash_control::get_member,[Error](serch_target_handler_id) "));
-
-    // Store failures: only the overload's line, with 0xC1030001 in place of the
-    // store's code.
-    tevhost::store_fail_op(store_op::set_current, 1, 0xE1000055);
-    auto w2 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u,
-                  facade->tev_ash_set_member(5, t.job, JOB_MEMBER + 2, static_cast<short>(-2), 0));
-    });
-    EXPECT_EQ((lines{head + "(set_current) rc:0XC1030001, cmp_id:5, handler_id:" + job +
-                     ", order:0, target_handler_id:" + job + ", member_id:0X00360002, val:0XFFFE"}),
-              w2);
-    tevhost::store_fail_op(store_op::set_current);
-    w2 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u, facade->tev_ash_set_member(5, t.job, JOB_MEMBER + 6, bytes, 0));
-    });
-    EXPECT_EQ((lines{head + "[Error](set_current) rc:0xc1030001, cmp_id:5, handler_id:" + job +
-                     ", order:0, target_handler_id:" + job +
-                     ", member_id:0X00360006, &val_p:" + ptr(bytes)}),
-              w2);
-    tevhost::store_fail_op(store_op::get_current);
-    unsigned short us = 0;
-    auto r2 = lines_of([&] {
-        EXPECT_EQ(0xC1030001u, facade->tev_ash_get_member(5, t.job, JOB_MEMBER + 3, &us, 0));
-    });
-    EXPECT_EQ(
-        (lines{"tev_ash_control::get_member,[Error](set_current) rc:0XC1030001, handler_id:" + job +
-               ", target_handler_id:" + job + ", member_id:0X00360003, &ret_p:" + ptr(&us)}),
-        r2);
-    EXPECT_EQ(9u, calls);
-}
-
-// Every overload, both failure kinds: the resolution's failure passes its code
-// through with the overload's own line last; a store failure is 0xC1030001 with
-// the overload's store line only.
-TEST_F(MemberAccess, EveryOverloadReportsBothFailureKinds) {
+// Every overload, both failure kinds. A refused resolution passes its code on
+// with the overload's own line after the resolution's; a store failure is
+// 0xC1030001 with only the overload's store line, which never shows the
+// store's own code. Each overload has its own wording: the misspelt "serch",
+// the prefixes some lines lack, the widths of the value.
+TEST_F(MemberAccess, EveryOverloadReportsBothFailureKindsInItsOwnWords) {
     char buf[8] = {};
-    struct overload {
-        std::function<unsigned int(unsigned int member)> call;
-        std::string resolution_line;  // start of the overload's own line
-        std::string store_line;
-        store_op op;
-    };
+    unsigned long ul = 0;
+    long l = 0;
+    unsigned short us = 0;
+    short s = 0;
+    unsigned char uc = 0;
+    const std::string job = hex8(t.job);
     const std::string set = "tev_ash_control::set_member,";
     const std::string get = "tev_ash_control::get_member,";
-    const std::string serch = "(serch_target_handler_id) rc:0XC1030001, ";
+    const std::string rc1 = "rc:0XC1030001, ";
+    const std::string w_ctx = "cmp_id:5, handler_id:" + job +
+                              ", order:0, target_handler_id:" + job + ", member_id:0X00360006, ";
+    const std::string r_ctx =
+        "handler_id:" + job + ", target_handler_id:" + job + ", member_id:0X00360006, &ret_p:";
+    struct overload {
+        std::function<unsigned int(unsigned int member)> call;
+        std::string refused;     // start of the overload's line after a refused resolution
+        std::string store_line;  // the whole line of a failed store call
+        store_op op;
+    };
+    auto w = [&](auto value) {
+        return [&, value](unsigned int m) {
+            return facade->tev_ash_set_member(5, t.job, m, value, 0);
+        };
+    };
+    auto r = [&](auto* out) {
+        return [&, out](unsigned int m) { return facade->tev_ash_get_member(5, t.job, m, out, 0); };
+    };
     const std::vector<overload> overloads = {
         {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, 8u, buf, 0); },
-         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
-         store_op::set_current},
-        {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, 1UL, 0); },
-         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
-         store_op::set_current},
-        {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, 1L, 0); },
-         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
-         store_op::set_current},
-        {[&](unsigned int m) {
-             return facade->tev_ash_set_member(5, t.job, m, static_cast<unsigned short>(1), 0);
-         },
-         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
-         store_op::set_current},
-        {[&](unsigned int m) {
-             return facade->tev_ash_set_member(5, t.job, m, static_cast<short>(1), 0);
-         },
-         set + serch, set + "(set_current) rc:0XC1030001", store_op::set_current},
-        {[&](unsigned int m) {
-             return facade->tev_ash_set_member(5, t.job, m, static_cast<unsigned char>(1), 0);
-         },
-         set + serch, set + "[Error](set_current) rc:0XC1030001", store_op::set_current},
-        {[&](unsigned int m) {
-             return facade->tev_ash_set_member(5, t.job, m, static_cast<char>(1), 0);
-         },
-         set + "[Error]" + serch, set + "[Error](set_current) rc:0XC1030001",
-         store_op::set_current},
+         set + "[Error](serch_target_handler_id) " + rc1,
+         set + "[Error](set_current) " + rc1 + w_ctx + "val_p:" + ptr(buf), store_op::set_current},
+        {w(0xFFFFFFFEUL), set + "[Error](serch_target_handler_id) " + rc1,
+         set + "[Error](set_current) " + rc1 + w_ctx + "val:0XFFFFFFFE", store_op::set_current},
+        {w(-2L), set + "[Error](serch_target_handler_id) " + rc1,
+         set + "[Error](set_current) " + rc1 + w_ctx + "val:0XFFFFFFFE", store_op::set_current},
+        {w(static_cast<unsigned short>(0xFFFE)), set + "[Error](serch_target_handler_id) " + rc1,
+         set + "[Error](set_current) " + rc1 + w_ctx + "val:0XFFFE", store_op::set_current},
+        {w(static_cast<short>(-2)), set + "(serch_target_handler_id) " + rc1,
+         set + "(set_current) " + rc1 + w_ctx + "val:0XFFFE", store_op::set_current},
+        {w(static_cast<unsigned char>(0xFE)), set + "(serch_target_handler_id) " + rc1,
+         set + "[Error](set_current) " + rc1 + w_ctx + "val:0XFE", store_op::set_current},
+        {w(static_cast<char>(-2)), set + "[Error](serch_target_handler_id) " + rc1,
+         set + "[Error](set_current) " + rc1 + w_ctx + "val:0XFE", store_op::set_current},
         {[&](unsigned int m) { return facade->tev_ash_set_member(5, t.job, m, buf, 0); },
-         set + "[Error](search_target_handler_id) rc:0XC1030001, ",
-         set + "[Error](set_current) rc:0xc1030001", store_op::set_current},
+         set + "[Error](search_target_handler_id) " + rc1,
+         set + "[Error](set_current) rc:0xc1030001, " + w_ctx + "&val_p:" + ptr(buf),
+         store_op::set_current},
         {[&](unsigned int m) { return facade->tev_ash_get_member(5, t.job, m, 8u, buf, 0); },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
-        {[&](unsigned int m) {
-             unsigned long v = 0;
-             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
-         },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
-        {[&](unsigned int m) {
-             long v = 0;
-             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
-         },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
-        {[&](unsigned int m) {
-             unsigned short v = 0;
-             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
-         },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
-        {[&](unsigned int m) {
-             short v = 0;
-             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
-         },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
-        {[&](unsigned int m) {
-             unsigned char v = 0;
-             return facade->tev_ash_get_member(5, t.job, m, &v, 0);
-         },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
-        {[&](unsigned int m) { return facade->tev_ash_get_member(5, t.job, m, buf, 0); },
-         get + "[Error]" + serch, get + "[Error](set_current) rc:0XC1030001",
-         store_op::get_current},
+         get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(buf), store_op::get_current},
+        {r(&ul), get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(&ul), store_op::get_current},
+        {r(&l), get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(&l), store_op::get_current},
+        {r(&us), get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(&us), store_op::get_current},
+        {r(&s), get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(&s), store_op::get_current},
+        {r(&uc), get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(&uc), store_op::get_current},
+        {r(buf), get + "[Error](serch_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(buf), store_op::get_current},
         {[&](unsigned int m) { return facade->tev_ash_get_member(t.job, m, buf, 0); },
-         get + "[Error](search_target_handler_id) rc:0XC1030001, ",
-         get + "[Error](set_current) rc:0XC1030001", store_op::get_current},
+         get + "[Error](search_target_handler_id) " + rc1,
+         get + "[Error](set_current) " + rc1 + r_ctx + ptr(buf), store_op::get_current},
     };
     for (std::size_t i = 0; i < overloads.size(); ++i) {
         SCOPED_TRACE("overload " + std::to_string(i + 1));
@@ -436,17 +323,19 @@ TEST_F(MemberAccess, EveryOverloadReportsBothFailureKinds) {
         EXPECT_EQ(0xC1030001u, o.call(IMAGE_MEMBER));  // refused through a job handler
         lines got = trace_calls();
         ASSERT_EQ(2u, got.size());
-        EXPECT_EQ(0u, got[1].rfind(o.resolution_line, 0)) << got[1];
+        EXPECT_EQ(0u, got[1].rfind(o.refused, 0)) << got[1];
 
         trace_.clear();
         tevhost::store_fail_op(o.op, 1, 0xE1000099);
         EXPECT_EQ(0xC1030001u, o.call(JOB_MEMBER + 6));
-        got = trace_calls();
-        ASSERT_EQ(1u, got.size());
-        EXPECT_EQ(0u, got[0].rfind(o.store_line, 0)) << got[0];
-        EXPECT_EQ(std::string::npos, got[0].find("E1000099"));
-        tevhost::store_fail_clear();
+        EXPECT_EQ(lines{o.store_line}, trace_calls());
     }
+    // A resolution that finds no target passes 0xC1030003 on.
+    trace_.clear();
+    EXPECT_EQ(0xC1030003u, facade->tev_ash_set_member(5, t.job, JOBSET_MEMBER, -2L, 9));
+    EXPECT_EQ(set + "[Error](serch_target_handler_id) rc:0XC1030003, cmp_id:5, handler_id:" + job +
+                  ", member_id:0X00460000, order:9, target_handler_id:00000000, val:0XFFFFFFFE",
+              trace_calls().back());
 }
 
 }  // namespace

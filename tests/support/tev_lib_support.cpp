@@ -24,6 +24,18 @@ std::vector<std::string> trace_calls() {
     return out;
 }
 
+std::string hex8(unsigned int value) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%#.8X", value);
+    return buf;
+}
+
+std::string ptr(const void* p) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%p", p);
+    return buf;
+}
+
 std::vector<std::string> store_calls() {
     std::vector<std::string> out;
     for (const tevhost::store_call& call : tevhost::store_log()) {

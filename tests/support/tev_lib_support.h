@@ -18,6 +18,10 @@ namespace tevtest {
 // newline removed), in order.
 std::vector<std::string> trace_calls();
 
+// A value as the trace shows it with "%#.8X", a pointer as with "%p".
+std::string hex8(unsigned int value);
+std::string ptr(const void* p);
+
 // The store call log as "operation/cmp_id" with cmp_id in hex ("get_current/c103").
 std::vector<std::string> store_calls();
 
