@@ -338,4 +338,34 @@ TEST_F(MemberAccess, EveryOverloadReportsBothFailureKindsInItsOwnWords) {
               trace_calls().back());
 }
 
+// Fails each store call of a read and of a write through the tree in turn: the
+// result is the resolution's or the access's code, the overload's line comes
+// last, the caller's variable and the stored value stay as they were.
+TEST_F(MemberAccess, FaultSweepThroughTheTreeChangesNothing) {
+    ASSERT_EQ(0u, facade->tev_ash_set_member(5, t.job, AUTH_MEMBER, 11UL, 0));
+    for (const bool write : {false, true}) {
+        for (unsigned int n = 1; n <= 6; ++n) {
+            SCOPED_TRACE(std::string(write ? "write" : "read") + ", failing call " +
+                         std::to_string(n));
+            trace_.clear();
+            tevhost::store_fail_nth_call(n);
+            unsigned long v = 99;
+            const unsigned int rc = write
+                                        ? facade->tev_ash_set_member(5, t.job, AUTH_MEMBER, 22UL, 0)
+                                        : facade->tev_ash_get_member(5, t.job, AUTH_MEMBER, &v, 0);
+            tevhost::store_fail_clear();
+            // Calls 2 to 5 walk the parent links: any failure there is a missing ancestor.
+            EXPECT_EQ(n >= 2 && n <= 5 ? 0xC1030003u : 0xC1030001u, rc);
+            EXPECT_EQ(99UL, v);
+            const lines got = trace_calls();
+            ASSERT_FALSE(got.empty());
+            EXPECT_EQ(0u, got.back().rfind(write ? "tev_ash_control::set_member,"
+                                                 : "tev_ash_control::get_member,",
+                                           0));
+            ASSERT_EQ(0u, facade->tev_ash_get_member(5, t.auth, AUTH_MEMBER, &v, 0));
+            EXPECT_EQ(11UL, v);
+        }
+    }
+}
+
 }  // namespace
