@@ -1,6 +1,7 @@
 // Directors on the serving side: the observer base, the observer proxy on the
 // wire, the connecter's proxy cache and the director manager's routing, with
 // their trace lines and notifications.
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -27,8 +28,7 @@ using bytes = std::vector<unsigned char>;
 std::vector<std::string> traces() {
     std::vector<std::string> out;
     for (std::string text : tevtest::trace_texts()) {
-        const auto open = text.find('[');
-        const auto close = text.find("]::");
+        const auto open = text.find('['), close = text.find("]::");
         if (open != std::string::npos && close != std::string::npos && open < close) {
             text.erase(open, close + 1 - open);
         }
@@ -67,12 +67,12 @@ bytes join(std::initializer_list<bytes> parts) {
 }
 
 // An observer that answers every notification with a fixed result (and handler
-// id for create), counts its calls and reports its destruction.
+// id for create), records its calls and reports its destruction.
 class test_observer : public tev_ash_observer {
 public:
     explicit test_observer(int* destroyed = nullptr) : destroyed_(destroyed) {}
-    test_observer(long obj_id, int* destroyed)
-        : tev_ash_observer(obj_id, "TEST"), destroyed_(destroyed) {}
+    test_observer(long obj_id, const char* name, int* destroyed = nullptr)
+        : tev_ash_observer(obj_id, name), destroyed_(destroyed) {}
     ~test_observer() override {
         if (destroyed_ != nullptr) ++*destroyed_;
     }
@@ -111,32 +111,20 @@ protected:
 
 using Observer = Traced;
 
-struct plain_observer : tev_ash_observer {
-    plain_observer(long id, const char* n) : tev_ash_observer(id, n) {}
-    void notify_create(TEV_ASH_CATEGORY, TEV_ASH_SERVICE_TYPE, unsigned int&, unsigned int,
-                       long&) override {}
-    void notify_remove(unsigned int, long&) override {}
-    void notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int, long&) override {}
-};
-
-TEST_F(Observer, IdentityAndNameKeptToSixteenBytesWithoutTerminator) {
+TEST_F(Observer, IdentityAndNameKeptToSixteenBytesNullNameReported) {
     test_observer own;
     EXPECT_EQ(reinterpret_cast<long>(&own), own.get_obj_id());
     EXPECT_TRUE(own.equal(own.get_obj_id()));
     EXPECT_FALSE(own.equal(own.get_obj_id() + 1));
-    EXPECT_EQ(std::string(16, '\0'), field(own.get_connection_name()));
-    plain_observer short_name(7, "abc");
-    EXPECT_EQ(7, short_name.get_obj_id());
-    EXPECT_EQ(padded("abc"), field(short_name.get_connection_name()));
-    plain_observer long_name(3, "ABCDEFGHIJKLMNOPQRST");
-    EXPECT_EQ("ABCDEFGHIJKLMNOP", field(long_name.get_connection_name()));
+    EXPECT_EQ(padded(""), field(own.get_connection_name()));
+    EXPECT_EQ(padded("abc"), field(test_observer(7, "abc").get_connection_name()));
+    EXPECT_EQ("ABCDEFGHIJKLMNOP",
+              field(test_observer(3, "ABCDEFGHIJKLMNOPQRST").get_connection_name()));
     EXPECT_THAT(traces(), IsEmpty());
-}
 
-TEST_F(Observer, NullNameIsReportedOnceAndObjectStillUsable) {
-    plain_observer o(42, nullptr);
-    EXPECT_EQ(42, o.get_obj_id());
-    EXPECT_EQ(std::string(16, '\0'), field(o.get_connection_name()));
+    test_observer unnamed(42, nullptr);
+    EXPECT_EQ(42, unnamed.get_obj_id());
+    EXPECT_EQ(padded(""), field(unnamed.get_connection_name()));
     EXPECT_THAT(traces(), ElementsAre("tev_ash_observer::tev_ash_observer,"
                                       "[Error:connection_name is NULL]"));
     EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_observer::tev_ash_observer 0,0"));
@@ -154,60 +142,42 @@ protected:
     bytes reply_;
 };
 
-TEST_F(ObserverProxy, ResetSendsTwelveBytesToTheRemoteObserver) {
-    tev_ash_observer_impl proxy(0x1234, "DIRECTOR");
-    reply_ = le32(0xC1030001);
+TEST_F(ObserverProxy, EachNotificationSendsItsRequestAndTakesTheReply) {
+    // A full sixteen-byte name goes out without running past it.
+    tev_ash_observer_impl proxy(0x1234, "0123456789ABCDEFXYZ");
+    unsigned int handler_id = 0xDEADBEEF;  // never sent
     long result = -1;
-    proxy.notify_reset(static_cast<TEV_ASH_SERVICE_TYPE>(3), 513, result);
-    const auto sent = spy_.messages();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ(0x1234, sent[0].object_id);
-    EXPECT_EQ(4, sent[0].func_id);
-    EXPECT_EQ("DIRECTOR", sent[0].connection);
-    EXPECT_EQ((bytes{0, 0, 0, 0, 3, 0, 0, 0, 1, 2, 0, 0}), sent[0].request);
-    EXPECT_EQ(4u, sent[0].reply_capacity);
-    EXPECT_EQ(0xC1030001L, result);
-    EXPECT_THAT(traces(), IsEmpty());
-}
-
-TEST_F(ObserverProxy, RemoveSendsEightBytesWithZeroApplicationType) {
-    tev_ash_observer_impl proxy(-5, "D");
-    reply_ = le32(0);
-    long result = -1;
-    proxy.notify_remove(0xA1B2C3D4, result);
-    const auto sent = spy_.messages();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ(-5, sent[0].object_id);
-    EXPECT_EQ(3, sent[0].func_id);
-    EXPECT_EQ(join({le32(0), le32(0xA1B2C3D4)}), sent[0].request);
-    EXPECT_EQ(4u, sent[0].reply_capacity);
-    EXPECT_EQ(0, result);
-}
-
-TEST_F(ObserverProxy, CreateNeverSendsItsHandlerIdInputAndTakesTheReply) {
-    tev_ash_observer_impl proxy(77, "D");
-    reply_ = join({le32(517), le32(0)});
-    unsigned int handler_id = 0xDEADBEEF;
-    long result = -1;
+    reply_ = join({le32(517), le32(0xE100000F)});
     proxy.notify_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_SERVICE_TYPE>(-2), handler_id, 9,
                         result);
-    const auto sent = spy_.messages();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ(2, sent[0].func_id);
-    EXPECT_EQ(join({le32(4), le32(0), le32(0xFFFFFFFE), le32(9)}), sent[0].request);
-    EXPECT_EQ(8u, sent[0].reply_capacity);
-    EXPECT_EQ(517u, handler_id);
-    EXPECT_EQ(0, result);
-}
-
-TEST_F(ObserverProxy, DirectorFailureKeepsItsCodeAndHandlerId) {
-    tev_ash_observer_impl proxy(77, "D");
-    reply_ = join({le32(600), le32(0xE100000F)});
-    unsigned int handler_id = 1;
-    long result = 0;
-    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
-    EXPECT_EQ(600u, handler_id);
+    EXPECT_EQ(517u, handler_id);  // a director failure keeps both its code and handler id
     EXPECT_EQ(0xE100000FL, result);
+    reply_ = le32(0xC1030001);
+    proxy.notify_reset(static_cast<TEV_ASH_SERVICE_TYPE>(3), 513, result);
+    EXPECT_EQ(0xC1030001L, result);
+    reply_ = le32(0);
+    proxy.notify_remove(0xA1B2C3D4, result);
+    EXPECT_EQ(0, result);
+
+    const struct {
+        long func_id;
+        bytes request;
+        unsigned int reply_capacity;
+    } expected[] = {
+        {2, join({le32(4), le32(0), le32(0xFFFFFFFE), le32(9)}), 8},
+        {4, join({le32(0), le32(3), le32(513)}), 4},
+        {3, join({le32(0), le32(0xA1B2C3D4)}), 4},
+    };
+    const auto sent = spy_.messages();
+    ASSERT_EQ(std::size(expected), sent.size());
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_EQ(0x1234, sent[i].object_id) << i;
+        EXPECT_EQ("0123456789ABCDEF", sent[i].connection) << i;
+        EXPECT_EQ(expected[i].func_id, sent[i].func_id) << i;
+        EXPECT_EQ(expected[i].request, sent[i].request) << i;
+        EXPECT_EQ(expected[i].reply_capacity, sent[i].reply_capacity) << i;
+    }
+    EXPECT_THAT(traces(), IsEmpty());
 }
 
 TEST_F(ObserverProxy, UnansweredSendReadsAsZero) {
@@ -223,35 +193,21 @@ TEST_F(ObserverProxy, UnansweredSendReadsAsZero) {
     EXPECT_EQ(0, result);
 }
 
-TEST_F(ObserverProxy, FullSixteenByteNameIsSentWithoutOverrun) {
-    tev_ash_observer_impl proxy(1, "0123456789ABCDEFXYZ");
-    reply_ = le32(0);
-    long result = -1;
-    proxy.notify_remove(1, result);
-    const auto sent = spy_.messages();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ("0123456789ABCDEF", sent[0].connection);
-}
-
 TEST_F(ObserverProxy, NullPointersAreEachReportedInOrderAndNothingIsSent) {
     tev_ash_observer_impl proxy(1, "D");
     proxy.send_sync_message(2, nullptr, 16, nullptr, nullptr);
-    EXPECT_THAT(traces(), ElementsAre("tev_ash_observer_impl::send_sync_message,"
-                                      "[Error] req_buf is NULL",
-                                      "tev_ash_observer_impl::send_sync_message,"
-                                      "[Error] rpl_buf is NULL",
-                                      "tev_ash_observer_impl::send_sync_message,"
-                                      "[Error] rpl_buf_len is NULL"));
+    const std::string where = "tev_ash_observer_impl::send_sync_message,";
+    EXPECT_THAT(traces(),
+                ElementsAre(where + "[Error] req_buf is NULL", where + "[Error] rpl_buf is NULL",
+                            where + "[Error] rpl_buf_len is NULL"));
     const std::string one = "0xe924 tev_ash_observer_impl::send_sync_message 0,0";
     EXPECT_THAT(notifications(), ElementsAre(one, one, one));
-    EXPECT_THAT(spy_.messages(), IsEmpty());
 
     capture_.clear();
     char req[4] = {};
     unsigned int len = 4;
     proxy.send_sync_message(3, req, 4, nullptr, &len);
-    EXPECT_THAT(traces(),
-                ElementsAre("tev_ash_observer_impl::send_sync_message,[Error] rpl_buf is NULL"));
+    EXPECT_THAT(traces(), ElementsAre(where + "[Error] rpl_buf is NULL"));
     EXPECT_THAT(spy_.messages(), IsEmpty());
 }
 
@@ -259,173 +215,166 @@ TEST_F(ObserverProxy, WithoutClientNotificationsSendNothingAndReportBadArgument)
     tev_ash_observer_impl proxy;
     EXPECT_EQ(reinterpret_cast<long>(&proxy), proxy.get_obj_id());
     unsigned int handler_id = 33;
-    long result = 0;
-    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
-    EXPECT_EQ(0xC1030008L, result);
+    long results[3] = {};
+    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, results[0]);
+    proxy.notify_remove(1, results[1]);
+    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, results[2]);
+    EXPECT_THAT(results, ElementsAre(0xC1030008L, 0xC1030008L, 0xC1030008L));
     EXPECT_EQ(33u, handler_id);
-    result = 0;
-    proxy.notify_remove(1, result);
-    EXPECT_EQ(0xC1030008L, result);
-    result = 0;
-    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, result);
-    EXPECT_EQ(0xC1030008L, result);
-    EXPECT_THAT(traces(),
-                ElementsAre("tev_ash_observer_impl::notify_create,[Error] client_ is NULL",
-                            "tev_ash_observer_impl::notify_remove,[Error] client_ is NULL",
-                            "tev_ash_observer_impl::notify_reset,[Error] client_ is NULL"));
-    EXPECT_EQ(3u, notifications().size());
-    EXPECT_THAT(spy_.messages(), IsEmpty());
-
-    capture_.clear();
     char buf[4] = {};
     unsigned int len = 4;
     proxy.send_sync_message(3, buf, 4, buf, &len);
     EXPECT_THAT(traces(),
-                ElementsAre("tev_ash_observer_impl::send_sync_message,[Error] client_ is NULL"));
+                ElementsAre("tev_ash_observer_impl::notify_create,[Error] client_ is NULL",
+                            "tev_ash_observer_impl::notify_remove,[Error] client_ is NULL",
+                            "tev_ash_observer_impl::notify_reset,[Error] client_ is NULL",
+                            "tev_ash_observer_impl::send_sync_message,[Error] client_ is NULL"));
+    const std::string code = "0xe924 tev_ash_observer_impl::";
+    EXPECT_THAT(notifications(),
+                ElementsAre(code + "notify_create 0,0", code + "notify_remove 0,0",
+                            code + "notify_reset 0,0", code + "send_sync_message 0,0"));
     EXPECT_THAT(spy_.messages(), IsEmpty());
 }
 
 // ---- Connecter
 
-TEST(Connecter, ConstructorKeepsSixteenBytesOfName) {
-    tev_ash_connecter c(1, "ABCDEFGHIJKLMNOPQRST");
-    EXPECT_EQ("ABCDEFGHIJKLMNOP", field(c.get_connection_name()));
-    tev_ash_connecter d(2, "AB");
-    EXPECT_EQ(padded("AB"), field(d.get_connection_name()));
+TEV_ASH_APP_TYPE type(int t) {
+    return static_cast<TEV_ASH_APP_TYPE>(t);
+}
+tev_ash_observer_impl* proxy_at(long id) {
+    return reinterpret_cast<tev_ash_observer_impl*>(id);
 }
 
 TEST(Connecter, OneProxyPerApplicationTypeMadeFromTheFirstRequest) {
-    tev_ash_connecter c(1, "CON");
+    tev_ash_connecter c(1, "ABCDEFGHIJKLMNOPQRST");
+    EXPECT_EQ("ABCDEFGHIJKLMNOP", field(c.get_connection_name()));
     long id = 1001;
     char name[16] = "DIR_ONE";
-    EXPECT_EQ(0u, c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(4), id, name));
-    auto* proxy = reinterpret_cast<tev_ash_observer_impl*>(id);
-    EXPECT_EQ(1001, proxy->get_obj_id());
-    EXPECT_EQ(padded("DIR_ONE"), field(proxy->get_connection_name()));
+    EXPECT_EQ(0u, c.get_director_observer(type(4), id, name));
+    EXPECT_EQ(1001, proxy_at(id)->get_obj_id());
+    EXPECT_EQ(padded("DIR_ONE"), field(proxy_at(id)->get_connection_name()));
 
     long again = 2002;
     char other[16] = "OTHER_NAME";
-    EXPECT_EQ(0u, c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(4), again, other));
+    EXPECT_EQ(0u, c.get_director_observer(type(4), again, other));
     EXPECT_EQ(id, again);
     EXPECT_EQ(padded("DIR_ONE"), field(other));
-    EXPECT_EQ(1001, proxy->get_obj_id());
+    EXPECT_EQ(1001, proxy_at(id)->get_obj_id());
 
     long third = 3003;
     char third_name[16] = "DIR_TWO";
-    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(-4), third, third_name);
+    c.get_director_observer(type(-4), third, third_name);
     EXPECT_NE(id, third);
-    EXPECT_EQ(3003, reinterpret_cast<tev_ash_observer_impl*>(third)->get_obj_id());
+    EXPECT_EQ(3003, proxy_at(third)->get_obj_id());
 }
 
 TEST(Connecter, ReturnedNameStopsAtFifteenBytesAndLeavesTheLastByte) {
     tev_ash_connecter c(1, "CON");
-    long id = 5;
-    char name[17] = "0123456789ABCDEF";
-    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), id, name);
-    EXPECT_EQ("0123456789ABCDEF",
-              field(reinterpret_cast<tev_ash_observer_impl*>(id)->get_connection_name()));
-    char out[16];
-    std::memset(out, '#', sizeof out);
-    long again = 0;
-    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), again, out);
-    EXPECT_EQ(std::string("0123456789ABCDE#"), std::string(out, 16));
-
-    char short_out[16];
-    std::memset(short_out, '#', sizeof short_out);
-    long id2 = 6;
-    char short_name[16] = "XY";
-    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(2), id2, short_name);
-    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(2), id2, short_out);
-    EXPECT_EQ(std::string("XY") + std::string(13, '\0') + "#", std::string(short_out, 16));
+    const struct {
+        int type;
+        const char* name;
+        std::string returned;
+    } cases[] = {{1, "0123456789ABCDEF", "0123456789ABCDE#"},
+                 {2, "XY", "XY" + std::string(13, '\0') + "#"}};
+    for (const auto& k : cases) {
+        long id = 5;
+        char name[17] = {};
+        std::memcpy(name, k.name, std::strlen(k.name));
+        c.get_director_observer(type(k.type), id, name);
+        EXPECT_EQ(padded(k.name), field(proxy_at(id)->get_connection_name()));
+        char out[16];
+        std::memset(out, '#', sizeof out);
+        c.get_director_observer(type(k.type), id, out);
+        EXPECT_EQ(k.returned, field(out));
+    }
 }
 
-TEST(Connecter, NullBufferIsRefusedAndMakesNoProxy) {
+TEST(Connecter, NullNameAndNullBufferAreRefused) {
     tev_ash_connecter c(1, nullptr);
-    EXPECT_EQ(std::string(16, '\0'), field(c.get_connection_name()));
+    EXPECT_EQ(padded(""), field(c.get_connection_name()));
     long id = 11;
-    EXPECT_EQ(0xC1030008u, c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), id, nullptr));
+    EXPECT_EQ(0xC1030008u, c.get_director_observer(type(1), id, nullptr));
     EXPECT_EQ(11, id);
-    char name[16] = "LATER";
-    c.get_director_observer(static_cast<TEV_ASH_APP_TYPE>(1), id, name);
-    EXPECT_EQ(11, reinterpret_cast<tev_ash_observer_impl*>(id)->get_obj_id());
+    char name[16] = "LATER";  // no proxy was made by the refused call
+    c.get_director_observer(type(1), id, name);
+    EXPECT_EQ(11, proxy_at(id)->get_obj_id());
 }
 
 // ---- Director manager
 
 class DirectorManager : public Traced {
 protected:
-    static TEV_ASH_APP_TYPE type(int t) { return static_cast<TEV_ASH_APP_TYPE>(t); }
     tev_ash_director_manager* manager_ = tev_ash_director_manager::get_instance();
 };
 
-TEST_F(DirectorManager, NullObserverIsRefusedWithTraceAndNotification) {
+TEST_F(DirectorManager, NullObserverAndNullHandlerIdAreRefusedBeforeAnyDirector) {
     EXPECT_EQ(0xC1030008u, manager_->add_observer(type(100), nullptr));
-    EXPECT_THAT(traces(),
-                ElementsAre("tev_ash_director_manager::add_observer,Error:observer in NULL]"));
-    EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_director_manager::add_observer 0,0"));
     unsigned int id = 0;
     EXPECT_EQ(0xC1030006u,
               manager_->create(TEV_ASH_CAT_AUTH, type(100), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
-}
-
-TEST_F(DirectorManager, RoutesToTheRegisteredObserverWithItsArguments) {
-    int destroyed = 0;
-    auto* o = new test_observer(&destroyed);
-    o->reply_handler_id = 517;
-    ASSERT_EQ(0u, manager_->add_observer(type(101), o));
-    unsigned int id = 9;
-    EXPECT_EQ(0u, manager_->create(TEV_ASH_CAT_APLJOB, type(101),
-                                   static_cast<TEV_ASH_SERVICE_TYPE>(7), &id, 21));
-    EXPECT_EQ(517u, id);
-    EXPECT_EQ(0u, manager_->remove(type(101), 33));
-    EXPECT_EQ(0u, manager_->reset(type(101), static_cast<TEV_ASH_SERVICE_TYPE>(-1), 44));
-    EXPECT_THAT(o->calls, ElementsAre("create 4 7 9 21", "remove 33", "reset -1 44"));
-    EXPECT_THAT(traces(), IsEmpty());
-    EXPECT_EQ(0u, manager_->remove_observer(o->get_obj_id()));
-    EXPECT_EQ(1, destroyed);
-}
-
-TEST_F(DirectorManager, NullHandlerIdIsRefusedBeforeTheDirector) {
-    int destroyed = 0;
-    auto* o = new test_observer(&destroyed);
+    auto* o = new test_observer;
     ASSERT_EQ(0u, manager_->add_observer(type(106), o));
     EXPECT_EQ(0xC1030008u,
               manager_->create(TEV_ASH_CAT_AUTH, type(106), TEV_ASH_SERVICE_TYPE_NONE, nullptr, 0));
     EXPECT_THAT(o->calls, IsEmpty());
     EXPECT_THAT(traces(),
-                ElementsAre("tev_ash_director_manager::create,[Error]handler_id is NULL"));
-    EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_director_manager::create 0,0"));
+                ElementsAre("tev_ash_director_manager::add_observer,Error:observer in NULL]",
+                            "tev_ash_director_manager::create,[Error]rc:0xc1030006",
+                            "tev_ash_director_manager::create,[Error]handler_id is NULL"));
+    EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_director_manager::add_observer 0,0",
+                                             "0xe924 tev_ash_director_manager::create 0,0"));
     manager_->remove_observer(o->get_obj_id());
 }
 
-TEST_F(DirectorManager, DirectorFailureIsReturnedUnchangedWithOneTraceLine) {
+TEST_F(DirectorManager, RoutesWithTheArgumentsAndReturnsTheDirectorsResultUnchanged) {
+    for (const long reply : {0L, 0xC1030001L}) {
+        SCOPED_TRACE(reply);
+        capture_.clear();
+        int destroyed = 0;
+        auto* o = new test_observer(&destroyed);
+        o->reply_handler_id = 517;
+        o->reply_result = reply;
+        ASSERT_EQ(0u, manager_->add_observer(type(101), o));
+        unsigned int id = 9;
+        EXPECT_EQ(reply, manager_->create(TEV_ASH_CAT_APLJOB, type(101),
+                                          static_cast<TEV_ASH_SERVICE_TYPE>(7), &id, 21));
+        EXPECT_EQ(517u, id);
+        EXPECT_EQ(reply, manager_->remove(type(101), 33));
+        EXPECT_EQ(reply, manager_->reset(type(101), static_cast<TEV_ASH_SERVICE_TYPE>(-1), 44));
+        EXPECT_THAT(o->calls, ElementsAre("create 4 7 9 21", "remove 33", "reset -1 44"));
+        if (reply == 0) {
+            EXPECT_THAT(traces(), IsEmpty());
+        } else {
+            EXPECT_THAT(traces(),
+                        ElementsAre("tev_ash_director_manager::create,[Error]result:0xc1030001",
+                                    "tev_ash_director_manager::remove,[Error]result:0xc1030001",
+                                    "tev_ash_director_manager::reset,[Error]result:0xc1030001"));
+        }
+        EXPECT_EQ(0u, manager_->remove_observer(o->get_obj_id()));
+        EXPECT_EQ(1, destroyed);
+    }
+}
+
+TEST_F(DirectorManager, WithdrawnObserverIsDestroyedOnceAndItsTypeIsUnknown) {
     int destroyed = 0;
     auto* o = new test_observer(&destroyed);
-    o->reply_result = 0xC1030001;
-    o->reply_handler_id = 88;
-    ASSERT_EQ(0u, manager_->add_observer(type(102), o));
-    unsigned int id = 0;
-    EXPECT_EQ(0xC1030001u,
-              manager_->create(TEV_ASH_CAT_AUTH, type(102), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
-    EXPECT_EQ(88u, id);
-    EXPECT_EQ(0xC1030001u, manager_->remove(type(102), 1));
-    EXPECT_EQ(0xC1030001u, manager_->reset(type(102), TEV_ASH_SERVICE_TYPE_NONE, 1));
-    EXPECT_THAT(traces(), ElementsAre("tev_ash_director_manager::create,[Error]result:0xc1030001",
-                                      "tev_ash_director_manager::remove,[Error]result:0xc1030001",
-                                      "tev_ash_director_manager::reset,[Error]result:0xc1030001"));
-    manager_->remove_observer(o->get_obj_id());
-}
+    const long obj = o->get_obj_id();
+    ASSERT_EQ(0u, manager_->add_observer(type(105), o));
+    EXPECT_EQ(0u, manager_->remove_observer(obj));
+    EXPECT_EQ(1, destroyed);
 
-TEST_F(DirectorManager, UnknownApplicationTypeSendsNothingAndLeavesHandlerId) {
     unsigned int id = 1234;
     EXPECT_EQ(0xC1030006u,
-              manager_->create(TEV_ASH_CAT_AUTH, type(103), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
+              manager_->create(TEV_ASH_CAT_AUTH, type(105), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
     EXPECT_EQ(1234u, id);
-    EXPECT_EQ(0xC1030006u, manager_->remove(type(103), 1));
-    EXPECT_EQ(0xC1030006u, manager_->reset(type(103), TEV_ASH_SERVICE_TYPE_NONE, 1));
-    EXPECT_THAT(traces(), ElementsAre("tev_ash_director_manager::create,[Error]rc:0xc1030006",
-                                      "tev_ash_director_manager::remove,[Error]rc:0xc1030006",
-                                      "tev_ash_director_manager::reset,[Error]rc:0xc1030006"));
+    EXPECT_EQ(0xC1030006u, manager_->remove(type(105), 1));
+    EXPECT_EQ(0xC1030006u, manager_->reset(type(105), TEV_ASH_SERVICE_TYPE_NONE, 1));
+    EXPECT_EQ(0xC1030006u, manager_->remove_observer(obj));
+    EXPECT_THAT(traces(),
+                ElementsAre("tev_ash_director_manager::create,[Error]rc:0xc1030006",
+                            "tev_ash_director_manager::remove,[Error]rc:0xc1030006",
+                            "tev_ash_director_manager::reset,[Error]rc:0xc1030006",
+                            "tev_ash_director_manager::remove_observer,[Error]rc=0xc1030006"));
 }
 
 TEST_F(DirectorManager, SecondObserverForATypeIsRefusedAndStaysTheCallers) {
@@ -444,23 +393,10 @@ TEST_F(DirectorManager, SecondObserverForATypeIsRefusedAndStaysTheCallers) {
     EXPECT_EQ(0, destroyed_b);
 }
 
-TEST_F(DirectorManager, RemoveObserverDestroysOnceAndThenKnowsNothing) {
-    int destroyed = 0;
-    auto* a = new test_observer(&destroyed);
-    const long id = a->get_obj_id();
-    ASSERT_EQ(0u, manager_->add_observer(type(105), a));
-    EXPECT_EQ(0u, manager_->remove_observer(id));
-    EXPECT_EQ(1, destroyed);
-    EXPECT_EQ(0xC1030006u, manager_->remove_observer(id));
-    EXPECT_THAT(traces(),
-                ElementsAre("tev_ash_director_manager::remove_observer,[Error]rc=0xc1030006"));
-    EXPECT_EQ(0xC1030006u, manager_->remove(type(105), 1));
-}
-
 TEST_F(DirectorManager, SameObjectIdUnderTwoTypesRemovesTheLowerTypeFirst) {
     int destroyed_low = 0, destroyed_high = 0;
-    ASSERT_EQ(0u, manager_->add_observer(type(111), new test_observer(4242, &destroyed_low)));
-    ASSERT_EQ(0u, manager_->add_observer(type(115), new test_observer(4242, &destroyed_high)));
+    ASSERT_EQ(0u, manager_->add_observer(type(111), new test_observer(4242, "T", &destroyed_low)));
+    ASSERT_EQ(0u, manager_->add_observer(type(115), new test_observer(4242, "T", &destroyed_high)));
     EXPECT_EQ(0u, manager_->remove_observer(4242));
     EXPECT_EQ(1, destroyed_low);
     EXPECT_EQ(0, destroyed_high);
@@ -473,31 +409,26 @@ TEST_F(DirectorManager, SameObjectIdUnderTwoTypesRemovesTheLowerTypeFirst) {
 TEST_F(DirectorManager, OneObjectUnderSeveralTypesIsRemovedEverywhereAndDestroyedOnce) {
     int destroyed = 0;
     auto* o = new test_observer(&destroyed);
-    ASSERT_EQ(0u, manager_->add_observer(type(121), o));
-    ASSERT_EQ(0u, manager_->add_observer(type(122), o));
-    ASSERT_EQ(0u, manager_->add_observer(type(123), o));
+    for (int t : {121, 122, 123}) ASSERT_EQ(0u, manager_->add_observer(type(t), o));
     EXPECT_EQ(0u, manager_->remove(type(122), 1));
     EXPECT_EQ(0u, manager_->remove_observer(o->get_obj_id()));
     EXPECT_EQ(1, destroyed);
     for (int t : {121, 122, 123}) EXPECT_EQ(0xC1030006u, manager_->remove(type(t), 1));
 }
 
-// A director that removes itself from inside its own notification.
+// A director that withdraws itself from inside its own notification.
 class self_removing : public test_observer {
 public:
     using test_observer::test_observer;
     void notify_remove(unsigned int, long& result) override {
         result = static_cast<long>(
             tev_ash_director_manager::get_instance()->remove_observer(get_obj_id()));
-        still_alive_after_removal = true;
     }
-    bool still_alive_after_removal = false;
 };
 
 TEST_F(DirectorManager, RemovalFromInsideAnOwnNotificationDestroysItAfterward) {
     int destroyed = 0;
-    auto* o = new self_removing(&destroyed);
-    ASSERT_EQ(0u, manager_->add_observer(type(130), o));
+    ASSERT_EQ(0u, manager_->add_observer(type(130), new self_removing(&destroyed)));
     EXPECT_EQ(0u, manager_->remove(type(130), 1));
     EXPECT_EQ(1, destroyed);
     EXPECT_EQ(0xC1030006u, manager_->remove(type(130), 1));
