@@ -178,18 +178,14 @@ TEST_F(ObserverProxy, EachNotificationSendsItsRequestAndTakesTheReply) {
         EXPECT_EQ(expected[i].reply_capacity, sent[i].reply_capacity) << i;
     }
     EXPECT_THAT(traces(), IsEmpty());
-}
 
-TEST_F(ObserverProxy, UnansweredSendReadsAsZero) {
     tevhost::message_spy_end();  // nothing answers: nothing is registered under "NOBODY"
-    tev_ash_observer_impl proxy(77, "NOBODY");
-    unsigned int handler_id = 5;
-    long result = -1;
-    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
-    EXPECT_EQ(0u, handler_id);
+    tev_ash_observer_impl unanswered(77, "NOBODY");
+    unanswered.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, result);
+    EXPECT_EQ(0u, handler_id);  // an unanswered send reads as zero
     EXPECT_EQ(0, result);
     result = -1;
-    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, result);
+    unanswered.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, result);
     EXPECT_EQ(0, result);
 }
 
@@ -245,47 +241,31 @@ tev_ash_observer_impl* proxy_at(long id) {
     return reinterpret_cast<tev_ash_observer_impl*>(id);
 }
 
-TEST(Connecter, OneProxyPerApplicationTypeMadeFromTheFirstRequest) {
+TEST(Connecter, OneProxyPerTypeMadeFromTheFirstRequestItsNameReturnedToFifteenBytes) {
     tev_ash_connecter c(1, "ABCDEFGHIJKLMNOPQRST");
     EXPECT_EQ("ABCDEFGHIJKLMNOP", field(c.get_connection_name()));
-    long id = 1001;
-    char name[16] = "DIR_ONE";
-    EXPECT_EQ(0u, c.get_director_observer(type(4), id, name));
-    EXPECT_EQ(1001, proxy_at(id)->get_obj_id());
-    EXPECT_EQ(padded("DIR_ONE"), field(proxy_at(id)->get_connection_name()));
-
-    long again = 2002;
-    char other[16] = "OTHER_NAME";
-    EXPECT_EQ(0u, c.get_director_observer(type(4), again, other));
-    EXPECT_EQ(id, again);
-    EXPECT_EQ(padded("DIR_ONE"), field(other));
-    EXPECT_EQ(1001, proxy_at(id)->get_obj_id());
-
-    long third = 3003;
-    char third_name[16] = "DIR_TWO";
-    c.get_director_observer(type(-4), third, third_name);
-    EXPECT_NE(id, third);
-    EXPECT_EQ(3003, proxy_at(third)->get_obj_id());
-}
-
-TEST(Connecter, ReturnedNameStopsAtFifteenBytesAndLeavesTheLastByte) {
-    tev_ash_connecter c(1, "CON");
     const struct {
         int type;
+        long id;
         const char* name;
-        std::string returned;
-    } cases[] = {{1, "0123456789ABCDEF", "0123456789ABCDE#"},
-                 {2, "XY", "XY" + std::string(13, '\0') + "#"}};
+        std::string returned;  // the last byte is left as it was
+    } cases[] = {{4, 1001, "DIR_ONE", "DIR_ONE" + std::string(8, '\0') + "#"},
+                 {-4, 3003, "0123456789ABCDEF", "0123456789ABCDE#"}};
     for (const auto& k : cases) {
-        long id = 5;
+        long id = k.id;
         char name[17] = {};
         std::memcpy(name, k.name, std::strlen(k.name));
-        c.get_director_observer(type(k.type), id, name);
+        EXPECT_EQ(0u, c.get_director_observer(type(k.type), id, name));
+        EXPECT_EQ(k.id, proxy_at(id)->get_obj_id());
         EXPECT_EQ(padded(k.name), field(proxy_at(id)->get_connection_name()));
+
+        long again = 2002;
         char out[16];
         std::memset(out, '#', sizeof out);
-        c.get_director_observer(type(k.type), id, out);
+        EXPECT_EQ(0u, c.get_director_observer(type(k.type), again, out));
+        EXPECT_EQ(id, again);
         EXPECT_EQ(k.returned, field(out));
+        EXPECT_EQ(k.id, proxy_at(id)->get_obj_id());
     }
 }
 

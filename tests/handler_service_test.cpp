@@ -74,14 +74,15 @@ protected:
         return id;
     }
 
-    // Sends `request` to the service and returns the client's result; the reply
-    // (zero-filled first) goes to `reply`, sized by the caller.
-    int send(long func_id, bytes request, bytes& reply) {
+    // Sends `request` to the service (or the given object) and returns the client's result; the
+    // reply (zero-filled first) goes to `reply`, sized by the caller.
+    int send(long func_id, bytes request, bytes& reply, long obj_id = TEV_ASH_SRV_OBJ_ID,
+             const char* name = TEV_ASH_SRV_NAME) {
         std::fill(reply.begin(), reply.end(), '\0');
         unsigned int len = static_cast<unsigned int>(reply.size());
         return client_.vlq_mc_send_sync_message(
-            TEV_ASH_SRV_OBJ_ID, func_id, request.empty() ? nullptr : request.data(),
-            static_cast<unsigned int>(request.size()), reply.data(), &len, TEV_ASH_SRV_NAME);
+            obj_id, func_id, request.empty() ? nullptr : request.data(),
+            static_cast<unsigned int>(request.size()), reply.data(), &len, name);
     }
 
     tevtest::fresh_store store_;
@@ -198,22 +199,32 @@ TEST_F(HandlerService, ConnecterIsAnsweredWithTheDirectorAndUnknownOnesAreRefuse
 // ---- Malformed requests
 
 TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAll) {
+    const auto& director = system_.director();
+    char director_name[17] = {};
+    tev_ash_wire::get_name(director_name, director.get_connection_name());
     const struct {
+        bool to_director;
         long func;
         std::size_t request_size, reply_size, result_offset;
     } cases[] = {
-        {TEV_ASH_FUNC_ADD_OBSERVER, 23, tev_ash_ctrl_rpl::SIZE, 12},
-        {TEV_ASH_FUNC_REMOVE_OBSERVER, 0, tev_ash_ctrl_rpl::SIZE, 12},
-        {TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END, 72, tev_ash_ctrl_rpl::SIZE, 12},
-        {TEV_ASH_FUNC_CTRL_NOTIFY_STOP, 3, tev_ash_ctrl_rpl::SIZE, 12},
-        {TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, 76, tev_ash_ctrl_rpl::SIZE, 12},
-        {TEV_ASH_FUNC_CREATE, 15, tev_ash_create_rpl::SIZE, 4},
-        {TEV_ASH_FUNC_REMOVE, 7, tev_ash_result_rpl::SIZE, 0},
-        {TEV_ASH_FUNC_RESET, 0, tev_ash_result_rpl::SIZE, 0},
+        {false, TEV_ASH_FUNC_ADD_OBSERVER, 23, tev_ash_ctrl_rpl::SIZE, 12},
+        {false, TEV_ASH_FUNC_REMOVE_OBSERVER, 0, tev_ash_ctrl_rpl::SIZE, 12},
+        {false, TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END, 72, tev_ash_ctrl_rpl::SIZE, 12},
+        {false, TEV_ASH_FUNC_CTRL_NOTIFY_STOP, 3, tev_ash_ctrl_rpl::SIZE, 12},
+        {false, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, 76, tev_ash_ctrl_rpl::SIZE, 12},
+        {false, TEV_ASH_FUNC_CREATE, 15, tev_ash_create_rpl::SIZE, 4},
+        {false, TEV_ASH_FUNC_REMOVE, 7, tev_ash_result_rpl::SIZE, 0},
+        {false, TEV_ASH_FUNC_RESET, 0, tev_ash_result_rpl::SIZE, 0},
+        {true, TEV_ASH_FUNC_CREATE, 2, tev_ash_create_rpl::SIZE, 4},
+        {true, TEV_ASH_FUNC_REMOVE, 2, tev_ash_result_rpl::SIZE, 0},
+        {true, TEV_ASH_FUNC_RESET, 2, tev_ash_result_rpl::SIZE, 0},
     };
     for (const auto& k : cases) {
         bytes reply(k.reply_size);
-        EXPECT_EQ(0, send(k.func, bytes(k.request_size), reply)) << k.func;
+        EXPECT_EQ(0, k.to_director ? send(k.func, bytes(k.request_size), reply,
+                                          director.get_obj_id(), director_name)
+                                   : send(k.func, bytes(k.request_size), reply))
+            << k.func;
         EXPECT_EQ(BAD_ARG, le32_at(reply, k.result_offset)) << k.func;
         if (k.func == TEV_ASH_FUNC_CREATE) {
             EXPECT_EQ(0u, le32_at(reply, 0));
@@ -222,31 +233,9 @@ TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAl
     bytes reply(36);
     EXPECT_EQ(tevhost::MSG_NO_REPLY, send(9, bytes(80), reply));
     EXPECT_EQ(tevhost::MSG_NO_REPLY, send(-1, bytes(), reply));
-    EXPECT_EQ(0u, system_.director().notifications());
-    EXPECT_TRUE(record_ids().empty());
-}
-
-TEST_F(HandlerService, DirectorAnswersShortNotificationsWithBadArgument) {
-    const auto& director = system_.director();
-    char name[17] = {};
-    tev_ash_wire::get_name(name, director.get_connection_name());
-    bytes reply(tev_ash_create_rpl::SIZE);
-    const long funcs[] = {TEV_ASH_FUNC_CREATE, TEV_ASH_FUNC_REMOVE, TEV_ASH_FUNC_RESET, 0};
-    for (long func : funcs) {
-        std::fill(reply.begin(), reply.end(), '\0');
-        const bool create = func == TEV_ASH_FUNC_CREATE;
-        unsigned int len = create ? 8 : 4;
-        char req[2] = {};
-        const int rc = client_.vlq_mc_send_sync_message(director.get_obj_id(), func, req, 2,
-                                                        reply.data(), &len, name);
-        if (func == 0) {
-            EXPECT_EQ(tevhost::MSG_NO_REPLY, rc);
-        } else {
-            ASSERT_EQ(0, rc) << func;
-            EXPECT_EQ(BAD_ARG, le32_at(reply, create ? 4 : 0)) << func;
-        }
-    }
+    EXPECT_EQ(tevhost::MSG_NO_REPLY, send(0, bytes(), reply, director.get_obj_id(), director_name));
     EXPECT_EQ(0u, director.notifications());
+    EXPECT_TRUE(record_ids().empty());
 }
 
 // ---- Starting and stopping
