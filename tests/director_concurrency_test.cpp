@@ -1,10 +1,8 @@
-// The director manager under concurrent use: first calls of the singleton,
-// registrations racing routed notifications, and a removal racing a notification
-// that is still running.
+// The director manager under concurrent use: registrations racing routed
+// notifications, and a removal racing a notification that is still running.
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -25,10 +23,8 @@ TEV_ASH_APP_TYPE type(int t) {
 class gate {
 public:
     void open() {
-        {
-            std::lock_guard<std::mutex> lock(mtx_);
-            open_ = true;
-        }
+        std::lock_guard<std::mutex> lock(mtx_);
+        open_ = true;
         cv_.notify_all();
     }
     void wait() {
@@ -42,53 +38,52 @@ private:
     bool open_ = false;
 };
 
-// Answers create with its own tag as handler id; counts live objects.
-class counting_observer : public tev_ash_observer {
+// Answers create with its tag as handler id and counts live objects. With gates,
+// its remove notification opens `entered` and then waits for `release`.
+class test_observer : public tev_ash_observer {
 public:
-    counting_observer(unsigned int tag, std::atomic<int>& live) : tag_(tag), live_(live) {
+    test_observer(unsigned int tag, std::atomic<int>& live, gate* entered = nullptr,
+                  gate* release = nullptr)
+        : tag_(tag), live_(live), entered_(entered), release_(release) {
         ++live_;
     }
-    ~counting_observer() override { --live_; }
+    ~test_observer() override {
+        finished_before_destruction = finished.load();
+        --live_;
+    }
     void notify_create(TEV_ASH_CATEGORY, TEV_ASH_SERVICE_TYPE, unsigned int& handler_id,
                        unsigned int, long& result) override {
         handler_id = tag_;
         result = 0;
     }
-    void notify_remove(unsigned int, long& result) override { result = 0; }
+    void notify_remove(unsigned int, long& result) override {
+        if (entered_ != nullptr) {
+            entered_->open();
+            release_->wait();
+        }
+        result = 0;
+        finished = true;
+    }
     void notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int, long& result) override { result = 0; }
+
+    std::atomic<bool> finished{false};
+    static std::atomic<bool> finished_before_destruction;
 
 private:
     const unsigned int tag_;
     std::atomic<int>& live_;
+    gate* entered_;
+    gate* release_;
 };
-
-TEST(DirectorManagerConcurrency, FirstCallsShareOneManager) {
-    constexpr int THREADS = 8;
-    gate start;
-    std::vector<tev_ash_director_manager*> seen(THREADS, nullptr);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&, i] {
-            start.wait();
-            seen[i] = tev_ash_director_manager::get_instance();
-        });
-    }
-    start.open();
-    for (auto& t : threads) t.join();
-    for (auto* m : seen) EXPECT_EQ(seen[0], m);
-    EXPECT_NE(nullptr, seen[0]);
-}
+std::atomic<bool> test_observer::finished_before_destruction{false};
 
 TEST(DirectorManagerConcurrency, RegistrationsRaceRoutedNotifications) {
-    constexpr int TYPES = 4;
-    constexpr int ROUNDS = 300;
-    constexpr int ROUTERS = 3;
+    constexpr int TYPES = 4, ROUNDS = 300, ROUTERS = 3;
     auto* manager = tev_ash_director_manager::get_instance();
-    std::atomic<int> live{0};
+    std::atomic<int> live{0}, bad_results{0};
     std::atomic<bool> done{false};
-    std::atomic<int> bad_results{0};
 
-    std::vector<std::thread> routers;
+    std::vector<std::thread> routers, registrars;
     for (int r = 0; r < ROUTERS; ++r) {
         routers.emplace_back([&, r] {
             for (unsigned int i = 0; !done.load(); ++i) {
@@ -105,19 +100,17 @@ TEST(DirectorManagerConcurrency, RegistrationsRaceRoutedNotifications) {
             }
         });
     }
-    std::vector<std::thread> registrars;
     for (int t = 0; t < TYPES; ++t) {
         registrars.emplace_back([&, t] {
             const int app = 200 + t;
             for (int i = 0; i < ROUNDS; ++i) {
-                auto* o =
-                    new counting_observer(static_cast<unsigned int>(app * 1000 + i % 1000), live);
+                auto* o = new test_observer(static_cast<unsigned int>(app * 1000 + i), live);
                 if (manager->add_observer(type(app), o) != 0) {
                     ++bad_results;
                     delete o;
-                    continue;
+                } else if (manager->remove_observer(o->get_obj_id()) != 0) {
+                    ++bad_results;
                 }
-                if (manager->remove_observer(o->get_obj_id()) != 0) ++bad_results;
             }
         });
     }
@@ -128,44 +121,18 @@ TEST(DirectorManagerConcurrency, RegistrationsRaceRoutedNotifications) {
     EXPECT_EQ(0, live.load());  // every observer destroyed, none twice
 }
 
-// Blocks its remove notification until released, and checks that it is not
-// destroyed while that notification runs. The gates outlive it.
-class blocking_observer : public tev_ash_observer {
-public:
-    blocking_observer(gate& entered, gate& release) : entered(entered), release(release) {}
-    void notify_create(TEV_ASH_CATEGORY, TEV_ASH_SERVICE_TYPE, unsigned int&, unsigned int,
-                       long& result) override {
-        result = 0;
-    }
-    void notify_remove(unsigned int, long& result) override {
-        entered.open();
-        release.wait();
-        result = 0;
-        finished = true;
-    }
-    void notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int, long& result) override { result = 0; }
-    ~blocking_observer() override { finished_before_destruction = finished.load(); }
-
-    gate& entered;
-    gate& release;
-    std::atomic<bool> finished{false};
-    static std::atomic<bool> finished_before_destruction;
-};
-std::atomic<bool> blocking_observer::finished_before_destruction{false};
-
 TEST(DirectorManagerConcurrency, RemovalWaitsForARunningNotification) {
     auto* manager = tev_ash_director_manager::get_instance();
+    std::atomic<int> live{0};
     gate entered, release;
-    auto* o = new blocking_observer(entered, release);
+    auto* o = new test_observer(0, live, &entered, &release);
     const long id = o->get_obj_id();
     ASSERT_EQ(0u, manager->add_observer(type(300), o));
 
-    unsigned int routed_rc = 1;
+    unsigned int routed_rc = 1, remove_rc = 1;
     std::thread router([&] { routed_rc = manager->remove(type(300), 7); });
     entered.wait();
-
     std::atomic<bool> removed{false};
-    unsigned int remove_rc = 1;
     std::thread remover([&] {
         remove_rc = manager->remove_observer(id);
         removed = true;
@@ -181,7 +148,8 @@ TEST(DirectorManagerConcurrency, RemovalWaitsForARunningNotification) {
     remover.join();
     EXPECT_EQ(0u, routed_rc);
     EXPECT_EQ(0u, remove_rc);
-    EXPECT_TRUE(blocking_observer::finished_before_destruction.load());
+    EXPECT_TRUE(test_observer::finished_before_destruction.load());
+    EXPECT_EQ(0, live.load());
 }
 
 }  // namespace

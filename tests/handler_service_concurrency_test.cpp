@@ -29,34 +29,27 @@ TEST(HandlerServiceConcurrency, RequestsRaceRegistrationsAndConnecters) {
     ASSERT_EQ(0u, system.status());
     tev_ash_handler_facade* handler = tev_ash_handler_facade::tev_ash_handler_get_instance();
 
-    constexpr int WORKERS = 3;
-    constexpr int PER_WORKER = 60;
+    constexpr int WORKERS = 3, PER_WORKER = 60;
+    constexpr TEV_ASH_SERVICE_TYPE NONE = TEV_ASH_SERVICE_TYPE_NONE;
     std::atomic<bool> done{false};
     std::atomic<int> failures{0};
     std::vector<std::vector<unsigned int>> made(WORKERS);
-
     std::vector<std::thread> workers;
     for (int w = 0; w < WORKERS; ++w) {
         workers.emplace_back([&, w] {
             for (int i = 0; i < PER_WORKER; ++i) {
-                unsigned int id = 0;
-                if (handler->tev_ash_handler_create(TEV_ASH_CAT_AUTH, APP,
-                                                    TEV_ASH_SERVICE_TYPE_NONE, &id, 0) != 0 ||
-                    handler->tev_ash_handler_reset(APP, TEV_ASH_SERVICE_TYPE_NONE, id) != 0) {
+                unsigned int id = 0, other = 0;
+                if (handler->tev_ash_handler_create(TEV_ASH_CAT_AUTH, APP, NONE, &id, 0) != 0 ||
+                    handler->tev_ash_handler_reset(APP, NONE, id) != 0) {
                     ++failures;
                 }
                 made[w].push_back(id);
-                // The churning type answers 0 when its director is in, else 0xC1030006.
-                unsigned int other = 0;
-                const unsigned int rc = handler->tev_ash_handler_create(
-                    TEV_ASH_CAT_AUTH, CHURN_APP, TEV_ASH_SERVICE_TYPE_NONE, &other, 0);
-                if (rc == 0) {
-                    // Removed through whichever director now holds the type, if any.
-                    const unsigned int rrc = handler->tev_ash_handler_remove(CHURN_APP, other);
-                    if (rrc != 0 && rrc != 0xC1030006u) ++failures;
-                } else if (rc != 0xC1030006u) {
-                    ++failures;
-                }
+                // The churning type answers 0 when its director is in, else 0xC1030006;
+                // a removal goes to whichever director now holds the type, if any.
+                unsigned int rc =
+                    handler->tev_ash_handler_create(TEV_ASH_CAT_AUTH, CHURN_APP, NONE, &other, 0);
+                if (rc == 0) rc = handler->tev_ash_handler_remove(CHURN_APP, other);
+                if (rc != 0 && rc != 0xC1030006u) ++failures;
             }
         });
     }
