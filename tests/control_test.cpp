@@ -25,6 +25,10 @@ using lines = std::vector<std::string>;
 
 class FacadeChecks : public tevtest::library_test {
 protected:
+    template <typename T>
+    unsigned int null_read(unsigned int job) {
+        return facade->tev_ash_get_member(5, job, 0x00360000, static_cast<T*>(nullptr), 0);
+    }
     tev_ash_facade* facade = tev_ash_facade::tev_ash_get_instance();
 };
 
@@ -74,15 +78,12 @@ TEST_F(FacadeChecks, RefusedArgumentsLeaveOneLineAndReachNeitherStoreNorService)
          "tev_ash_set_member,[Error]val_p is NULL"},
         {[&] { return facade->tev_ash_get_member(job, 0x00360000, nullptr, 0); },
          "tev_ash_get_member,[Error]ret_p is NULL"},
-        {[&] {
-             return facade->tev_ash_get_member(5, job, 0x00360000, static_cast<long*>(nullptr), 0);
-         },
-         "tev_ash_get_member,[Error]ret_p is NULL"},
-        {[&] {
-             return facade->tev_ash_get_member(5, job, 0x00360000,
-                                               static_cast<unsigned char*>(nullptr), 0);
-         },
-         "tev_ash_get_member,[Error]ret_p is NULL"},
+        {[&] { return null_read<long>(job); }, "tev_ash_get_member,[Error]ret_p is NULL"},
+        {[&] { return null_read<unsigned long>(job); }, "tev_ash_get_member,[Error]ret_p is NULL"},
+        {[&] { return null_read<short>(job); }, "tev_ash_get_member,[Error]ret_p is NULL"},
+        {[&] { return null_read<unsigned short>(job); }, "tev_ash_get_member,[Error]ret_p is NULL"},
+        {[&] { return null_read<char>(job); }, "tev_ash_get_member,[Error]ret_p is NULL"},
+        {[&] { return null_read<unsigned char>(job); }, "tev_ash_get_member,[Error]ret_p is NULL"},
         {[&] { return facade->tev_ash_get_member(5, job, 0x00360000, 4u, nullptr, 0); },
          "tev_ash_get_member,[Error]ret_p is NULL or size is Zero"},
         {[&] {
