@@ -1,11 +1,15 @@
 // Drives the built tevash binary as a user would.
-#include <gtest/gtest.h>
-
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tev_test_support.h"
 
 #ifndef TEVASH_CLI_PATH
 // Built without the command-line tool: every test skips.
@@ -14,40 +18,15 @@
 
 namespace {
 
-bool have_cli() {
-    return TEVASH_CLI_PATH[0] != '\0';
-}
-
 struct run_result {
     int status;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
-// Runs tevash with `args`, the command prefixed by `env` (VAR=value assignments).
-run_result run_with(const std::string& env, const std::string& args) {
-    char err_path[] = "/tmp/tevash_cli_errXXXXXX";
-    int fd = mkstemp(err_path);
-    close(fd);
-    std::string cmd = env + std::string(TEVASH_CLI_PATH) + " " + args + " 2>" + err_path;
-    run_result r{-1, {}, {}};
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[512];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    if (FILE* e = fopen(err_path, "r")) {
-        while ((n = fread(buf, 1, sizeof buf, e)) > 0) r.err.append(buf, n);
-        fclose(e);
-    }
-    unlink(err_path);
-    return r;
-}
-
-run_result run(const std::string& args) {
-    return run_with("", args);
+std::string file_text(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
 }
 
 int count_lines(const std::string& text) {
@@ -56,74 +35,84 @@ int count_lines(const std::string& text) {
     return lines;
 }
 
-TEST(Cli, DemoRunsTheTypicalFlows) {
-    if (!have_cli()) GTEST_SKIP() << "tevash was not built";
+class Cli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (TEVASH_CLI_PATH[0] == '\0') GTEST_SKIP() << "tevash was not built";
+    }
+    // Runs tevash with `args`, the command prefixed by `env` (VAR=value assignments).
+    run_result run(const std::string& args, const std::string& env = "") {
+        const std::string err_path = dir_.path("stderr");
+        std::string cmd = env + TEVASH_CLI_PATH + " " + args + " 2>" + err_path;
+        run_result r{-1, {}, {}};
+        FILE* p = popen(cmd.c_str(), "r");
+        if (p == nullptr) return r;
+        char buf[512];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+        int st = pclose(p);
+        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+        r.err = file_text(err_path);
+        return r;
+    }
+    // Runs `create` and returns the new id as printed; empty on failure.
+    std::string create(const std::string& what) {
+        run_result r = run(store_ + "create " + what);
+        EXPECT_EQ(r.status, 0) << what << ": " << r.err;
+        EXPECT_EQ(count_lines(r.out), 1) << r.out;
+        return r.status == 0 ? r.out.substr(0, r.out.find('\n')) : "";
+    }
+
+    tevtest::temp_dir dir_;
+    const std::string db_ = dir_.path("store.db");
+    const std::string store_ = "--store " + db_ + " ";
+};
+
+TEST_F(Cli, DemoRunsTheTypicalFlowsAndHelpAnswersAtEveryLevel) {
     run_result r = run("demo");
     ASSERT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_NE(r.out.find("member 0x00360000"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("member 0x00460000"), std::string::npos);
-    EXPECT_NE(r.out.find("member 0x00260000"), std::string::npos);
-    EXPECT_NE(r.out.find("result 0xC1030001"), std::string::npos);
-    EXPECT_NE(r.out.find("trace: "), std::string::npos);
-    EXPECT_NE(r.out.find("JOBSET_03"), std::string::npos);
-}
-
-TEST(Cli, HelpAtEveryLevel) {
-    if (!have_cli()) GTEST_SKIP() << "tevash was not built";
+    for (const char* shown : {"member 0x00360000", "member 0x00460000", "member 0x00260000",
+                              "result 0xC1030001", "trace: ", "JOBSET_03"}) {
+        EXPECT_NE(r.out.find(shown), std::string::npos) << shown << " in " << r.out;
+    }
     for (const char* args : {"--help", "get --help", "tree --help", "demo --help"}) {
-        run_result r = run(args);
+        r = run(args);
         EXPECT_EQ(r.status, 0) << args;
         EXPECT_NE(r.out.find("Usage"), std::string::npos) << args;
     }
 }
 
-TEST(Cli, BadInputExitsNonZeroWithOneLine) {
-    if (!have_cli()) GTEST_SKIP() << "tevash was not built";
-    for (const char* args : {"get 1 0x00360000 --type i33", "get x 0x00360000 --type i32",
-                             "get 999 0x00360000 --type i32", "create NOPE", "copy 0 1", "get 1"}) {
+TEST_F(Cli, BadInputAndUnusableStoresExitNonZeroWithOneLine) {
+    std::ofstream(db_) << "these are somebody's notes, not a record store of handlers\n";
+    for (const std::string& args : std::vector<std::string>{
+             "get 1 0x00360000 --type i33", "get x 0x00360000 --type i32",
+             "get 999 0x00360000 --type i32", "create NOPE", "copy 0 1", "get 1",
+             "--store " + db_ + " create APLJOB", "--store /nonexistent/dir/x.db create APLJOB"}) {
         run_result r = run(args);
         EXPECT_NE(r.status, 0) << args;
         EXPECT_EQ(count_lines(r.err), 1) << args << ": " << r.err;
+        if (args.rfind("--store", 0) == 0) {
+            EXPECT_NE(r.err.find("cannot open store"), std::string::npos) << r.err;
+        }
     }
+    EXPECT_EQ(file_text(db_), "these are somebody's notes, not a record store of handlers\n");
 }
 
-// A database file of its own for one test, removed with its companions.
-struct temp_store {
-    std::string path = "/tmp/tevash_cli_test_" + std::to_string(getpid()) + ".db";
-    temp_store() { remove_files(); }
-    ~temp_store() { remove_files(); }
-    void remove_files() const {
-        for (const char* suffix : {"", "-wal", "-shm"}) unlink((path + suffix).c_str());
-    }
-};
-
-// Runs `create` and returns the new id as printed; empty on failure.
-std::string create(const std::string& store_args, const std::string& what) {
-    run_result r = run(store_args + "create " + what);
-    EXPECT_EQ(r.status, 0) << what << ": " << r.err;
-    EXPECT_EQ(count_lines(r.out), 1) << r.out;
-    return r.status == 0 ? r.out.substr(0, r.out.find('\n')) : "";
-}
-
-TEST(Cli, PersistentStoreAcrossInvocations) {
-    if (!have_cli()) GTEST_SKIP() << "tevash was not built";
-    temp_store db;
-    const std::string s = "--store " + db.path + " ";
-    std::string auth = create(s, "AUTH");
-    std::string img = create(s, "APLSVC_IMG --parent " + auth);
-    std::string src = create(s, "APLJOB --parent " + img);
-    std::string dst = create(s, "APLJOB --parent " + img);
-    std::string src_set = create(s, "JOBSET_03 --parent " + src);
-    std::string old_set = create(s, "JOBSET_03 --parent " + dst);
+TEST_F(Cli, PersistentStoreAcrossInvocations) {
+    std::string auth = create("AUTH");
+    std::string img = create("APLSVC_IMG --parent " + auth);
+    std::string src = create("APLJOB --parent " + img);
+    std::string dst = create("APLJOB --parent " + img);
+    std::string src_set = create("JOBSET_03 --parent " + src);
+    std::string old_set = create("JOBSET_03 --parent " + dst);
     ASSERT_FALSE(old_set.empty());
+    const std::string& s = store_;
 
     // The job's own member, and one of its first JOBSET_03 child.
     EXPECT_EQ(run(s + "set " + src + " 0x00360000 -77 --type i32").status, 0);
     EXPECT_EQ(run(s + "set " + src + " 0x00460000 5 --type i32 --order 0").status, 0);
     EXPECT_EQ(run(s + "get " + src + " 0x00360000 --type i32").out, "-77\n");
-    run_result before = run(s + "get " + dst + " 0x00360000 --type i32");
-    EXPECT_NE(before.status, 0) << "the destination has no value before the copy";
-
+    EXPECT_NE(run(s + "get " + dst + " 0x00360000 --type i32").status, 0)
+        << "the destination has no value before the copy";
     run_result copied = run(s + "copy " + src + " " + dst);
     ASSERT_EQ(copied.status, 0) << copied.err;
     EXPECT_EQ(run(s + "get " + dst + " 0x00360000 --type i32").out, "-77\n");
@@ -146,41 +135,13 @@ TEST(Cli, PersistentStoreAcrossInvocations) {
     EXPECT_EQ(run(s + "remove " + img).status, 0);
     EXPECT_EQ(run(s + "tree").out, auth + " AUTH\n");
     EXPECT_NE(run(s + "get " + src + " 0x00360000 --type i32").status, 0);
-    EXPECT_EQ(create(s, "APLJOB"), std::to_string(new_set + 1)) << "ids are never reused";
-}
-
-TEST(Cli, StoreFromTheEnvironment) {
-    if (!have_cli()) GTEST_SKIP() << "tevash was not built";
-    temp_store db;
-    const std::string env = "TEVASH_HOST_STORE=" + db.path + " ";
-    run_result made = run_with(env, "create APLJOB --json");
-    ASSERT_EQ(made.status, 0) << made.err;
-    run_result tree = run("--store " + db.path + " tree --json");
-    EXPECT_EQ(tree.out, "[{\"id\":1,\"category\":4,\"name\":\"APLJOB\",\"children\":[]}]\n");
-    EXPECT_EQ(run_with(env, "tree").out, "1 APLJOB\n");
-}
-
-TEST(Cli, StoreThatCannotBeUsedIsRefusedUntouched) {
-    if (!have_cli()) GTEST_SKIP() << "tevash was not built";
-    temp_store db;
-    {
-        FILE* f = fopen(db.path.c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        fputs("these are somebody's notes, not a record store of handlers\n", f);
-        fclose(f);
-    }
-    for (const std::string& path : {db.path, std::string("/nonexistent/dir/x.db")}) {
-        run_result r = run("--store " + path + " create APLJOB");
-        EXPECT_NE(r.status, 0) << path;
-        EXPECT_EQ(count_lines(r.err), 1) << r.err;
-        EXPECT_NE(r.err.find("cannot open store"), std::string::npos) << r.err;
-    }
-    FILE* f = fopen(db.path.c_str(), "r");
-    ASSERT_NE(f, nullptr);
-    char text[128] = {};
-    size_t n = fread(text, 1, sizeof text - 1, f);
-    fclose(f);
-    EXPECT_EQ(std::string(text, n), "these are somebody's notes, not a record store of handlers\n");
+    // The environment names a store as --store does; ids are never reused.
+    run_result made = run("create APLJOB --json", "TEVASH_HOST_STORE=" + db_ + " ");
+    EXPECT_EQ(made.status, 0) << made.err;
+    const std::string job = std::to_string(new_set + 1);
+    EXPECT_EQ(run(s + "tree --json").out,
+              "[{\"id\":" + auth + ",\"category\":2,\"name\":\"AUTH\",\"children\":[]},{\"id\":" +
+                  job + ",\"category\":4,\"name\":\"APLJOB\",\"children\":[]}]\n");
 }
 
 }  // namespace

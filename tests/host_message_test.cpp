@@ -1,5 +1,4 @@
 // The in-process message service: delivery, replies, registration and the spy.
-#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <functional>
@@ -21,6 +20,7 @@ namespace {
 
 using namespace tevhost;
 using ::testing::ElementsAre;
+using client = velmora::vlq_mc_client;
 
 // A served object whose dispatch runs `on_message`.
 class test_facade : public velmora::facade_template {
@@ -43,7 +43,21 @@ void reverse_echo(long func_id, char* buf, unsigned int len, gen_ipc_msghdr hdr)
     EXPECT_EQ(0, gen_ipc_reply(hdr, reply.data(), static_cast<unsigned int>(reply.size())));
 }
 
-// Registers an object for the lifetime of the fixture's test.
+// Sends `request` through one client shared by all senders and returns the result
+// code; *reply gets the reply, cut to `capacity` bytes, and the byte after it.
+int send(const char* connection, long id, long func, std::string request,
+         std::string* reply = nullptr, unsigned int capacity = 16) {
+    static client shared;
+    char rpl[17];
+    std::memset(rpl, 'x', sizeof rpl);
+    int rc = shared.vlq_mc_send_sync_message(id, func, &request[0],
+                                             static_cast<unsigned int>(request.size()), rpl,
+                                             &capacity, connection);
+    if (reply != nullptr) reply->assign(rpl, rc == MSG_OK ? capacity + 1 : 0);
+    return rc;
+}
+
+// Registers objects for the lifetime of the test.
 class Message : public ::testing::Test {
 protected:
     void serve(const char* connection, long id, velmora::facade_template* obj) {
@@ -53,37 +67,26 @@ protected:
     void TearDown() override {
         for (const auto& s : served_) unregister_object(s.first.c_str(), s.second);
     }
-    int send(const char* connection, long id, long func, std::string request, char* rpl,
-             unsigned int* rpl_len) {
-        return client_.vlq_mc_send_sync_message(id, func, &request[0],
-                                                static_cast<unsigned int>(request.size()), rpl,
-                                                rpl_len, connection);
-    }
-
-    velmora::vlq_mc_client client_;
     std::vector<std::pair<std::string, long>> served_;
 };
 
-TEST_F(Message, DeliversInSendersThreadAndBoundsTheReply) {
+TEST_F(Message, DeliversInTheSendersThreadNestedSendsTooAndBoundsTheReply) {
     std::thread::id seen;
-    test_facade echo([&](long f, char* b, unsigned int n, gen_ipc_msghdr h) {
+    test_facade inner(reverse_echo);
+    test_facade outer([&](long, char* b, unsigned int n, gen_ipc_msghdr h) {
         seen = std::this_thread::get_id();
-        reverse_echo(f, b, n, h);
+        std::string reply;
+        EXPECT_EQ(MSG_OK, send("INNER", 2, 9, std::string(b, n), &reply));
+        gen_ipc_reply(h, reply.data(), static_cast<unsigned int>(reply.size() - 1));
     });
-    serve("ECHO", 7, &echo);
-
-    char rpl[8];
-    unsigned int len = sizeof rpl;
-    ASSERT_EQ(MSG_OK, send("ECHO", 7, 3, "abc", rpl, &len));
+    serve("INNER", 2, &inner);
+    serve("OUTER", 1, &outer);
+    std::string reply;  // the reply and the byte after it
+    ASSERT_EQ(MSG_OK, send("OUTER", 1, 0, "abc", &reply));
     EXPECT_EQ(std::this_thread::get_id(), seen);
-    EXPECT_EQ(4u, len);
-    EXPECT_EQ(0, std::memcmp(rpl, "cba\3", 4));
-
-    std::memset(rpl, 'x', sizeof rpl);
-    len = 2;
-    ASSERT_EQ(MSG_OK, send("ECHO", 7, 3, "abc", rpl, &len));
-    EXPECT_EQ(2u, len);
-    EXPECT_EQ(0, std::memcmp(rpl, "cbxx", 4));
+    EXPECT_EQ("cba\x09x", reply);
+    ASSERT_EQ(MSG_OK, send("OUTER", 1, 0, "abc", &reply, 2));
+    EXPECT_EQ("cbx", reply);
 }
 
 TEST_F(Message, ResultCodes) {
@@ -99,20 +102,19 @@ TEST_F(Message, ResultCodes) {
 
     char rpl[4] = {};
     unsigned int len = sizeof rpl;
-    EXPECT_EQ(MSG_NO_REPLY, send("SILENT", 1, 0, "", rpl, &len));
-    EXPECT_EQ(MSG_NO_REPLY, send("PLAIN", 1, 0, "", rpl, &len));
-    EXPECT_EQ(MSG_NO_OBJECT, send("SILENT", 2, 0, "", rpl, &len));
-    EXPECT_EQ(MSG_NO_OBJECT, send("NOBODY", 1, 0, "", rpl, &len));
-    EXPECT_EQ(MSG_BAD_ARG, send("SILENT", 1, 0, "", rpl, nullptr));
-    EXPECT_EQ(MSG_BAD_ARG, send("SILENT", 1, 0, "", nullptr, &len));
-    EXPECT_EQ(MSG_BAD_ARG, client_.vlq_mc_send_sync_message(1, 0, nullptr, 4, rpl, &len, "SILENT"));
-    len = sizeof rpl;
-    EXPECT_EQ(MSG_OK, send("TWICE", 1, 0, "", rpl, &len));
-    EXPECT_EQ(1u, len);
-    EXPECT_EQ('1', rpl[0]);
-
-    gen_ipc_msghdr unknown{0};
-    EXPECT_NE(0, gen_ipc_reply(unknown, "x", 1));
+    EXPECT_EQ(MSG_NO_REPLY, send("SILENT", 1, 0, ""));
+    EXPECT_EQ(MSG_NO_REPLY, send("PLAIN", 1, 0, ""));
+    EXPECT_EQ(MSG_NO_OBJECT, send("SILENT", 2, 0, ""));
+    EXPECT_EQ(MSG_NO_OBJECT, send("NOBODY", 1, 0, ""));
+    EXPECT_EQ(MSG_BAD_ARG, client().vlq_mc_send_sync_message(1, 0, rpl, 0, rpl, nullptr, "SILENT"));
+    EXPECT_EQ(MSG_BAD_ARG,
+              client().vlq_mc_send_sync_message(1, 0, rpl, 0, nullptr, &len, "SILENT"));
+    EXPECT_EQ(MSG_BAD_ARG,
+              client().vlq_mc_send_sync_message(1, 0, nullptr, 4, rpl, &len, "SILENT"));
+    std::string reply;
+    EXPECT_EQ(MSG_OK, send("TWICE", 1, 0, "", &reply));
+    EXPECT_EQ("1x", reply);
+    EXPECT_NE(0, gen_ipc_reply(gen_ipc_msghdr{0}, "x", 1));
 }
 
 TEST_F(Message, NamesMatchOnSixteenBytesAndIdsOnLow32Bits) {
@@ -120,33 +122,13 @@ TEST_F(Message, NamesMatchOnSixteenBytesAndIdsOnLow32Bits) {
     serve("ABCDEFGHIJKLMNOP", 5, &echo);
     const char unterminated[20] = {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J',
                                    'K', 'L', 'M', 'N', 'O', 'P', 'Q', 'R', 'S', 'T'};
-    const long wide_id = static_cast<long>((1ull << 32) | 5u);
-    char rpl[4];
-    unsigned int len = sizeof rpl;
-    EXPECT_EQ(MSG_OK, send(unterminated, wide_id, 1, "", rpl, &len));
-    EXPECT_NE(0, velmora::vlq_mc_client::vlq_mc_check_facade("ABCDEFGHIJKLMNOPXYZ", 5));
-    EXPECT_EQ(0, velmora::vlq_mc_client::vlq_mc_check_facade("ABCDEFGHIJKLMNO", 5));
+    EXPECT_EQ(MSG_OK, send(unterminated, static_cast<long>((1ull << 32) | 5u), 1, ""));
+    EXPECT_NE(0, client::vlq_mc_check_facade("ABCDEFGHIJKLMNOPXYZ", 5));
+    EXPECT_EQ(0, client::vlq_mc_check_facade("ABCDEFGHIJKLMNO", 5));
     EXPECT_FALSE(register_object("ABCDEFGHIJKLMNOPQ", 5, &echo));
 }
 
-TEST_F(Message, NestedSendReachesTheInnerObject) {
-    test_facade inner(reverse_echo);
-    test_facade outer([&](long, char* b, unsigned int n, gen_ipc_msghdr h) {
-        char rpl[16];
-        unsigned int len = sizeof rpl;
-        velmora::vlq_mc_client nested;
-        ASSERT_EQ(MSG_OK, nested.vlq_mc_send_sync_message(2, 9, b, n, rpl, &len, "INNER"));
-        gen_ipc_reply(h, rpl, len);
-    });
-    serve("INNER", 2, &inner);
-    serve("OUTER", 1, &outer);
-    char rpl[16];
-    unsigned int len = sizeof rpl;
-    ASSERT_EQ(MSG_OK, send("OUTER", 1, 0, "xy", rpl, &len));
-    EXPECT_EQ("yx\x09", std::string(rpl, len));
-}
-
-TEST_F(Message, RegistrationRules) {
+TEST_F(Message, RegistrationRulesAndTheCheckScript) {
     test_facade echo(reverse_echo);
     velmora::observer_template observer;
     serve("REG", 1, &echo);
@@ -161,32 +143,37 @@ TEST_F(Message, RegistrationRules) {
         gen_ipc_reply(h, "k", 1);
     });
     ASSERT_TRUE(register_object("SELF", 1, &self_removing));
-    char rpl[1];
-    unsigned int len = 1;
-    EXPECT_EQ(MSG_OK, send("SELF", 1, 0, "", rpl, &len));
-    EXPECT_EQ(MSG_NO_OBJECT, send("SELF", 1, 0, "", rpl, &len));
-    EXPECT_EQ(0, velmora::vlq_mc_client::vlq_mc_check_facade("SELF", 1));
+    EXPECT_EQ(MSG_OK, send("SELF", 1, 0, ""));
+    EXPECT_EQ(MSG_NO_OBJECT, send("SELF", 1, 0, ""));
+    EXPECT_EQ(0, client::vlq_mc_check_facade("SELF", 1));
+
+    // While set, a check script answers instead of the registry.
+    set_check_script([](const std::string& connection, long id) {
+        return connection == "TEV_ASH_SRV" && id == 1 ? 7 : 0;
+    });
+    EXPECT_EQ(7, client::vlq_mc_check_facade("TEV_ASH_SRV", 1));
+    EXPECT_EQ(0, client::vlq_mc_check_facade("TEV_ASH_SRV", 2));
+    EXPECT_EQ(0, client::vlq_mc_check_facade("REG", 1));
+    set_check_script(nullptr);
+    EXPECT_EQ(0, client::vlq_mc_check_facade("TEV_ASH_SRV", 1));
+    EXPECT_NE(0, client::vlq_mc_check_facade("REG", 1));
 }
 
 TEST_F(Message, SpyRecordsEveryMessageAndScriptsReplies) {
     test_facade echo(reverse_echo);
     serve("ECHO", 1, &echo);
+    std::string reply;
     {
         message_spy spy([](const sent_message& msg, std::vector<unsigned char>& reply) {
             if (msg.func_id != 4) return false;
             reply = {1, 2, 3, 4, 5, 6};
             return true;
         });
-        char rpl[4];
-        unsigned int len = sizeof rpl;
-        ASSERT_EQ(MSG_OK, send("ECHO", 1, 4, "q", rpl, &len));
-        EXPECT_EQ(4u, len);
-        EXPECT_EQ(0, std::memcmp(rpl, "\1\2\3\4", 4));
-        len = sizeof rpl;
-        ASSERT_EQ(MSG_OK, send("ECHO", 1, 5, "ab", rpl, &len));
-        EXPECT_EQ("ba\x05", std::string(rpl, len));
-        len = sizeof rpl;
-        EXPECT_EQ(MSG_NO_OBJECT, send("NOBODY", 3, 6, "", rpl, &len));
+        ASSERT_EQ(MSG_OK, send("ECHO", 1, 4, "q", &reply, 4));
+        EXPECT_EQ("\1\2\3\4x", reply);
+        ASSERT_EQ(MSG_OK, send("ECHO", 1, 5, "ab", &reply));
+        EXPECT_EQ("ba\x05x", reply);
+        EXPECT_EQ(MSG_NO_OBJECT, send("NOBODY", 3, 6, ""));
 
         std::vector<sent_message> sent = spy.messages();
         ASSERT_EQ(3u, sent.size());
@@ -196,40 +183,21 @@ TEST_F(Message, SpyRecordsEveryMessageAndScriptsReplies) {
         EXPECT_EQ("NOBODY", sent[2].connection);
         EXPECT_EQ(3, sent[2].object_id);
     }
-    char rpl[4];
-    unsigned int len = sizeof rpl;
-    ASSERT_EQ(MSG_OK, send("ECHO", 1, 4, "q", rpl, &len));
-    EXPECT_EQ("q\x04", std::string(rpl, len));
+    ASSERT_EQ(MSG_OK, send("ECHO", 1, 4, "q", &reply));
+    EXPECT_EQ("q\x04x", reply);
     EXPECT_EQ(3u, spied_messages().size());  // nothing recorded after the spy ended
-}
-
-TEST_F(Message, CheckScriptReplacesTheRegistry) {
-    set_check_script([](const std::string& connection, long id) {
-        return connection == "TEV_ASH_SRV" && id == 1 ? 7 : 0;
-    });
-    EXPECT_EQ(7, velmora::vlq_mc_client::vlq_mc_check_facade("TEV_ASH_SRV", 1));
-    EXPECT_EQ(0, velmora::vlq_mc_client::vlq_mc_check_facade("TEV_ASH_SRV", 2));
-    set_check_script(nullptr);
-    EXPECT_EQ(0, velmora::vlq_mc_client::vlq_mc_check_facade("TEV_ASH_SRV", 1));
 }
 
 TEST(MessageConcurrency, ConcurrentSendersGetTheirOwnReplies) {
     test_facade echo(reverse_echo);
     ASSERT_TRUE(register_object("MANY", 1, &echo));
-    velmora::vlq_mc_client shared_client;
     std::vector<std::thread> senders;
     for (int t = 0; t < 4; ++t) {
-        senders.emplace_back([&, t] {
+        senders.emplace_back([t] {
             for (int i = 0; i < 200; ++i) {
-                std::string request = std::to_string(t * 1000 + i);
-                char rpl[16];
-                unsigned int len = sizeof rpl;
-                ASSERT_EQ(MSG_OK, shared_client.vlq_mc_send_sync_message(
-                                      1, t, &request[0], static_cast<unsigned int>(request.size()),
-                                      rpl, &len, "MANY"));
-                std::string expected(request.rbegin(), request.rend());
-                expected.push_back(static_cast<char>(t));
-                EXPECT_EQ(expected, std::string(rpl, len));
+                std::string request = std::to_string(t * 1000 + i), reply;
+                ASSERT_EQ(MSG_OK, send("MANY", 1, t, request, &reply));
+                EXPECT_EQ(std::string(request.rbegin(), request.rend()) + char(t) + 'x', reply);
             }
         });
     }
@@ -240,8 +208,7 @@ TEST(MessageConcurrency, ConcurrentSendersGetTheirOwnReplies) {
 TEST(MessageConcurrency, UnregisterWaitsForRunningDelivery) {
     std::mutex mtx;
     std::condition_variable cv;
-    bool entered = false, release = false;
-    std::atomic<bool> finished{false};
+    bool entered = false, release = false, finished = false;
     test_facade slow([&](long, char*, unsigned int, gen_ipc_msghdr h) {
         std::unique_lock<std::mutex> lock(mtx);
         entered = true;
@@ -251,25 +218,17 @@ TEST(MessageConcurrency, UnregisterWaitsForRunningDelivery) {
         finished = true;
     });
     ASSERT_TRUE(register_object("SLOW", 1, &slow));
-    std::thread sender([] {
-        velmora::vlq_mc_client client;
-        char rpl[1];
-        unsigned int len = 1;
-        EXPECT_EQ(MSG_OK, client.vlq_mc_send_sync_message(1, 0, nullptr, 0, rpl, &len, "SLOW"));
-    });
-    {
-        std::unique_lock<std::mutex> lock(mtx);
-        cv.wait(lock, [&] { return entered; });
-    }
+    std::thread sender([] { EXPECT_EQ(MSG_OK, send("SLOW", 1, 0, "")); });
+    std::unique_lock<std::mutex> lock(mtx);
+    cv.wait(lock, [&] { return entered; });
     std::thread remover([&] {
         EXPECT_TRUE(unregister_object("SLOW", 1));
-        EXPECT_TRUE(finished.load());  // the delivery had ended when unregister returned
+        std::lock_guard<std::mutex> check(mtx);
+        EXPECT_TRUE(finished);  // the delivery had ended when unregister returned
     });
-    {
-        std::lock_guard<std::mutex> lock(mtx);
-        release = true;
-    }
+    release = true;
     cv.notify_all();
+    lock.unlock();
     remover.join();
     sender.join();
 }

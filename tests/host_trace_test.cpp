@@ -18,49 +18,42 @@
 namespace {
 
 using ::testing::ElementsAre;
+using tevtest::trace_texts;
 
-std::string read_file(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+// Runs `body` on four threads at once.
+template <typename Body>
+void on_four_threads(Body body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) threads.emplace_back(body, t);
+    for (std::thread& t : threads) t.join();
 }
 
-TEST(Trace, CapturesFormattedLinesOfAnyLength) {
-    tevhost::trace_capture capture;
+TEST(Trace, CapturesFormattedLinesOfAnyLengthOnlyWhileOn) {
     std::string longer(3000, 'x');
-    tivGENTrcPrintf(0xC103, 0x102, 0, "%s[%04d]::%s,%s\n", "tev_ash_control", 42, "create_info",
-                    "[Error]wud_rc:0x1");
-    tivGENTrcPrintf(1, 2, 3, "%s|", longer.c_str());
-
-    std::vector<tevhost::trace_line> lines = capture.lines();
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_EQ("tev_ash_control[0042]::create_info,[Error]wud_rc:0x1\n", lines[0].text);
-    EXPECT_EQ(0xC103u, lines[0].module);
-    EXPECT_EQ(0x102u, lines[0].level);
-    EXPECT_EQ(0u, lines[0].flag);
-    EXPECT_EQ(longer + "|", lines[1].text);
-    EXPECT_EQ(3u, lines[1].flag);
-
-    capture.clear();
-    tivGENTrcPrintf(0, 0, 0, "after clear");
-    EXPECT_THAT(tevtest::trace_texts(), ElementsAre("after clear"));
-}
-
-TEST(Trace, KeepsLinesOnlyWhileCapturing) {
-    tevhost::trace_capture_begin();
-    tivGENTrcPrintf(0, 0, 0, "kept");
-    tevhost::trace_capture_end();
+    {
+        tevhost::trace_capture capture;
+        tivGENTrcPrintf(0xC103, 0x102, 0, "%s[%04d]::%s,%s\n", "tev_ash_control", 42,
+                        "create_info", "[Error]wud_rc:0x1");
+        tivGENTrcPrintf(1, 2, 3, "%s|", longer.c_str());
+        std::vector<tevhost::trace_line> lines = capture.lines();
+        ASSERT_EQ(2u, lines.size());
+        EXPECT_EQ("tev_ash_control[0042]::create_info,[Error]wud_rc:0x1\n", lines[0].text);
+        EXPECT_EQ(0xC103u, lines[0].module);
+        EXPECT_EQ(0x102u, lines[0].level);
+        EXPECT_EQ(longer + "|", lines[1].text);
+        EXPECT_EQ(3u, lines[1].flag);
+        capture.clear();
+        tivGENTrcPrintf(0, 0, 0, "kept");
+    }
     tivGENTrcPrintf(0, 0, 0, "dropped");
     put_lib_svccall_notify(1, 2, 3, "f", "g", 4);
-    EXPECT_THAT(tevtest::trace_texts(), ElementsAre("kept"));
+    EXPECT_THAT(trace_texts(), ElementsAre("kept"));
     EXPECT_TRUE(tevhost::captured_notifications().empty());
-    tevhost::trace_capture_begin();  // a new capture starts empty
-    EXPECT_TRUE(tevtest::trace_texts().empty());
-    tevhost::trace_capture_end();
+    tevhost::trace_capture capture;  // a new capture starts empty
+    EXPECT_TRUE(trace_texts().empty());
 }
 
-TEST(Trace, NotificationsAreWrittenAndKept) {
+TEST(Trace, NotificationsAreWrittenToTheSinkAndKept) {
     std::string path = ::testing::TempDir() + "host_trace_test.log";
     std::remove(path.c_str());
     ASSERT_EQ(0, setenv("TEVASH_HOST_TRACE", path.c_str(), 1));
@@ -77,8 +70,10 @@ TEST(Trace, NotificationsAreWrittenAndKept) {
     }
     ASSERT_EQ(0, setenv("TEVASH_HOST_TRACE", "none", 1));
     tivGENTrcPrintf(0, 0, 0, "not written\n");
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
     EXPECT_EQ("notify code=0xE924 detail=0,0 at tev_ash_observer:notify_create:77\nline 2\n",
-              read_file(path));
+              text.str());
     std::remove(path.c_str());
 }
 
@@ -99,33 +94,25 @@ TEST(Sleep, CountedSleepsAreRecordedNotSlept) {
 TEST(ZofConcurrency, MutexAndProcessLockExcludeEachOther) {
     Zof_Mutex_Semaphore mutex(1);
     long guarded = 0, process_guarded = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 1000; ++i) {
-                {
-                    Zof_Guard guard(mutex);
-                    ++guarded;
-                }
-                Zof_Thread_Guard process_guard;
-                ++process_guarded;
+    on_four_threads([&](int) {
+        for (int i = 0; i < 1000; ++i) {
+            {
+                Zof_Guard guard(mutex);
+                ++guarded;
             }
-        });
-    }
-    for (std::thread& t : threads) t.join();
+            Zof_Thread_Guard process_guard;
+            ++process_guarded;
+        }
+    });
     EXPECT_EQ(4000, guarded);
     EXPECT_EQ(4000, process_guarded);
 }
 
 TEST(TraceConcurrency, LinesFromManyThreadsAreAllKept) {
     tevhost::trace_capture capture;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 100; ++i) tivGENTrcPrintf(t, 0, 0, "thread %d line %d\n", t, i);
-        });
-    }
-    for (std::thread& t : threads) t.join();
+    on_four_threads([](int t) {
+        for (int i = 0; i < 100; ++i) tivGENTrcPrintf(t, 0, 0, "thread %d line %d\n", t, i);
+    });
     std::vector<tevhost::trace_line> lines = capture.lines();
     ASSERT_EQ(400u, lines.size());
     for (const auto& line : lines) {

@@ -3,6 +3,7 @@
 #ifndef TEV_TEST_SUPPORT_H
 #define TEV_TEST_SUPPORT_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,39 @@ public:
     ~fresh_store();
     fresh_store(const fresh_store&) = delete;
     fresh_store& operator=(const fresh_store&) = delete;
+};
+
+// Record store helpers of the host store tests.
+namespace records {
+
+// The component id and record categories the store tests use, and an out-value
+// that a failed call must leave as it was.
+constexpr unsigned int CMP = 0xC103, ROOT = 0x2, JOB = 0x4, SET_A = 0x8, SET_B = 0x10;
+constexpr unsigned int SENTINEL = 0xDEADBEEF;
+
+// Store calls as component CMP, each expected to succeed.
+unsigned int make(unsigned int category);
+void link(unsigned int parent, unsigned int child);  // each under its own category
+// The direct children of `parent` in link order; also checks that the order past
+// the last one is refused without writing the out-value.
+std::vector<unsigned int> children(unsigned int parent);
+// A four-byte member as a little-endian value; checks the read wrote no more.
+uint32_t read_u32(unsigned int id, unsigned int member);
+
+}  // namespace records
+
+// A fresh directory under /tmp, removed with the files in it.
+class temp_dir {
+public:
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+    const std::string& dir() const { return dir_; }
+
+private:
+    std::string dir_;
 };
 
 }  // namespace tevtest
