@@ -169,19 +169,6 @@ TEST_F(Copy, RefusedPairsChangeNothing) {
         trace_calls());
 }
 
-TEST_F(Copy, ImageWithoutAJobFailsBeforeAnyChange) {
-    const tevtest::job_tree src = tree({0x8}, 100);
-    const unsigned int lone_image = tevtest::make_record(TEV_ASH_CAT_APLSVC_IMG);
-    const snapshot_node before = snap(src.auth);
-    EXPECT_EQ(0xC1030001u, facade->tev_ash_copy(src.image, lone_image));
-    const auto lines = trace_calls();
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_EQ(0u, lines[0].find("tev_ash_control::get_child_id_direct,wud_rc:0XE1000007"));
-    EXPECT_NE(std::string::npos,
-              lines[1].find("copy,[Error](get_child_id_direct) rc:0xc1030001, dst_handler_id:"));
-    EXPECT_EQ(before, snap(src.auth));
-}
-
 // Fails each store call of a copy in turn. The source tree must come out
 // unchanged every time; a failed copy returns 0xC1030001 with the copy's own
 // line last. (A failed overlap lookup only means "no overlap", so the copy may

@@ -285,12 +285,4 @@ TEST_F(HandlerFacadeWire, UnansweredRequestsReadAsZeros) {
     EXPECT_EQ(2u, spy.messages().size());
 }
 
-TEST_F(HandlerFacadeWire, OwnDispatchIgnoresEveryMessage) {
-    tevhost::message_spy spy;
-    char buf[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    for (long func = -1; func <= 9; ++func) facade->dispatch(func, buf, sizeof buf, {});
-    EXPECT_TRUE(spy.messages().empty());
-    EXPECT_TRUE(tevtest::trace_calls().empty());
-}
-
 }  // namespace
