@@ -1,10 +1,9 @@
-// Host trace, notifications, the counted sleep and the OS wrapper's locks.
+// Host trace capture and the trace sink with its notifications.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -13,27 +12,18 @@
 #include "host/tev_host.h"
 #include "tev_test_support.h"
 #include "tiv_trace.h"
-#include "zof.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using tevtest::trace_texts;
 
-// Runs `body` on four threads at once.
-template <typename Body>
-void on_four_threads(Body body) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) threads.emplace_back(body, t);
-    for (std::thread& t : threads) t.join();
-}
-
 TEST(Trace, CapturesFormattedLinesOfAnyLengthOnlyWhileOn) {
     std::string longer(3000, 'x');
     {
         tevhost::trace_capture capture;
-        tivGENTrcPrintf(0xC103, 0x102, 0, "%s[%04d]::%s,%s\n", "tev_ash_control", 42,
-                        "create_info", "[Error]wud_rc:0x1");
+        tivGENTrcPrintf(0xC103, 0x102, 0, "%s[%04d]::%s,%s\n", "tev_ash_control", 42, "create_info",
+                        "[Error]wud_rc:0x1");
         tivGENTrcPrintf(1, 2, 3, "%s|", longer.c_str());
         std::vector<tevhost::trace_line> lines = capture.lines();
         ASSERT_EQ(2u, lines.size());
@@ -75,49 +65,6 @@ TEST(Trace, NotificationsAreWrittenToTheSinkAndKept) {
     EXPECT_EQ("notify code=0xE924 detail=0,0 at tev_ash_observer:notify_create:77\nline 2\n",
               text.str());
     std::remove(path.c_str());
-}
-
-TEST(Sleep, CountedSleepsAreRecordedNotSlept) {
-    {
-        tevhost::counted_sleep counted;
-        for (int i = 0; i < 200; ++i) tivZofSleep(300);  // would take a minute if slept
-        tivZofSleep(5);
-        std::vector<int> sleeps = counted.sleeps();
-        ASSERT_EQ(201u, sleeps.size());
-        EXPECT_EQ(300, sleeps.front());
-        EXPECT_EQ(5, sleeps.back());
-    }
-    tivZofSleep(0);
-    EXPECT_EQ(201u, tevhost::counted_sleeps().size());
-}
-
-TEST(ZofConcurrency, MutexAndProcessLockExcludeEachOther) {
-    Zof_Mutex_Semaphore mutex(1);
-    long guarded = 0, process_guarded = 0;
-    on_four_threads([&](int) {
-        for (int i = 0; i < 1000; ++i) {
-            {
-                Zof_Guard guard(mutex);
-                ++guarded;
-            }
-            Zof_Thread_Guard process_guard;
-            ++process_guarded;
-        }
-    });
-    EXPECT_EQ(4000, guarded);
-    EXPECT_EQ(4000, process_guarded);
-}
-
-TEST(TraceConcurrency, LinesFromManyThreadsAreAllKept) {
-    tevhost::trace_capture capture;
-    on_four_threads([](int t) {
-        for (int i = 0; i < 100; ++i) tivGENTrcPrintf(t, 0, 0, "thread %d line %d\n", t, i);
-    });
-    std::vector<tevhost::trace_line> lines = capture.lines();
-    ASSERT_EQ(400u, lines.size());
-    for (const auto& line : lines) {
-        EXPECT_EQ("thread " + std::to_string(line.module), line.text.substr(0, 8));
-    }
 }
 
 }  // namespace

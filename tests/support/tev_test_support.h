@@ -19,12 +19,9 @@ std::vector<std::string> trace_texts();
 
 // A fresh, empty in-memory record store with no schema and no armed failure for
 // its lifetime; call logging and armed failures are switched off again at the end.
-class fresh_store {
-public:
+struct fresh_store {
     fresh_store();
     ~fresh_store();
-    fresh_store(const fresh_store&) = delete;
-    fresh_store& operator=(const fresh_store&) = delete;
 };
 
 // Record store helpers of the host store tests.
@@ -51,8 +48,6 @@ class temp_dir {
 public:
     temp_dir();
     ~temp_dir();
-    temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
     const std::string& dir() const { return dir_; }
 
