@@ -1,8 +1,7 @@
 // The director manager under concurrent use: registrations racing routed
 // notifications, and a removal racing a notification that is still running.
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -19,31 +18,12 @@ TEV_ASH_APP_TYPE type(int t) {
     return static_cast<TEV_ASH_APP_TYPE>(t);
 }
 
-// A one-shot gate that threads wait on until it is opened.
-class gate {
-public:
-    void open() {
-        std::lock_guard<std::mutex> lock(mtx_);
-        open_ = true;
-        cv_.notify_all();
-    }
-    void wait() {
-        std::unique_lock<std::mutex> lock(mtx_);
-        cv_.wait(lock, [this] { return open_; });
-    }
-
-private:
-    std::mutex mtx_;
-    std::condition_variable cv_;
-    bool open_ = false;
-};
-
-// Answers create with its tag as handler id and counts live objects. With gates,
-// its remove notification opens `entered` and then waits for `release`.
+// Answers create with its tag as handler id and counts live objects. Given
+// them, its remove notification sets `entered` and then waits for `release`.
 class test_observer : public tev_ash_observer {
 public:
-    test_observer(unsigned int tag, std::atomic<int>& live, gate* entered = nullptr,
-                  gate* release = nullptr)
+    test_observer(unsigned int tag, std::atomic<int>& live, std::promise<void>* entered = nullptr,
+                  std::shared_future<void>* release = nullptr)
         : tag_(tag), live_(live), entered_(entered), release_(release) {
         ++live_;
     }
@@ -58,7 +38,7 @@ public:
     }
     void notify_remove(unsigned int, long& result) override {
         if (entered_ != nullptr) {
-            entered_->open();
+            entered_->set_value();
             release_->wait();
         }
         result = 0;
@@ -72,8 +52,8 @@ public:
 private:
     const unsigned int tag_;
     std::atomic<int>& live_;
-    gate* entered_;
-    gate* release_;
+    std::promise<void>* entered_;
+    std::shared_future<void>* release_;
 };
 std::atomic<bool> test_observer::finished_before_destruction{false};
 
@@ -124,14 +104,15 @@ TEST(DirectorManagerConcurrency, RegistrationsRaceRoutedNotifications) {
 TEST(DirectorManagerConcurrency, RemovalWaitsForARunningNotification) {
     auto* manager = tev_ash_director_manager::get_instance();
     std::atomic<int> live{0};
-    gate entered, release;
-    auto* o = new test_observer(0, live, &entered, &release);
+    std::promise<void> entered, release;
+    std::shared_future<void> released = release.get_future().share();
+    auto* o = new test_observer(0, live, &entered, &released);
     const long id = o->get_obj_id();
     ASSERT_EQ(0u, manager->add_observer(type(300), o));
 
     unsigned int routed_rc = 1, remove_rc = 1;
     std::thread router([&] { routed_rc = manager->remove(type(300), 7); });
-    entered.wait();
+    entered.get_future().wait();
     std::atomic<bool> removed{false};
     std::thread remover([&] {
         remove_rc = manager->remove_observer(id);
@@ -143,7 +124,7 @@ TEST(DirectorManagerConcurrency, RemovalWaitsForARunningNotification) {
     }
     EXPECT_FALSE(removed.load());
     EXPECT_FALSE(o->finished.load());
-    release.open();
+    release.set_value();
     router.join();
     remover.join();
     EXPECT_EQ(0u, routed_rc);

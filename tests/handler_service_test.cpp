@@ -1,9 +1,8 @@
 // The host handler service with the sample director, end to end: requests from
 // the handler facade and the public facade travel through the service and the
-// director manager to the director, which works in the record store; connecters
-// and malformed requests are answered by the service.
+// director manager to the director, which works in the record store; malformed
+// requests are answered by the service.
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -115,25 +114,6 @@ TEST_F(HandlerService, CreateResetRemoveThroughBothFacadesReachTheStore) {
     EXPECT_EQ(tevhost::STORE_NO_RECORD, facade->tev_ash_remove(APP, root));
 }
 
-TEST_F(HandlerService, RemoveDeletesTheHandlerAndEverythingBelowIt) {
-    const unsigned int keep = make_record(TEV_ASH_CAT_AUTH), job = make_record(TEV_ASH_CAT_APLJOB);
-    const unsigned int a = make_record(TEV_ASH_CAT_JOBSET_03),
-                       b = make_record(TEV_ASH_CAT_JOBSET_04);
-    const unsigned int a1 = make_record(TEV_ASH_CAT_JOBSET_05);
-    const unsigned int links[][4] = {{TEV_ASH_CAT_AUTH, keep, TEV_ASH_CAT_APLJOB, job},
-                                     {TEV_ASH_CAT_APLJOB, job, TEV_ASH_CAT_JOBSET_03, a},
-                                     {TEV_ASH_CAT_APLJOB, job, TEV_ASH_CAT_JOBSET_04, b},
-                                     {TEV_ASH_CAT_JOBSET_03, a, TEV_ASH_CAT_JOBSET_05, a1}};
-    for (const auto& l : links) {
-        ASSERT_EQ(0u, store::wud_wud_service_info_set_link(CMP, l[0], l[1], l[2], l[3]));
-    }
-    EXPECT_EQ(0u, handler()->tev_ash_handler_remove(APP, job));
-    EXPECT_EQ(std::vector<unsigned int>{keep}, record_ids());
-    unsigned int count = 1;
-    EXPECT_EQ(0u, store::wud_wud_service_info_get_child_link_num_direct(CMP, keep, &count));
-    EXPECT_EQ(0u, count);
-}
-
 TEST_F(HandlerService, DirectorAndManagerFailureCodesArriveUnchanged) {
     EXPECT_EQ(tevhost::STORE_NO_RECORD, handler()->tev_ash_handler_remove(APP, 4242));
     EXPECT_EQ(tevhost::STORE_NO_RECORD, handler()->tev_ash_handler_reset(APP, NONE, 4242));
@@ -151,51 +131,6 @@ TEST_F(HandlerService, DirectorAndManagerFailureCodesArriveUnchanged) {
     EXPECT_TRUE(record_ids().empty());
 }
 
-TEST_F(HandlerService, SecondDirectorForATypeIsRefusedAndAWithdrawnOneStopsReceiving) {
-    tevash_tools::sample_director second("TEV_ASH_DIR2");
-    EXPECT_EQ(0xC1030005u, second.start(APP));
-    EXPECT_FALSE(second.started());
-
-    const auto app9 = static_cast<TEV_ASH_APP_TYPE>(9);
-    ASSERT_EQ(0u, second.start(app9));
-    unsigned int id = 0;
-    ASSERT_EQ(0u, handler()->tev_ash_handler_create(TEV_ASH_CAT_AUTH, app9, NONE, &id, 0));
-    EXPECT_EQ(1u, second.notifications());
-    EXPECT_EQ(0u, second.stop());
-    EXPECT_EQ(0xC1030006u, handler()->tev_ash_handler_remove(app9, id));
-    EXPECT_EQ(0xC1030006u, handler()->tev_ash_handler_remove_observer(&second));
-}
-
-// ---- Connecters
-
-TEST_F(HandlerService, ConnecterIsAnsweredWithTheDirectorAndUnknownOnesAreRefused) {
-    unsigned char conn = 0;
-    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_start(conn, "CONNECTER"));
-    EXPECT_NE(0, conn);
-    EXPECT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_init_end(conn));
-
-    long obj_id = 0, again = 0;
-    char name[16];
-    std::memset(name, '#', sizeof name);
-    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_get_director_observer(conn, APP, obj_id, name));
-    EXPECT_NE(0, obj_id);
-    EXPECT_EQ(std::string("TEV_ASH_DIR") + std::string(5, '\0'), std::string(name, 16));
-    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_get_director_observer(conn, APP, again, name));
-    EXPECT_EQ(obj_id, again);  // the connecter keeps one proxy per type
-    EXPECT_EQ(0xC1030006u,
-              handler()->tev_ash_handler_ctrl_get_director_observer(conn, OTHER_APP, again, name));
-    EXPECT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_stop(conn));
-
-    unsigned char second = 0;
-    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_start(second, "CONNECTER2"));
-    EXPECT_NE(conn, second);
-
-    EXPECT_EQ(BAD_ARG, handler()->tev_ash_handler_ctrl_notify_init_end(250));
-    EXPECT_EQ(BAD_ARG, handler()->tev_ash_handler_ctrl_notify_stop(250));
-    EXPECT_EQ(BAD_ARG,
-              handler()->tev_ash_handler_ctrl_get_director_observer(250, APP, again, name));
-}
-
 // ---- Malformed requests
 
 TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAll) {
@@ -208,16 +143,11 @@ TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAl
         std::size_t request_size, reply_size, result_offset;
     } cases[] = {
         {false, TEV_ASH_FUNC_ADD_OBSERVER, 23, tev_ash_ctrl_rpl::SIZE, 12},
-        {false, TEV_ASH_FUNC_REMOVE_OBSERVER, 0, tev_ash_ctrl_rpl::SIZE, 12},
-        {false, TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END, 72, tev_ash_ctrl_rpl::SIZE, 12},
-        {false, TEV_ASH_FUNC_CTRL_NOTIFY_STOP, 3, tev_ash_ctrl_rpl::SIZE, 12},
         {false, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, 76, tev_ash_ctrl_rpl::SIZE, 12},
         {false, TEV_ASH_FUNC_CREATE, 15, tev_ash_create_rpl::SIZE, 4},
-        {false, TEV_ASH_FUNC_REMOVE, 7, tev_ash_result_rpl::SIZE, 0},
         {false, TEV_ASH_FUNC_RESET, 0, tev_ash_result_rpl::SIZE, 0},
         {true, TEV_ASH_FUNC_CREATE, 2, tev_ash_create_rpl::SIZE, 4},
         {true, TEV_ASH_FUNC_REMOVE, 2, tev_ash_result_rpl::SIZE, 0},
-        {true, TEV_ASH_FUNC_RESET, 2, tev_ash_result_rpl::SIZE, 0},
     };
     for (const auto& k : cases) {
         bytes reply(k.reply_size);
@@ -236,24 +166,6 @@ TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAl
     EXPECT_EQ(tevhost::MSG_NO_REPLY, send(0, bytes(), reply, director.get_obj_id(), director_name));
     EXPECT_EQ(0u, director.notifications());
     EXPECT_TRUE(record_ids().empty());
-}
-
-// ---- Starting and stopping
-
-TEST(HostSystem, OneServicePerProcessAndStoppingWithdrawsTheDirector) {
-    tevtest::fresh_store store;
-    tevhost::trace_capture trace;
-    {
-        tevash_tools::host_system first(APP);
-        ASSERT_EQ(0u, first.status());
-        tevash_tools::host_system second(OTHER_APP, "TEV_ASH_DIR2");
-        EXPECT_EQ(0xC1030005u, second.status());
-        EXPECT_EQ(nullptr, second.service());
-    }
-    tevash_tools::host_system again(APP);
-    EXPECT_EQ(0u, again.status());
-    unsigned int id = 0;
-    EXPECT_EQ(0u, handler()->tev_ash_handler_create(TEV_ASH_CAT_AUTH, APP, NONE, &id, 0));
 }
 
 }  // namespace
