@@ -1,9 +1,9 @@
 // Member access: every read and write resolves the handler that owns the member,
-// then makes one record store call with the caller's component id. Members are
-// 32 bits at most in the store; a read into long / unsigned long goes through a
-// 32-bit local and is sign- / zero-extended only when it succeeded, so a failed
-// read leaves the caller's variable as it was.
+// then makes one record store call with the caller's component id. The overloads
+// share that flow (access_member) and differ in the store call and in the
+// wording of their two failure lines.
 #include <cstdint>
+#include <type_traits>
 
 #include "tev_ash_control.h"
 #include "tev_ash_trace.h"
@@ -20,445 +20,331 @@ unsigned long lx(unsigned int v) {
     return static_cast<unsigned long>(v);
 }
 
+// Resolves the target handler, then makes the one store access. A refused
+// resolution passes its code on after `unresolved(rc, target_handler_id)` has
+// written the overload's line; a failed access is 0xC1030001 after
+// `failed(target_handler_id)`, whatever code the store gave.
+template <typename Access, typename Unresolved, typename Failed>
+unsigned int access_member(tev_ash_control& control, unsigned int handler_id,
+                           unsigned int member_id, unsigned int order, Access&& access,
+                           Unresolved&& unresolved, Failed&& failed) {
+    unsigned int target_handler_id = 0;
+    const unsigned int rc =
+        control.search_target_handler_id(handler_id, member_id, &target_handler_id, order);
+    if (rc != TEV_ASH_RC_OK) {
+        unresolved(rc, target_handler_id);
+        return rc;
+    }
+    if (access(target_handler_id) != 0) {
+        failed(target_handler_id);
+        return TEV_ASH_RC_FAILURE;
+    }
+    return TEV_ASH_RC_OK;
+}
+
+// One store read into `ret_p`. Members are 32 bits at most in the store, while
+// long is 64 bits on LP64 hosts: long / unsigned long go through a 32-bit local
+// and are sign- / zero-extended only once the read succeeded, so a failed read
+// leaves the caller's variable as it was. Every other type, and the byte
+// strings read into char buffers, the store writes in place.
+template <typename T>
+unsigned int read_current(unsigned int cmp_id, unsigned int target_handler_id,
+                          unsigned int member_id, T* ret_p) {
+    if constexpr (std::is_same_v<T, long> || std::is_same_v<T, unsigned long>) {
+        std::conditional_t<std::is_signed_v<T>, std::int32_t, std::uint32_t> value = 0;
+        const unsigned int rc =
+            store::wud_wud_service_info_get_current(cmp_id, target_handler_id, member_id, &value);
+        if (rc == 0) {
+            *ret_p = static_cast<T>(value);
+        }
+        return rc;
+    } else {
+        return store::wud_wud_service_info_get_current(cmp_id, target_handler_id, member_id, ret_p);
+    }
+}
+
+// The reads differ only in the value type and, for the read without a component
+// id, in the spelling of its resolution line.
+enum class read_wording { serch, search };
+
+template <typename T>
+unsigned int read_member(tev_ash_control& control, read_wording wording, unsigned int cmp_id,
+                         unsigned int handler_id, unsigned int member_id, T* ret_p,
+                         unsigned int order) {
+    return access_member(
+        control, handler_id, member_id, order,
+        [&](unsigned int target) { return read_current(cmp_id, target, member_id, ret_p); },
+        [&](unsigned int rc, unsigned int target) {
+            if (wording == read_wording::serch) {
+                TEV_ASH_TRACE(FILE_CONTROL, "get_member",
+                              "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
+                              "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
+                              lx(rc), handler_id, member_id, order, target,
+                              static_cast<void*>(ret_p));
+            } else {
+                TEV_ASH_TRACE(FILE_CONTROL, "get_member",
+                              "[Error](search_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
+                              "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
+                              lx(rc), handler_id, member_id, order, target,
+                              static_cast<void*>(ret_p));
+            }
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "get_member",
+                          "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, "
+                          "target_handler_id:%#.8X, member_id:%#.8X, &ret_p:%p",
+                          lx(TEV_ASH_RC_FAILURE), handler_id, target, member_id,
+                          static_cast<void*>(ret_p));
+        });
+}
+
 }  // namespace
+
+// ---- Reads. `size` is not used: the store writes the member's whole value.
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned int /*size*/, char* ret_p,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, ret_p);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned long* ret_p,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    // The member is 32 bits wide; it is widened only once the read succeeded.
-    std::uint32_t value = 0;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, &value);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    *ret_p = static_cast<unsigned long>(value);
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, long* ret_p, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    // The member is 32 bits wide; it is widened only once the read succeeded.
-    std::int32_t value = 0;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, &value);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    *ret_p = static_cast<long>(value);
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned short* ret_p,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, ret_p);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, short* ret_p, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, ret_p);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned char* ret_p,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, ret_p);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, char* ret_p, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = cmp_id;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, ret_p);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int handler_id, unsigned int member_id,
                                          char* ret_p, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](search_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                      lx(rc), handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(ret_p));
-        return rc;
-    }
-    const unsigned int store_cmp_id = TEV_ASH_CMP_ID;
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_get_current(store_cmp_id, target_handler_id, member_id, ret_p);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                      "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, target_handler_id:%#.8X, "
-                      "member_id:%#.8X, &ret_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), handler_id, target_handler_id, member_id,
-                      static_cast<void*>(ret_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    return read_member(*this, read_wording::search, TEV_ASH_CMP_ID, handler_id, member_id, ret_p,
+                       order);
 }
+
+// ---- Writes. Each keeps its own wording: the misspelt "serch", the lines
+// without "[Error]", the width the value is shown with (16- and 8-bit values as
+// their zero-extended bit pattern). long / unsigned long are written as their
+// 32-bit value.
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned int /*size*/, char* val_p,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val_p:%p",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(val_p));
-        return rc;
-    }
-    const unsigned int wud_rc = store::wud_wud_service_info_set_current(
-        cmp_id, target_handler_id, member_id, static_cast<void*>(val_p));
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<void*>(val_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    void* const shown = val_p;
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, shown);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
+                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, val_p:%p",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val_p:%p",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned long val,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.8lX",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<unsigned long>(static_cast<std::uint32_t>(val)));
-        return rc;
-    }
-    const unsigned int wud_rc = store::wud_wud_service_info_set_current(
-        cmp_id, target_handler_id, member_id,
-        static_cast<unsigned long>(static_cast<std::uint32_t>(val)));
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<unsigned long>(static_cast<std::uint32_t>(val)));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    const unsigned long shown = static_cast<std::uint32_t>(val);
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, shown);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
+                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, val:%#.8lX",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, long val, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.8lX",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<unsigned long>(static_cast<std::uint32_t>(val)));
-        return rc;
-    }
-    const unsigned int wud_rc = store::wud_wud_service_info_set_current(
-        cmp_id, target_handler_id, member_id, static_cast<long>(static_cast<std::int32_t>(val)));
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<unsigned long>(static_cast<std::uint32_t>(val)));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    const long value = static_cast<std::int32_t>(val);
+    const unsigned long shown = static_cast<std::uint32_t>(val);
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, value);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
+                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, val:%#.8lX",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned short val,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.4X",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<unsigned int>(val));
-        return rc;
-    }
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_set_current(cmp_id, target_handler_id, member_id, val);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<unsigned int>(val));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    const unsigned int shown = val;
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
+                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, val:%#.4X",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, short val, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.4X",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<unsigned int>(static_cast<unsigned short>(val)));
-        return rc;
-    }
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_set_current(cmp_id, target_handler_id, member_id, val);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "(set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<unsigned int>(static_cast<unsigned short>(val)));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    const unsigned int shown = static_cast<unsigned short>(val);
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.4X",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "(set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned char val,
                                          unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.2X",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<unsigned int>(val));
-        return rc;
-    }
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_set_current(cmp_id, target_handler_id, member_id, val);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<unsigned int>(val));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    const unsigned int shown = val;
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.2X",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, char val, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.2X",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<unsigned int>(static_cast<unsigned char>(val)));
-        return rc;
-    }
-    const unsigned int wud_rc =
-        store::wud_wud_service_info_set_current(cmp_id, target_handler_id, member_id, val);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<unsigned int>(static_cast<unsigned char>(val)));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    const unsigned int shown = static_cast<unsigned char>(val);
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
+                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, val:%#.2X",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, char* val_p, unsigned int order) {
-    unsigned int target_handler_id = 0;
-    const unsigned int rc =
-        search_target_handler_id(handler_id, member_id, &target_handler_id, order);
-    if (rc != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](search_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                      "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &val_p:%p",
-                      lx(rc), cmp_id, handler_id, member_id, order, target_handler_id,
-                      static_cast<void*>(val_p));
-        return rc;
-    }
-    const unsigned int wud_rc = store::wud_wud_service_info_set_current(
-        cmp_id, target_handler_id, member_id, static_cast<void*>(val_p));
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                      "[Error](set_current) rc:%#.8lx, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                      "target_handler_id:%#.8X, member_id:%#.8X, &val_p:%p",
-                      lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target_handler_id,
-                      member_id, static_cast<void*>(val_p));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    void* const shown = val_p;
+    return access_member(
+        *this, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, shown);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](search_target_handler_id) rc:%#.8lX, cmp_id:%u, "
+                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                          "target_handler_id:%#.8X, &val_p:%p",
+                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
+                          "[Error](set_current) rc:%#.8lx, cmp_id:%u, handler_id:%#.8X, "
+                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, &val_p:%p",
+                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
+                          shown);
+        });
 }
 
 }  // namespace velmora
