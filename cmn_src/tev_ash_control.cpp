@@ -283,14 +283,16 @@ unsigned int tev_ash_control::search_target_handler_id(unsigned int handler_id,
     rc = get_member_category(member_id, &mc);
     if (rc != TEV_ASH_RC_OK) return rc;
 
-        // Every failure line of the resolution carries the same fields.
-#define TEV_ASH_RESOLUTION_TRACE(label, code)                                                    \
-    TEV_ASH_TRACE(FILE_CONTROL, "search_target_handler_id",                                      \
-                  "[Error](" label                                                               \
-                  ") rc:%#.8lx, handler_id:%#.8X, member_id:%#.8X, order:%u, "                   \
-                  "&target_handler_id:%p, handler_id_category:%u, member_category:%u",           \
-                  lx(code), handler_id, member_id, order, static_cast<void*>(target_handler_id), \
-                  static_cast<unsigned int>(hc), static_cast<unsigned int>(mc))
+    // Every failure line of the resolution carries the same fields.
+    const auto refuse = [&](const char* label, unsigned int code) {
+        TEV_ASH_TRACE(FILE_CONTROL, "search_target_handler_id",
+                      "[Error](%s) rc:%#.8lx, handler_id:%#.8X, member_id:%#.8X, order:%u, "
+                      "&target_handler_id:%p, handler_id_category:%u, member_category:%u",
+                      label, lx(code), handler_id, member_id, order,
+                      static_cast<void*>(target_handler_id), static_cast<unsigned int>(hc),
+                      static_cast<unsigned int>(mc));
+        return code;
+    };
 
     // Access itself.
     if (hc == mc) {
@@ -304,8 +306,7 @@ unsigned int tev_ash_control::search_target_handler_id(unsigned int handler_id,
             if (get_child_id(handler_id, mc, target_handler_id, order) == TEV_ASH_RC_OK) {
                 return TEV_ASH_RC_OK;
             }
-            TEV_ASH_RESOLUTION_TRACE("Existence Error:child", TEV_ASH_RC_NOT_EXIST);
-            return TEV_ASH_RC_NOT_EXIST;
+            return refuse("Existence Error:child", TEV_ASH_RC_NOT_EXIST);
         }
         // Access AUTH: the root, as many parent links up as the levels differ.
         if (mc == TEV_ASH_CAT_AUTH) {
@@ -314,16 +315,14 @@ unsigned int tev_ash_control::search_target_handler_id(unsigned int handler_id,
             const unsigned int rc_h = get_category_level(hc, &lh);
             const unsigned int rc_m = get_category_level(mc, &lm);
             if (rc_h != TEV_ASH_RC_OK || rc_m != TEV_ASH_RC_OK) {
-                TEV_ASH_RESOLUTION_TRACE("Get category_level", TEV_ASH_RC_FAILURE);
-                return TEV_ASH_RC_FAILURE;
+                return refuse("Get category_level", TEV_ASH_RC_FAILURE);
             }
             const unsigned int links = lh - lm;
             unsigned int current = handler_id;
             for (unsigned int i = 0; i < links; ++i) {
                 unsigned int parent = 0;
                 if (get_parent_id(current, &parent) != TEV_ASH_RC_OK) {
-                    TEV_ASH_RESOLUTION_TRACE("Existence Error:AUTH", TEV_ASH_RC_NOT_EXIST);
-                    return TEV_ASH_RC_NOT_EXIST;
+                    return refuse("Existence Error:AUTH", TEV_ASH_RC_NOT_EXIST);
                 }
                 current = parent;
             }
@@ -332,9 +331,7 @@ unsigned int tev_ash_control::search_target_handler_id(unsigned int handler_id,
         }
     }
 
-    TEV_ASH_RESOLUTION_TRACE("Invalid Access:other", TEV_ASH_RC_FAILURE);
-#undef TEV_ASH_RESOLUTION_TRACE
-    return TEV_ASH_RC_FAILURE;
+    return refuse("Invalid Access:other", TEV_ASH_RC_FAILURE);
 }
 
 }  // namespace velmora
