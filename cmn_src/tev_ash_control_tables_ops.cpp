@@ -1,9 +1,8 @@
 // Lookups in the built-in tables of tev_ash_control (tev_ash_control_tables.cpp).
 // They read constants only: no store access, no allocation, no lock.
-#include <cstddef>
-#include <iterator>
 
 #include "tev_ash_control.h"
+#include "tev_ash_member_index.h"
 #include "tev_ash_trace.h"
 
 namespace velmora {
@@ -14,20 +13,21 @@ using tev_ash_trace::FILE_CONTROL;
 
 unsigned int tev_ash_control::get_member_category(unsigned int member_id,
                                                   TEV_ASH_CATEGORY* category) {
-    // The member table is sorted by member_id and its ids are unique, so the
-    // bisection finds the same row a scan from the front would. The halving
-    // has no data-dependent branch (the compiler turns the choice into a
-    // conditional move), which keeps a lookup at a few nanoseconds.
-    const tev_ash_member_row* row = s_member_table;
-    std::size_t len = std::size(s_member_table);
-    while (len > 1) {
-        const std::size_t half = len / 2;
-        row = row[half - 1].member_id < member_id ? row + half : row;
-        len -= half;
+    // Only the runs of the id's key can hold it; they are in id order.
+    namespace index = tev_ash_member_index;
+    const tev_ash_member_row* row = nullptr;
+    const unsigned int key = member_id >> index::KEY_SHIFT;
+    if (key < index::KEY_COUNT) {
+        const index::run* const end = index::s_runs + index::s_run_begin[key + 1];
+        for (const index::run* run = index::s_runs + index::s_run_begin[key];
+             run != end && run->first_id <= member_id; ++run) {
+            if (member_id <= run->last_id) {
+                row = &s_member_table[run->row + (member_id - run->first_id)];
+                break;
+            }
+        }
     }
-    // The first row not below member_id is `row` or the one after it.
-    if (row->member_id < member_id) ++row;
-    if (row == std::end(s_member_table) || row->member_id != member_id) {
+    if (row == nullptr) {
         TEV_ASH_TRACE(FILE_CONTROL, "get_member_category",
                       "[Error](Member Not Found) rc:%#.8lx, member_id:%#.8X, &category:%p",
                       static_cast<unsigned long>(TEV_ASH_RC_FAILURE), member_id,

@@ -155,7 +155,11 @@ protected:
 tev_ash_control* ControlTableLookups::control_ = nullptr;
 
 TEST_F(ControlTableLookups, MemberLookupAgreesWithAScanForEveryIdAndItsNeighbours) {
-    std::vector<unsigned int> ids = {0x0, 0x1, 0x00100000, 0x01A00000, 0x1A000000, 0xFFFFFFFF};
+    std::vector<unsigned int> ids = {0x1A000000, 0xFFFFFFFF};
+    for (unsigned int key = 0; key <= 0x1B; ++key) {  // both ends of every category's id range
+        ids.push_back(key << 20);
+        ids.push_back((key << 20) | 0xFFFFF);
+    }
     for (const auto& row : tev_ash_control::s_member_table) {
         for (unsigned int id : {row.member_id - 1, row.member_id, row.member_id + 1}) {
             ids.push_back(id);

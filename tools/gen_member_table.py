@@ -258,6 +258,28 @@ def expand_members():
     return rows
 
 
+KEY_SHIFT = 20
+KEY_COUNT = 26  # must match cmn_src/tev_ash_member_index.h
+
+
+def member_runs(rows):
+    """Runs (first id, last id, first row) of consecutive ids, and for every key
+    (id bits 31..20) the index of its first run; the last entry ends the list."""
+    runs = []
+    for index, (member_id, _) in enumerate(rows):
+        if runs and runs[-1][1] + 1 == member_id and (member_id >> KEY_SHIFT) == (
+                runs[-1][0] >> KEY_SHIFT):
+            runs[-1][1] = member_id
+        else:
+            runs.append([member_id, member_id, index])
+    if rows[-1][0] >> KEY_SHIFT >= KEY_COUNT:
+        fail("member %#010x has a key beyond the index" % rows[-1][0])
+    begin = [sum(1 for r in runs if r[0] >> KEY_SHIFT < key) for key in range(KEY_COUNT + 1)]
+    if max(b - a for a, b in zip(begin, begin[1:])) > 16 or begin[-1] > 255:
+        fail("too many runs for the index")
+    return runs, begin
+
+
 def render(rows):
     out = []
     emit = out.append
@@ -265,10 +287,11 @@ def render(rows):
     emit("// the data in that script and rerun it from the repository root:")
     emit("//     python3 tools/gen_member_table.py")
     emit("//")
-    emit("// The built-in tables of tev_ash_control. s_member_table is sorted by member_id")
-    emit("// (get_member_category searches it by bisection); the other two are scanned in")
-    emit("// row order.")
+    emit("// The built-in tables of tev_ash_control. s_member_table is sorted by member_id;")
+    emit("// get_member_category finds a row through the runs of tev_ash_member_index. The")
+    emit("// category table and the job-set list are scanned in row order.")
     emit("#include \"tev_ash_control.h\"")
+    emit("#include \"tev_ash_member_index.h\"")
     emit("")
     emit("namespace velmora {")
     emit("")
@@ -285,6 +308,21 @@ def render(rows):
     emit("")
     emit("const unsigned int tev_ash_control::MEMBER_MAX =")
     emit("    sizeof(tev_ash_control::s_member_table) / sizeof(tev_ash_member_row);")
+    emit("")
+    runs, begin = member_runs(rows)
+    emit("namespace tev_ash_member_index {")
+    emit("")
+    emit("const run s_runs[%d] = {" % len(runs))
+    for first, last, row in runs:
+        emit("    {0x%08X, 0x%08X, %d}," % (first, last, row))
+    emit("};")
+    emit("")
+    emit("const unsigned char s_run_begin[KEY_COUNT + 1] = {")
+    for i in range(0, len(begin), 9):
+        emit("    " + " ".join("%d," % b for b in begin[i:i + 9]))
+    emit("};")
+    emit("")
+    emit("}  // namespace tev_ash_member_index")
     emit("")
     emit("const tev_ash_category_row tev_ash_control::s_category_table[%d] = {"
          % len(CATEGORY_TABLE))
