@@ -1,5 +1,7 @@
 // Lookups in the built-in tables of tev_ash_control (tev_ash_control_tables.cpp).
 // They read constants only: no store access, no allocation, no lock.
+#include <cstdint>
+#include <iterator>
 
 #include "tev_ash_control.h"
 #include "tev_ash_member_index.h"
@@ -13,15 +15,17 @@ using tev_ash_trace::FILE_CONTROL;
 
 unsigned int tev_ash_control::get_member_category(unsigned int member_id,
                                                   TEV_ASH_CATEGORY* category) {
-    // Only the runs of the id's key can hold it; they are in id order.
+    // Only the runs of the id's block can hold it: the slot of the block names
+    // its first run (or, for an id of no member, possibly another block's).
     namespace index = tev_ash_member_index;
     const tev_ash_member_row* row = nullptr;
-    const unsigned int key = member_id >> index::KEY_SHIFT;
-    if (key < index::KEY_COUNT) {
-        const index::run* const end = index::s_runs + index::s_run_begin[key + 1];
-        for (const index::run* run = index::s_runs + index::s_run_begin[key];
-             run != end && run->first_id <= member_id; ++run) {
-            if (member_id <= run->last_id) {
+    const std::uint32_t block = member_id >> index::BLOCK_SHIFT;
+    const unsigned char first = index::s_slots[index::slot_of(block)];
+    if (first != index::NO_RUN) {
+        const index::run* const end = std::end(index::s_runs);
+        for (const index::run* run = index::s_runs + first;
+             run != end && (run->first_id >> index::BLOCK_SHIFT) == block; ++run) {
+            if (member_id >= run->first_id && member_id <= run->last_id) {
                 row = &s_member_table[run->row + (member_id - run->first_id)];
                 break;
             }

@@ -10,7 +10,21 @@
 namespace velmora {
 
 namespace {
+
 using tev_ash_trace::FILE_FACADE;
+
+// The typed reads with a component id: a null buffer is refused, anything else
+// goes to the control read of the same type.
+template <typename T>
+unsigned int read_checked(tev_ash_control& control, unsigned int cmp_id, unsigned int handler_id,
+                          unsigned int member_id, T* ret_p, unsigned int order) {
+    if (ret_p == nullptr) {
+        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
+        return TEV_ASH_RC_BAD_ARG;
+    }
+    return control.get_member(cmp_id, handler_id, member_id, ret_p, order);
+}
+
 }  // namespace
 
 std::atomic<tev_ash_facade*> tev_ash_facade::the_instance_{nullptr};
@@ -250,61 +264,37 @@ unsigned int tev_ash_facade::tev_ash_get_member(unsigned int handler_id, unsigne
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,
                                                 unsigned int member_id, char* ret_p,
                                                 unsigned int order) {
-    if (ret_p == nullptr) {
-        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
-        return TEV_ASH_RC_BAD_ARG;
-    }
-    return control_->get_member(cmp_id, handler_id, member_id, ret_p, order);
+    return read_checked(*control_, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,
                                                 unsigned int member_id, unsigned char* ret_p,
                                                 unsigned int order) {
-    if (ret_p == nullptr) {
-        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
-        return TEV_ASH_RC_BAD_ARG;
-    }
-    return control_->get_member(cmp_id, handler_id, member_id, ret_p, order);
+    return read_checked(*control_, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,
                                                 unsigned int member_id, short* ret_p,
                                                 unsigned int order) {
-    if (ret_p == nullptr) {
-        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
-        return TEV_ASH_RC_BAD_ARG;
-    }
-    return control_->get_member(cmp_id, handler_id, member_id, ret_p, order);
+    return read_checked(*control_, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,
                                                 unsigned int member_id, unsigned short* ret_p,
                                                 unsigned int order) {
-    if (ret_p == nullptr) {
-        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
-        return TEV_ASH_RC_BAD_ARG;
-    }
-    return control_->get_member(cmp_id, handler_id, member_id, ret_p, order);
+    return read_checked(*control_, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,
                                                 unsigned int member_id, long* ret_p,
                                                 unsigned int order) {
-    if (ret_p == nullptr) {
-        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
-        return TEV_ASH_RC_BAD_ARG;
-    }
-    return control_->get_member(cmp_id, handler_id, member_id, ret_p, order);
+    return read_checked(*control_, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,
                                                 unsigned int member_id, unsigned long* ret_p,
                                                 unsigned int order) {
-    if (ret_p == nullptr) {
-        TEV_ASH_TRACE(FILE_FACADE, "tev_ash_get_member", "[Error]ret_p is NULL");
-        return TEV_ASH_RC_BAD_ARG;
-    }
-    return control_->get_member(cmp_id, handler_id, member_id, ret_p, order);
+    return read_checked(*control_, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_facade::tev_ash_get_member(unsigned int cmp_id, unsigned int handler_id,

@@ -258,26 +258,39 @@ def expand_members():
     return rows
 
 
-KEY_SHIFT = 20
-KEY_COUNT = 26  # must match cmn_src/tev_ash_member_index.h
+# Must match cmn_src/tev_ash_member_index.h.
+RUN_COUNT = 112
+BLOCK_SHIFT = 12
+SLOT_BITS = 10
+NO_RUN = 0xFF
 
 
-def member_runs(rows):
-    """Runs (first id, last id, first row) of consecutive ids, and for every key
-    (id bits 31..20) the index of its first run; the last entry ends the list."""
+def slot_of(block, multiplier):
+    return ((block * multiplier) & 0xFFFFFFFF) >> (32 - SLOT_BITS)
+
+
+def member_index(rows):
+    """The runs (first id, last id, first row) of consecutive ids inside one
+    block, the multiplier that gives every block its own slot, and the slots."""
     runs = []
     for index, (member_id, _) in enumerate(rows):
-        if runs and runs[-1][1] + 1 == member_id and (member_id >> KEY_SHIFT) == (
-                runs[-1][0] >> KEY_SHIFT):
+        if runs and runs[-1][1] + 1 == member_id and (member_id >> BLOCK_SHIFT) == (
+                runs[-1][0] >> BLOCK_SHIFT):
             runs[-1][1] = member_id
         else:
             runs.append([member_id, member_id, index])
-    if rows[-1][0] >> KEY_SHIFT >= KEY_COUNT:
-        fail("member %#010x has a key beyond the index" % rows[-1][0])
-    begin = [sum(1 for r in runs if r[0] >> KEY_SHIFT < key) for key in range(KEY_COUNT + 1)]
-    if max(b - a for a, b in zip(begin, begin[1:])) > 16 or begin[-1] > 255:
-        fail("too many runs for the index")
-    return runs, begin
+    if len(runs) != RUN_COUNT:
+        fail("%d runs, the index expects %d" % (len(runs), RUN_COUNT))
+    blocks = {}
+    for index, (first, _, _) in enumerate(runs):
+        blocks.setdefault(first >> BLOCK_SHIFT, index)
+    multiplier = 0x9E3779B1  # odd; stepped by 2 until no two blocks share a slot
+    while len({slot_of(b, multiplier) for b in blocks}) != len(blocks):
+        multiplier += 2
+    slots = [NO_RUN] * (1 << SLOT_BITS)
+    for block, first_run in blocks.items():
+        slots[slot_of(block, multiplier)] = first_run
+    return runs, multiplier, slots
 
 
 def render(rows):
@@ -288,8 +301,9 @@ def render(rows):
     emit("//     python3 tools/gen_member_table.py")
     emit("//")
     emit("// The built-in tables of tev_ash_control. s_member_table is sorted by member_id;")
-    emit("// get_member_category finds a row through the runs of tev_ash_member_index. The")
-    emit("// category table and the job-set list are scanned in row order.")
+    emit("// get_member_category finds its rows through the runs and slots of")
+    emit("// tev_ash_member_index.h. The category table and the job-set list are scanned")
+    emit("// in row order.")
     emit("#include \"tev_ash_control.h\"")
     emit("#include \"tev_ash_member_index.h\"")
     emit("")
@@ -309,17 +323,19 @@ def render(rows):
     emit("const unsigned int tev_ash_control::MEMBER_MAX =")
     emit("    sizeof(tev_ash_control::s_member_table) / sizeof(tev_ash_member_row);")
     emit("")
-    runs, begin = member_runs(rows)
+    runs, multiplier, slots = member_index(rows)
     emit("namespace tev_ash_member_index {")
     emit("")
-    emit("const run s_runs[%d] = {" % len(runs))
+    emit("const run s_runs[RUN_COUNT] = {")
     for first, last, row in runs:
         emit("    {0x%08X, 0x%08X, %d}," % (first, last, row))
     emit("};")
     emit("")
-    emit("const unsigned char s_run_begin[KEY_COUNT + 1] = {")
-    for i in range(0, len(begin), 9):
-        emit("    " + " ".join("%d," % b for b in begin[i:i + 9]))
+    emit("const std::uint32_t s_slot_multiplier = 0x%08X;" % multiplier)
+    emit("")
+    emit("const unsigned char s_slots[1u << SLOT_BITS] = {")
+    for i in range(0, len(slots), 16):
+        emit("    " + " ".join("%d," % v for v in slots[i:i + 16]))
     emit("};")
     emit("")
     emit("}  // namespace tev_ash_member_index")
