@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tev_ash_observer.h"
+#include "tev_ash_singleton.h"
 #include "tev_ash_trace.h"
 
 namespace velmora {
@@ -65,21 +66,8 @@ std::atomic<tev_ash_director_manager*> tev_ash_director_manager::the_instance_{n
 std::atomic<Zof_Mutex_Semaphore*> tev_ash_director_manager::mtx_{nullptr};
 
 tev_ash_director_manager* tev_ash_director_manager::get_instance() {
-    tev_ash_director_manager* instance = the_instance_.load(std::memory_order_acquire);
-    if (instance != nullptr) return instance;
-    if (mtx_.load(std::memory_order_acquire) == nullptr) {
-        Zof_Thread_Guard thread_guard;
-        if (mtx_.load(std::memory_order_relaxed) == nullptr) {
-            mtx_.store(new Zof_Mutex_Semaphore(1), std::memory_order_release);
-        }
-    }
-    Zof_Guard guard(*mtx_.load(std::memory_order_acquire));
-    instance = the_instance_.load(std::memory_order_relaxed);
-    if (instance == nullptr) {
-        instance = new tev_ash_director_manager();
-        the_instance_.store(instance, std::memory_order_release);
-    }
-    return instance;
+    return tev_ash_singleton::get_or_create(the_instance_, mtx_,
+                                            [] { return new tev_ash_director_manager(); });
 }
 
 tev_ash_director_manager::tev_ash_director_manager() : registry_mtx_(1), lookup_mtx_(1) {}

@@ -5,6 +5,7 @@
 
 #include "tev_ash_control.h"
 #include "tev_ash_handler_facade.h"
+#include "tev_ash_singleton.h"
 #include "tev_ash_trace.h"
 
 namespace velmora {
@@ -31,26 +32,13 @@ std::atomic<tev_ash_facade*> tev_ash_facade::the_instance_{nullptr};
 std::atomic<Zof_Mutex_Semaphore*> tev_ash_facade::mtx_{nullptr};
 
 tev_ash_facade* tev_ash_facade::tev_ash_get_instance() {
-    tev_ash_facade* instance = the_instance_.load(std::memory_order_acquire);
-    if (instance != nullptr) return instance;
-
-    if (mtx_.load(std::memory_order_acquire) == nullptr) {
-        Zof_Thread_Guard thread_guard;
-        if (mtx_.load(std::memory_order_relaxed) == nullptr) {
-            mtx_.store(new Zof_Mutex_Semaphore(1), std::memory_order_release);
-        }
-    }
-
-    // Held while the handler facade is created: the facade's mutex is always
-    // taken before the handler facade's, never the other way round.
-    Zof_Guard guard(*mtx_.load(std::memory_order_acquire));
-    instance = the_instance_.load(std::memory_order_relaxed);
-    if (instance == nullptr) {
-        instance = new tev_ash_facade();
-        instance->initialize_facade(instance);
-        the_instance_.store(instance, std::memory_order_release);
-    }
-    return instance;
+    // The facade's mutex is held while the handler facade is created, so it is
+    // always taken before the handler facade's, never the other way round.
+    return tev_ash_singleton::get_or_create(the_instance_, mtx_, [] {
+        auto* facade = new tev_ash_facade();
+        facade->initialize_facade(facade);
+        return facade;
+    });
 }
 
 tev_ash_facade::tev_ash_facade()

@@ -9,6 +9,7 @@
 
 #include "tev_ash_messages.h"
 #include "tev_ash_observer.h"
+#include "tev_ash_singleton.h"
 #include "tev_ash_trace.h"
 #include "vlq_mc_client.h"
 
@@ -52,26 +53,13 @@ char tev_ash_handler_facade::connection_name_[TEV_ASH_CONNECTION_NAME_LEN] = {};
 unsigned char tev_ash_handler_facade::connecter_id_ = 0;
 
 tev_ash_handler_facade* tev_ash_handler_facade::tev_ash_handler_get_instance() {
-    tev_ash_handler_facade* instance = the_instance_.load(std::memory_order_acquire);
-    if (instance != nullptr) return instance;
-
-    if (mtx_.load(std::memory_order_acquire) == nullptr) {
-        Zof_Thread_Guard thread_guard;
-        if (mtx_.load(std::memory_order_relaxed) == nullptr) {
-            mtx_.store(new Zof_Mutex_Semaphore(1), std::memory_order_release);
-        }
-    }
-
-    Zof_Guard guard(*mtx_.load(std::memory_order_acquire));
-    instance = the_instance_.load(std::memory_order_relaxed);
-    if (instance == nullptr) {
-        instance = new tev_ash_handler_facade();
+    return tev_ash_singleton::get_or_create(the_instance_, mtx_, [] {
+        auto* facade = new tev_ash_handler_facade();
         // The object is published whether or not the service answered: requests
         // go through the client that initialize_facade made in either case.
-        instance->initialize_facade(instance);
-        the_instance_.store(instance, std::memory_order_release);
-    }
-    return instance;
+        facade->initialize_facade(facade);
+        return facade;
+    });
 }
 
 tev_ash_handler_facade::tev_ash_handler_facade() = default;
