@@ -1,8 +1,11 @@
 // The host record store on both backends: records, links, members, failure
 // codes and failure injection.
+#include <atomic>
 #include <cstring>
 #include <iterator>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -233,6 +236,68 @@ TEST_P(Store, InjectedFailuresHitTheChosenCallOnceAndChangeNothing) {
     store_fail_op(store_op::delete_current);
     store_fail_clear();
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, b));
+}
+
+// Threads making, linking, writing and deleting records under one parent while
+// another reads the parent's last child: every call succeeds, a child read is
+// always whole, and the parent ends with exactly the children that were kept.
+class StoreConcurrency : public Store {};
+INSTANTIATE_TEST_SUITE_P(Backends, StoreConcurrency,
+                         ::testing::Values(backend::memory, backend::file), backend_name);
+
+TEST_P(StoreConcurrency, WritersAndReadersKeepTreesConsistent) {
+    const unsigned int root = make(JOB);
+    constexpr int THREADS = 4, PER_THREAD = 100;
+    std::vector<std::vector<unsigned int>> kept(THREADS);
+    std::atomic<bool> reading{true};
+    std::atomic<int> faults{0};
+    std::thread reader([&] {
+        while (reading.load()) {
+            unsigned int n = 0, id = 0, category = 0;
+            if (S::wud_wud_service_info_get_child_link_num_direct(CMP, root, &n) != 0) {
+                faults.fetch_add(1);
+            }
+            if (n > 0 &&
+                S::wud_wud_service_info_get_child_link_direct(CMP, root, n - 1, &id) == 0 &&
+                S::wud_wud_service_info_get_job_category_by_id(CMP, id, &category) == 0 &&
+                category != SET_A && category != SET_B) {
+                faults.fetch_add(1);
+            }
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < THREADS; ++t) {
+        writers.emplace_back([&, t] {
+            const unsigned int category = t % 2 ? SET_A : SET_B;
+            for (int i = 0; i < PER_THREAD; ++i) {
+                unsigned int id = 0;
+                const bool made =
+                    S::wud_wud_service_info_make_current(CMP, category, FLAG, &id) == 0 &&
+                    S::wud_wud_service_info_set_link(CMP, JOB, root, category, id) == 0 &&
+                    S::wud_wud_service_info_set_current(CMP, id, 1,
+                                                        static_cast<unsigned long>(id)) == 0;
+                if (!made) faults.fetch_add(1);
+                if (i % 4 == 0) {
+                    if (S::wud_wud_service_info_delete_current(CMP, id) != 0) faults.fetch_add(1);
+                } else {
+                    kept[t].push_back(id);
+                }
+            }
+        });
+    }
+    for (std::thread& w : writers) w.join();
+    reading = false;
+    reader.join();
+    EXPECT_EQ(0, faults.load());
+
+    std::set<unsigned int> expected;
+    for (const auto& ids : kept) expected.insert(ids.begin(), ids.end());
+    const std::vector<unsigned int> linked = children(root);
+    EXPECT_EQ(expected, std::set<unsigned int>(linked.begin(), linked.end()));
+    EXPECT_EQ(expected.size(), linked.size());
+    for (unsigned int id : linked) EXPECT_EQ(id, read_u32(id, 1));
+    EXPECT_EQ(children_of(root, JOB, SET_A).size() + children_of(root, JOB, SET_B).size(),
+              linked.size());
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
-// The in-memory record store backend: records in an ordered map under one
-// reader-writer lock. Reads take the lock shared and allocate nothing.
+// The in-memory record store backend: records in a hash map, guarded by the
+// store's lock (store_backend.h). Reads allocate nothing, and a lookup costs
+// the same however many records the store holds.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 #include <vector>
 
@@ -30,7 +28,6 @@ class memory_backend final : public store_backend {
 public:
     unsigned int make(unsigned int category, unsigned int* handler_id) override {
         if (category == 0) return STORE_BAD_CATEGORY;
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         unsigned int id = take_handler_id(1);
         if (id == 0) return STORE_IO;
         records_[id].category = category;
@@ -41,7 +38,6 @@ public:
     unsigned int make_and_copy(unsigned int category, unsigned int src_handler_id,
                                unsigned int* handler_id) override {
         if (category == 0) return STORE_BAD_CATEGORY;
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* src = find(src_handler_id);
         if (src == nullptr) return STORE_NO_RECORD;
         record made;
@@ -55,7 +51,6 @@ public:
     }
 
     unsigned int copy(unsigned int src_handler_id, unsigned int dst_handler_id) override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* src = find(src_handler_id);
         record* dst = find(dst_handler_id);
         if (src == nullptr || dst == nullptr) return STORE_NO_RECORD;
@@ -64,7 +59,6 @@ public:
     }
 
     unsigned int init(unsigned int handler_id) override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         r->members.clear();
@@ -72,7 +66,6 @@ public:
     }
 
     unsigned int remove(unsigned int handler_id) override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         auto it = records_.find(handler_id);
         if (it == records_.end()) return STORE_NO_RECORD;
         record& r = it->second;
@@ -84,7 +77,6 @@ public:
 
     unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
                           unsigned int child_category, unsigned int child_handler_id) override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* parent = find(parent_handler_id);
         record* child = find(child_handler_id);
         if (parent == nullptr || child == nullptr) return STORE_NO_RECORD;
@@ -102,7 +94,6 @@ public:
     }
 
     unsigned int delete_link(unsigned int category, unsigned int handler_id) override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         if (r->category != category) return STORE_BAD_CATEGORY;
@@ -115,7 +106,6 @@ public:
     unsigned int child(unsigned int parent_category, unsigned int parent_handler_id,
                        unsigned int child_category, unsigned int order,
                        unsigned int* child_handler_id) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (parent->category != parent_category) return STORE_BAD_CATEGORY;
@@ -132,7 +122,6 @@ public:
 
     unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
                              unsigned int child_category, unsigned int* count) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (parent->category != parent_category) return STORE_BAD_CATEGORY;
@@ -146,7 +135,6 @@ public:
 
     unsigned int child_direct(unsigned int parent_handler_id, unsigned int order,
                               unsigned int* child_handler_id) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (order >= parent->children.size()) return STORE_NO_LINK;
@@ -155,7 +143,6 @@ public:
     }
 
     unsigned int child_count_direct(unsigned int parent_handler_id, unsigned int* count) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         *count = static_cast<unsigned int>(parent->children.size());
@@ -164,7 +151,6 @@ public:
 
     unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
                         unsigned int* parent_handler_id) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* r = find(child_handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         if (r->category != child_category) return STORE_BAD_CATEGORY;
@@ -174,7 +160,6 @@ public:
     }
 
     unsigned int category(unsigned int handler_id, unsigned int* category) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         *category = r->category;
@@ -183,7 +168,6 @@ public:
 
     unsigned int get(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      void* value) override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         const record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
@@ -201,7 +185,6 @@ public:
 
     unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      const unsigned char* bytes, unsigned int width) override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
@@ -221,36 +204,33 @@ public:
         return 0;
     }
 
-    void clear() override {
-        std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
-        records_.clear();
-    }
+    void clear() override { records_.clear(); }
 
     std::vector<record_info> records() override {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(mtx_);
         std::vector<record_info> out;
         out.reserve(records_.size());
         for (const auto& entry : records_) {
             out.push_back(record_info{entry.first, entry.second.category, entry.second.parent});
         }
+        std::sort(out.begin(), out.end(), [](const record_info& a, const record_info& b) {
+            return a.handler_id < b.handler_id;
+        });
         return out;
     }
 
 private:
-    // REQUIRES: mtx_ is held.
     record* find(unsigned int handler_id) {
         auto it = records_.find(handler_id);
         return it == records_.end() ? nullptr : &it->second;
     }
 
-    // REQUIRES: mtx_ is held exclusively; `parent_id` names an existing record.
+    // REQUIRES: `parent_id` names an existing record.
     void unlink_from_parent(unsigned int child_id, unsigned int parent_id) {
         std::vector<unsigned int>& siblings = records_[parent_id].children;
         siblings.erase(std::remove(siblings.begin(), siblings.end(), child_id), siblings.end());
     }
 
-    tevhost::detail::sharded_shared_mutex mtx_;
-    std::map<unsigned int, record> records_;
+    std::unordered_map<unsigned int, record> records_;  // nodes never move
 };
 
 }  // namespace

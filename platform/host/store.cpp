@@ -31,9 +31,10 @@ struct armed_failure {
 };
 
 struct store_state {
-    // Guards the backend pointer and the schema: shared for operations,
-    // exclusive for declaring members and switching backends.
-    tevhost::detail::sharded_shared_mutex config_mtx;
+    // Guards the backend pointer, the schema and the records: shared for the
+    // operations that only read, exclusive for the others, for declaring members
+    // and for switching backends.
+    tevhost::detail::sharded_shared_mutex mtx;
     std::unique_ptr<store_backend> backend;
     std::unordered_map<unsigned int, member_decl> schema;
 
@@ -92,13 +93,31 @@ unsigned int enter(store_state& s, store_op op, unsigned int cmp_id) {
     return code;
 }
 
-// Runs `body(backend)` under the shared configuration lock after the seams.
+bool only_reads(store_op op) {
+    switch (op) {
+        case store_op::get_child_link:
+        case store_op::get_child_link_num:
+        case store_op::get_child_link_direct:
+        case store_op::get_child_link_num_direct:
+        case store_op::get_parent_link:
+        case store_op::get_job_category_by_id:
+        case store_op::get_current: return true;
+        default: return false;
+    }
+}
+
+// Runs `body(backend)` after the seams, under the store's lock: shared for an
+// operation that only reads, exclusive for one that changes records.
 template <typename Body>
 unsigned int run(store_op op, unsigned int cmp_id, Body body) {
     store_state& s = state();
     unsigned int injected = enter(s, op, cmp_id);
     if (injected != 0) return injected;
-    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    if (only_reads(op)) {
+        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
+        return body(*s.backend);
+    }
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     return body(*s.backend);
 }
 
@@ -386,20 +405,20 @@ bool declare_member(unsigned int member_id, member_kind kind, unsigned int byte_
     if (width == 0) return false;
     initial.resize(width, 0);
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     s.schema[member_id] = member_decl{kind, width, std::move(initial)};
     return true;
 }
 
 void clear_schema() {
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     s.schema.clear();
 }
 
 void store_use_memory() {
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     s.backend = detail::make_memory_backend();
 }
 
@@ -411,20 +430,20 @@ bool store_use_file(const std::string& path, std::string* error) {
         return false;
     }
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     s.backend = std::move(opened);
     return true;
 }
 
 void store_clear() {
     store_state& s = state();
-    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     s.backend->clear();
 }
 
 std::vector<record_info> store_records() {
     store_state& s = state();
-    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.config_mtx);
+    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     return s.backend->records();
 }
 

@@ -1,9 +1,13 @@
 // The storage behind the host record store. The public store operations check
 // their seams (call log, failure injection) and the member schema, then call one
-// method of the current backend. A backend keeps each single operation atomic
-// and consistent under concurrent callers; every method returns 0 or one of the
-// tevhost::STORE_* codes and, on failure, changes nothing and writes no out-value.
-// Out-pointers are never null here: the public operations check them.
+// method of the current backend under the store's lock: shared for the methods
+// that only read (child, child_count, child_direct, child_count_direct, parent,
+// category, get, records), exclusive for the others. A backend relies on that
+// lock among the threads of this process and adds what else it needs (the file
+// backend keeps other processes out with transactions). Every method returns 0
+// or one of the tevhost::STORE_* codes and, on failure, changes nothing and
+// writes no out-value. Out-pointers are never null here: the public operations
+// check them.
 #ifndef TEVASH_HOST_STORE_BACKEND_H
 #define TEVASH_HOST_STORE_BACKEND_H
 
@@ -12,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/tev_host.h"
@@ -22,33 +27,44 @@ namespace detail {
 // A reader-writer lock whose readers do not share a cache line: each thread
 // reads under its own slot's mutex, a writer takes every slot (always in the
 // same order). Store reads from several threads then scale instead of
-// contending on one counter; writes cost a few more lock operations. Usable
-// with std::shared_lock and std::unique_lock.
+// contending on one counter. There are as many slots as hardware threads (at
+// most 16), since every slot costs a writer a lock and an unlock. Usable with
+// std::shared_lock and std::unique_lock.
 class sharded_shared_mutex {
 public:
+    sharded_shared_mutex() : used_(slot_count()) {}
+
     void lock() {
-        for (slot& s : slots_) s.mtx.lock();
+        for (std::size_t i = 0; i < used_; ++i) slots_[i].mtx.lock();
     }
     void unlock() {
-        for (slot& s : slots_) s.mtx.unlock();
+        for (std::size_t i = 0; i < used_; ++i) slots_[i].mtx.unlock();
     }
-    void lock_shared() { slots_[own_slot()].mtx.lock(); }
-    void unlock_shared() { slots_[own_slot()].mtx.unlock(); }
+    void lock_shared() { slots_[own_slot() % used_].mtx.lock(); }
+    void unlock_shared() { slots_[own_slot() % used_].mtx.unlock(); }
 
 private:
-    static constexpr std::size_t SLOTS = 16;
+    static constexpr std::size_t MAX_SLOTS = 16;
     struct alignas(64) slot {
         std::mutex mtx;
     };
+    static std::size_t slot_count() {
+        const std::size_t n = std::thread::hardware_concurrency();
+        return n == 0 ? 1 : (n < MAX_SLOTS ? n : MAX_SLOTS);
+    }
+    // A number per thread, taken on its first read.
     static std::size_t own_slot() {
         static std::atomic<std::size_t> next{0};
-        // initial-exec: the host platform is linked, never loaded later, so its
-        // thread-local slot costs no lookup call.
-        __attribute__((tls_model("initial-exec"))) thread_local const std::size_t mine =
-            next.fetch_add(1, std::memory_order_relaxed) % SLOTS;
+        // initial-exec and a constant initializer: the host platform is linked,
+        // never loaded later, so the thread's number is read without a TLS
+        // lookup call or an initialisation guard.
+        constexpr std::size_t UNSET = ~std::size_t{0};
+        __attribute__((tls_model("initial-exec"))) static thread_local std::size_t mine = UNSET;
+        if (mine == UNSET) mine = next.fetch_add(1, std::memory_order_relaxed) % MAX_SLOTS;
         return mine;
     }
-    slot slots_[SLOTS];
+    const std::size_t used_;
+    slot slots_[MAX_SLOTS];
 };
 
 // What the schema says about a member: its width in bytes and its initial value
