@@ -8,8 +8,11 @@ import sys
 binary = sys.argv[1] if len(sys.argv) > 1 else "build/bench/bench/tevash_bench"
 extra = sys.argv[2:]
 # Each figure is the median of several repetitions: single runs on a small
-# shared machine vary by 10 % and more.
-out = subprocess.run([binary, "--benchmark_format=json", "--benchmark_repetitions=5",
+# shared machine vary by 10 % and more. The repetitions of all benchmarks are
+# interleaved in random order, so a library figure and its baseline see the
+# same spells of a busy host.
+out = subprocess.run([binary, "--benchmark_format=json", "--benchmark_repetitions=9",
+                      "--benchmark_min_time=0.2", "--benchmark_enable_random_interleaving=true",
                       "--benchmark_report_aggregates_only=true", *extra], check=True,
                      capture_output=True, text=True).stdout
 runs = {b["run_name"]: b for b in json.loads(out)["benchmarks"]
