@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -52,17 +53,42 @@ private:
         const std::size_t n = std::thread::hardware_concurrency();
         return n == 0 ? 1 : (n < MAX_SLOTS ? n : MAX_SLOTS);
     }
-    // A number per thread, taken on its first read.
+    // The thread's number, taken on its first read: the lowest number no live
+    // thread holds, handed back when the thread ends. Threads alive at the same
+    // time therefore read under different slots, up to the number of slots.
     static std::size_t own_slot() {
-        static std::atomic<std::size_t> next{0};
         // initial-exec and a constant initializer: the host platform is linked,
-        // never loaded later, so the thread's number is read without a TLS
-        // lookup call or an initialisation guard.
-        constexpr std::size_t UNSET = ~std::size_t{0};
+        // never loaded later, so the number is read without a TLS lookup call
+        // or an initialisation guard.
         __attribute__((tls_model("initial-exec"))) static thread_local std::size_t mine = UNSET;
-        if (mine == UNSET) mine = next.fetch_add(1, std::memory_order_relaxed) % MAX_SLOTS;
+        if (mine == UNSET) {
+            mine = take_number();
+            static thread_local const struct releaser {
+                ~releaser() { give_back(mine); }
+            } release_at_thread_end;
+            (void)release_at_thread_end;
+        }
         return mine;
     }
+    static constexpr std::size_t UNSET = ~std::size_t{0};
+    static constexpr std::size_t SHARED_NUMBER = 64;  // when all 64 are taken
+    static std::atomic<std::uint64_t>& numbers_in_use() {
+        static std::atomic<std::uint64_t> bits{0};
+        return bits;
+    }
+    static std::size_t take_number() {
+        std::atomic<std::uint64_t>& bits = numbers_in_use();
+        std::uint64_t seen = bits.load();
+        for (;;) {
+            if (~seen == 0) return SHARED_NUMBER;
+            const std::size_t n = static_cast<std::size_t>(__builtin_ctzll(~seen));
+            if (bits.compare_exchange_weak(seen, seen | std::uint64_t{1} << n)) return n;
+        }
+    }
+    static void give_back(std::size_t n) {
+        if (n < SHARED_NUMBER) numbers_in_use().fetch_and(~(std::uint64_t{1} << n));
+    }
+
     const std::size_t used_;
     slot slots_[MAX_SLOTS];
 };
