@@ -18,8 +18,18 @@ out = subprocess.run([binary, "--benchmark_format=json", "--benchmark_repetition
 runs = {b["run_name"]: b for b in json.loads(out)["benchmarks"]
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") == "median"}
 
+# Rows in a fixed order whatever order the repetitions ran in.
+ORDER = ["BM_read_itself", "BM_read_child", "BM_read_auth", "BM_write_auth", "BM_member_category",
+         "BM_copy/1", "BM_copy/16", "BM_copy/256", "BM_create", "BM_read_auth_threads"]
+
+
+def row_order(name):
+    ranks = [i for i, prefix in enumerate(ORDER) if name == prefix or name.startswith(prefix + "/")]
+    return (ranks[-1] if ranks else len(ORDER), name)
+
+
 print(f"{'benchmark':44} {'ns/op':>10} {'raw ns/op':>10} {'ratio':>7}")
-for name, b in runs.items():
+for name, b in sorted(runs.items(), key=lambda item: row_order(item[0])):
     if name.startswith("BM_raw_"):
         continue
     raw_name = name.replace("BM_", "BM_raw_", 1)
