@@ -4,8 +4,11 @@
 The member table is kept here as runs of consecutive member ids per category;
 the script expands them, checks them, and writes the table sorted by member id
 (which is also ascending category order, since bits 31..20 of an id give the
-category's bit number plus one). tev_ash_control looks members up by binary
-search, so the order matters.
+category's bit number plus one). Beside it the script writes the index that
+get_member_category reads (cmn_src/tev_ash_member_index.h): the runs of
+consecutive ids, each inside one block of 4096 ids, and a slot table that
+hashes a block to its first run, with a multiplier that gives every block a
+slot of its own.
 
 Rerun from the repository root after editing the data below:
     python3 tools/gen_member_table.py
