@@ -12,10 +12,12 @@
 
 #include "host/tev_host.h"
 #include "tev_ash_control.h"
+#include "tev_lib_support.h"
 #include "tev_test_support.h"
 
 namespace {
 
+using tevtest::hex8;
 using velmora::TEV_ASH_CATEGORY;
 using velmora::tev_ash_category_row;
 using velmora::tev_ash_control;
@@ -64,12 +66,6 @@ const category_runs kRuns[] = {
 
 // A table row's two columns: {member_id, category} or {category, level}.
 using row_pair = std::pair<unsigned int, unsigned int>;
-
-std::string hex8(unsigned int value) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%#.8X", value);
-    return text;
-}
 
 // ---- The tables themselves
 

@@ -57,7 +57,8 @@ struct message_state {
     std::atomic<unsigned long long> next_call_id{1};
 
     std::mutex spy_mtx;
-    bool spying = false;
+    // Set and cleared under spy_mtx; a send that finds it clear skips the spy.
+    std::atomic<bool> spying{false};
     tevhost::message_script script;
     std::vector<tevhost::sent_message> spied;
     tevhost::check_script checker;
@@ -184,10 +185,10 @@ int vlq_mc_client::vlq_mc_send_sync_message(long object_id, long func_id, char* 
 
     tevhost::message_script script;
     tevhost::sent_message sent;
-    bool spying;
-    {
+    bool spying = s.spying.load(std::memory_order_acquire);
+    if (spying) {
         std::lock_guard<std::mutex> lock(s.spy_mtx);
-        spying = s.spying;
+        spying = s.spying.load(std::memory_order_relaxed);
         if (spying) {
             sent = tevhost::sent_message{object_id, func_id, name,
                                          std::vector<unsigned char>(req, req + req_len), *rpl_len};
