@@ -74,51 +74,36 @@ bool parse_type(const std::string& name, vtype* out) {
     return true;
 }
 
+// Reads the member as T (the facade's overload) and gives the value as the
+// user's type shows it (S).
+template <typename T, typename S>
+unsigned int read_as(unsigned int handler, unsigned int member, unsigned int order, long long* v) {
+    T x = 0;
+    const unsigned int rc = facade()->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
+    *v = static_cast<S>(x);
+    return rc;
+}
+
 unsigned int get_value(vtype type, unsigned int handler, unsigned int member, unsigned int order,
                        unsigned int size, std::string* text) {
-    auto* f = facade();
     unsigned int rc = 0;
     long long v = 0;
     switch (type) {
-        case vtype::i8: {
-            char x = 0;
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-            v = static_cast<signed char>(x);
+        case vtype::i8: rc = read_as<char, signed char>(handler, member, order, &v); break;
+        case vtype::u8:
+            rc = read_as<unsigned char, unsigned char>(handler, member, order, &v);
             break;
-        }
-        case vtype::u8: {
-            unsigned char x = 0;
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-            v = x;
+        case vtype::i16: rc = read_as<short, short>(handler, member, order, &v); break;
+        case vtype::u16:
+            rc = read_as<unsigned short, unsigned short>(handler, member, order, &v);
             break;
-        }
-        case vtype::i16: {
-            short x = 0;
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-            v = x;
+        case vtype::i32: rc = read_as<long, int>(handler, member, order, &v); break;
+        case vtype::u32:
+            rc = read_as<unsigned long, unsigned int>(handler, member, order, &v);
             break;
-        }
-        case vtype::u16: {
-            unsigned short x = 0;
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-            v = x;
-            break;
-        }
-        case vtype::i32: {
-            long x = 0;
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-            v = static_cast<int>(x);
-            break;
-        }
-        case vtype::u32: {
-            unsigned long x = 0;
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-            v = static_cast<unsigned int>(x);
-            break;
-        }
         case vtype::bytes: {
             std::vector<char> buf(size ? size : 1);
-            rc = f->tev_ash_get_member(APP_CMP_ID, handler, member, size, buf.data(), order);
+            rc = facade()->tev_ash_get_member(APP_CMP_ID, handler, member, size, buf.data(), order);
             std::string hex = "0x";
             char b[4];
             for (unsigned int i = 0; i < size; ++i) {
@@ -133,39 +118,34 @@ unsigned int get_value(vtype type, unsigned int handler, unsigned int member, un
     return rc;
 }
 
+// Writes the value text as T when it lies within T's range; ~0u when it does
+// not or is malformed.
+template <typename T>
+unsigned int write_as(unsigned int handler, unsigned int member, unsigned int order,
+                      const std::string& value, long long lo, long long hi) {
+    long long v = 0;
+    if (!parse_ranged(value, lo, hi, &v)) return ~0u;
+    return facade()->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<T>(v), order);
+}
+
 // Returns 0 on success, a result code, or ~0u when the value text is malformed.
 unsigned int set_value(vtype type, unsigned int handler, unsigned int member, unsigned int order,
                        const std::string& value) {
-    auto* f = facade();
-    long long v = 0;
-    auto ranged = [&](long long lo, long long hi) { return parse_ranged(value, lo, hi, &v); };
     switch (type) {
-        case vtype::i8:
-            if (!ranged(-128, 127)) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<char>(v), order);
-        case vtype::u8:
-            if (!ranged(0, 255)) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<unsigned char>(v),
-                                         order);
-        case vtype::i16:
-            if (!ranged(-32768, 32767)) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<short>(v), order);
-        case vtype::u16:
-            if (!ranged(0, 65535)) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member,
-                                         static_cast<unsigned short>(v), order);
+        case vtype::i8: return write_as<char>(handler, member, order, value, -128, 127);
+        case vtype::u8: return write_as<unsigned char>(handler, member, order, value, 0, 255);
+        case vtype::i16: return write_as<short>(handler, member, order, value, -32768, 32767);
+        case vtype::u16: return write_as<unsigned short>(handler, member, order, value, 0, 65535);
         case vtype::i32:
-            if (!ranged(-2147483648LL, 2147483647LL)) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<long>(v), order);
+            return write_as<long>(handler, member, order, value, -2147483648LL, 2147483647LL);
         case vtype::u32:
-            if (!ranged(0, 0xFFFFFFFFLL)) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<unsigned long>(v),
-                                         order);
+            return write_as<unsigned long>(handler, member, order, value, 0, 0xFFFFFFFFLL);
         case vtype::bytes: {
             std::vector<char> buf(value.begin(), value.end());
             if (buf.empty()) return ~0u;
-            return f->tev_ash_set_member(APP_CMP_ID, handler, member,
-                                         static_cast<unsigned int>(buf.size()), buf.data(), order);
+            return facade()->tev_ash_set_member(APP_CMP_ID, handler, member,
+                                                static_cast<unsigned int>(buf.size()), buf.data(),
+                                                order);
         }
     }
     return ~0u;
