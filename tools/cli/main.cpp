@@ -245,8 +245,12 @@ int run_demo(int app_type) {
     draw(build_node(job2, 0), "", true, true, std::cout);
     long copied = 0;
     rc = f->tev_ash_get_member(APP_CMP_ID, job2, 0x00360000, &copied, 0);
-    std::cout << "  member 0x00360000 of job " << job2 << " = " << copied << " (" << hex32(rc)
-              << ")\n";
+    if (rc != 0) return fail_code("member of the copy", rc, capture);
+    long copied_child = 0;
+    rc = f->tev_ash_get_member(APP_CMP_ID, job2, 0x00460000, &copied_child, 1);
+    if (rc != 0) return fail_code("member of the copy's child", rc, capture);
+    std::cout << "  member 0x00360000 of job " << job2 << " = " << copied
+              << ", member 0x00460000 of its second child = " << copied_child << '\n';
 
     std::cout << "A refused access: member 0x00182000 (APLSVC_IMG) through job handler " << job
               << '\n';
