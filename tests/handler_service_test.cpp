@@ -131,6 +131,45 @@ TEST_F(HandlerService, DirectorAndManagerFailureCodesArriveUnchanged) {
     EXPECT_TRUE(record_ids().empty());
 }
 
+// ---- Connecters
+
+// A connecter announces itself, asks for the director of a type, reports its
+// start-up done and stops. Unknown connecters and types without a director are
+// refused.
+TEST_F(HandlerService, ConnectersStartFindTheDirectorAndStop) {
+    unsigned char conn_id = 0;
+    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_start(conn_id, "APP_CON"));
+    EXPECT_NE(0, conn_id);
+    EXPECT_EQ(conn_id, handler()->tev_ash_handler_ctrl_get_connecter_id());
+    EXPECT_STREQ("APP_CON", handler()->tev_ash_handler_ctrl_get_connection_name());
+
+    long obj_id = 0;
+    char name[TEV_ASH_CONNECTION_NAME_LEN + 1] = {};
+    ASSERT_EQ(0u,
+              handler()->tev_ash_handler_ctrl_get_director_observer(conn_id, APP, obj_id, name));
+    EXPECT_STREQ(system_.director().get_connection_name(), name);
+    // The connecter answers with the proxy it keeps for the type: the same one
+    // every time.
+    EXPECT_NE(0, obj_id);
+    long again = 0;
+    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_get_director_observer(conn_id, APP, again, name));
+    EXPECT_EQ(obj_id, again);
+    EXPECT_EQ(0xC1030006u, handler()->tev_ash_handler_ctrl_get_director_observer(conn_id, OTHER_APP,
+                                                                                 obj_id, name));
+    const auto unknown = static_cast<unsigned char>(conn_id + 1);
+    EXPECT_EQ(BAD_ARG,
+              handler()->tev_ash_handler_ctrl_get_director_observer(unknown, APP, obj_id, name));
+
+    EXPECT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_init_end(conn_id));
+    EXPECT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_stop(conn_id));
+    EXPECT_EQ(BAD_ARG, handler()->tev_ash_handler_ctrl_notify_init_end(unknown));
+    EXPECT_EQ(BAD_ARG, handler()->tev_ash_handler_ctrl_notify_stop(unknown));
+
+    unsigned char second = 0;
+    ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_start(second, "APP_CON2"));
+    EXPECT_EQ(unknown, second);
+}
+
 // ---- Malformed requests
 
 TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAll) {
