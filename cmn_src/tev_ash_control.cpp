@@ -17,14 +17,11 @@ namespace velmora {
 namespace {
 
 using tev_ash_trace::FILE_CONTROL;
+using tev_ash_trace::lx;
 using store = wud_wud_service_info;
 
 constexpr unsigned int OWN_CMP_ID = TEV_ASH_CMP_ID;
 constexpr unsigned char MAKE_FLAG = 0;
-
-unsigned long lx(unsigned int v) {
-    return static_cast<unsigned long>(v);
-}
 
 }  // namespace
 

@@ -16,11 +16,8 @@ namespace velmora {
 namespace {
 
 using tev_ash_trace::FILE_CONTROL;
+using tev_ash_trace::lx;
 using store = wud_wud_service_info;
-
-unsigned long lx(unsigned int v) {
-    return static_cast<unsigned long>(v);
-}
 
 // The parent of `handler_id` read straight from the record store, without trace
 // lines: 0 when it has none or cannot be read. `category` is the handler's

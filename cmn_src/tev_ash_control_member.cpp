@@ -14,11 +14,8 @@ namespace velmora {
 namespace {
 
 using tev_ash_trace::FILE_CONTROL;
+using tev_ash_trace::lx;
 using store = wud_wud_service_info;
-
-unsigned long lx(unsigned int v) {
-    return static_cast<unsigned long>(v);
-}
 
 // Resolves the target handler, then makes the one store access. A refused
 // resolution passes its code on after `unresolved(rc, target_handler_id)` has

@@ -20,6 +20,11 @@ constexpr const char* FILE_DIRECTOR_MANAGER = "tev_ash_director_manager";
 void write(const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
+// A 32-bit code as the "%lx" / "%lX" fields of trace messages take it.
+inline unsigned long lx(unsigned int code) {
+    return static_cast<unsigned long>(code);
+}
+
 // Reports a failed service call with both detail words 0.
 void notify(unsigned int code, const char* file, const char* function, int line);
 
