@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,16 +17,12 @@
 
 namespace {
 
+using tevtest::file_text;
+
 struct run_result {
     int status;
     std::string out, err;
 };
-
-std::string file_text(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 int count_lines(const std::string& text) {
     int lines = 0;

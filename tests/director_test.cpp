@@ -15,28 +15,16 @@
 #include "tev_ash_director_manager.h"
 #include "tev_ash_observer.h"
 #include "tev_ash_observer_impl.h"
-#include "tev_test_support.h"
+#include "tev_lib_support.h"
 
 namespace {
 
 using namespace velmora;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using bytes = std::vector<unsigned char>;
-
-// Captured trace lines as "file::function,message", without line number and newline.
-std::vector<std::string> traces() {
-    std::vector<std::string> out;
-    for (std::string text : tevtest::trace_texts()) {
-        const auto open = text.find('['), close = text.find("]::");
-        if (open != std::string::npos && close != std::string::npos && open < close) {
-            text.erase(open, close + 1 - open);
-        }
-        if (!text.empty() && text.back() == '\n') text.pop_back();
-        out.push_back(text);
-    }
-    return out;
-}
+using tevtest::bytes;
+using tevtest::join;
+using tevtest::le32;
 
 std::vector<std::string> notifications() {
     std::vector<std::string> out;
@@ -54,16 +42,6 @@ std::string field(const char* name16) {
 }
 std::string padded(const std::string& s) {
     return s + std::string(16 - s.size(), '\0');
-}
-
-bytes le32(std::uint32_t v) {
-    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8),
-            static_cast<unsigned char>(v >> 16), static_cast<unsigned char>(v >> 24)};
-}
-bytes join(std::initializer_list<bytes> parts) {
-    bytes out;
-    for (const bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
 }
 
 // An observer that answers every notification with a fixed result (and handler
@@ -115,8 +93,8 @@ TEST_F(Observer, NullNameIsReportedAndLeftEmpty) {
     test_observer unnamed(42, nullptr);
     EXPECT_EQ(42, unnamed.get_obj_id());
     EXPECT_EQ(padded(""), field(unnamed.get_connection_name()));
-    EXPECT_THAT(traces(), ElementsAre("tev_ash_observer::tev_ash_observer,"
-                                      "[Error:connection_name is NULL]"));
+    EXPECT_THAT(tevtest::trace_calls(), ElementsAre("tev_ash_observer::tev_ash_observer,"
+                                                    "[Error:connection_name is NULL]"));
     EXPECT_THAT(notifications(), ElementsAre("0xe924 tev_ash_observer::tev_ash_observer 0,0"));
 }
 
@@ -167,7 +145,7 @@ TEST_F(ObserverProxy, EachNotificationSendsItsRequestAndTakesTheReply) {
         EXPECT_EQ(expected[i].request, sent[i].request) << i;
         EXPECT_EQ(expected[i].reply_capacity, sent[i].reply_capacity) << i;
     }
-    EXPECT_THAT(traces(), IsEmpty());
+    EXPECT_THAT(tevtest::trace_calls(), IsEmpty());
 
     tevhost::message_spy_end();  // nothing answers: nothing is registered under "NOBODY"
     tev_ash_observer_impl unanswered(77, "NOBODY");
@@ -183,7 +161,7 @@ TEST_F(ObserverProxy, NullPointersAreEachReportedInOrderAndNothingIsSent) {
     tev_ash_observer_impl proxy(1, "D");
     proxy.send_sync_message(2, nullptr, 16, nullptr, nullptr);
     const std::string where = "tev_ash_observer_impl::send_sync_message,";
-    EXPECT_THAT(traces(),
+    EXPECT_THAT(tevtest::trace_calls(),
                 ElementsAre(where + "[Error] req_buf is NULL", where + "[Error] rpl_buf is NULL",
                             where + "[Error] rpl_buf_len is NULL"));
     const std::string one = "0xe924 tev_ash_observer_impl::send_sync_message 0,0";
@@ -204,7 +182,7 @@ TEST_F(ObserverProxy, WithoutClientNotificationsSendNothingAndReportBadArgument)
     char buf[4] = {};
     unsigned int len = 4;
     proxy.send_sync_message(3, buf, 4, buf, &len);
-    EXPECT_THAT(traces(),
+    EXPECT_THAT(tevtest::trace_calls(),
                 ElementsAre("tev_ash_observer_impl::notify_create,[Error] client_ is NULL",
                             "tev_ash_observer_impl::notify_remove,[Error] client_ is NULL",
                             "tev_ash_observer_impl::notify_reset,[Error] client_ is NULL",
@@ -289,7 +267,7 @@ TEST_F(DirectorManager, RefusalsCarryTheirCodesAndTraceLines) {
     EXPECT_EQ(0xC1030006u, manager_->remove_observer(obj));
     const std::string m = "tev_ash_director_manager::";
     EXPECT_THAT(
-        traces(),
+        tevtest::trace_calls(),
         ElementsAre(m + "add_observer,Error:observer in NULL]",
                     m + "add_observer,[Error]rc=0xc1030005", m + "create,[Error]handler_id is NULL",
                     m + "create,[Error]rc:0xc1030006", m + "remove,[Error]rc:0xc1030006",
@@ -315,9 +293,9 @@ TEST_F(DirectorManager, RoutesWithTheArgumentsAndReturnsTheDirectorsResultUnchan
         EXPECT_EQ(reply, manager_->reset(type(101), static_cast<TEV_ASH_SERVICE_TYPE>(-1), 44));
         EXPECT_THAT(o->calls, ElementsAre("create 4 7 9 21", "remove 33", "reset -1 44"));
         if (reply == 0) {
-            EXPECT_THAT(traces(), IsEmpty());
+            EXPECT_THAT(tevtest::trace_calls(), IsEmpty());
         } else {
-            EXPECT_THAT(traces(),
+            EXPECT_THAT(tevtest::trace_calls(),
                         ElementsAre("tev_ash_director_manager::create,[Error]result:0xc1030001",
                                     "tev_ash_director_manager::remove,[Error]result:0xc1030001",
                                     "tev_ash_director_manager::reset,[Error]result:0xc1030001"));

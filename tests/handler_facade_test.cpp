@@ -16,18 +16,10 @@
 
 namespace {
 
+using tevtest::bytes;
+using tevtest::le32;
 using velmora::tev_ash_handler_facade;
-using bytes = std::vector<unsigned char>;
 
-bytes le32(std::uint32_t v) {
-    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8),
-            static_cast<unsigned char>(v >> 16), static_cast<unsigned char>(v >> 24)};
-}
-bytes cat(std::initializer_list<bytes> parts) {
-    bytes out;
-    for (const bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
 bytes zeros(std::size_t n) {
     return bytes(n, 0);
 }
@@ -141,7 +133,7 @@ TEST_F(HandlerFacadeWire, ConnectionControlRequestsAndTheStateKeptByNotifyStart)
 
     unsigned char conn_id = 0;
     {  // A refused start: conn_id from the reply, nothing kept.
-        scripted_service service(cat({zeros(12), le32(0xC1039999), {7}, zeros(19)}));
+        scripted_service service(tevtest::join({zeros(12), le32(0xC1039999), {7}, zeros(19)}));
         EXPECT_EQ(0xC1039999u, facade->tev_ash_handler_ctrl_notify_start(conn_id, "refused"));
         const auto m = service.only();
         expect_addressed_to_service(m, 5, 36);
@@ -152,7 +144,7 @@ TEST_F(HandlerFacadeWire, ConnectionControlRequestsAndTheStateKeptByNotifyStart)
     EXPECT_EQ(zeros(16), name16(facade->tev_ash_handler_ctrl_get_connection_name()));
 
     {  // An accepted start with a name of more than 16 characters.
-        scripted_service service(cat({zeros(12), le32(0), {42}, zeros(19)}));
+        scripted_service service(tevtest::join({zeros(12), le32(0), {42}, zeros(19)}));
         EXPECT_EQ(0u, facade->tev_ash_handler_ctrl_notify_start(conn_id, "CONNECTER_NAME_0123"));
         EXPECT_EQ(zeros(72), service.only().request);
     }
@@ -162,21 +154,21 @@ TEST_F(HandlerFacadeWire, ConnectionControlRequestsAndTheStateKeptByNotifyStart)
         0, std::memcmp(facade->tev_ash_handler_ctrl_get_connection_name(), "CONNECTER_NAME_0", 16));
 
     for (long func : {6L, 7L}) {
-        scripted_service service(cat({zeros(12), le32(0xC1030042)}));
+        scripted_service service(tevtest::join({zeros(12), le32(0xC1030042)}));
         const unsigned int rc = func == 6 ? facade->tev_ash_handler_ctrl_notify_init_end(0xAB)
                                           : facade->tev_ash_handler_ctrl_notify_stop(0xAB);
         EXPECT_EQ(0xC1030042u, rc);
         const auto m = service.only();
         expect_addressed_to_service(m, func, 16);
-        EXPECT_EQ(cat({zeros(72), {0xAB, 0, 0, 0}}), m.request);
+        EXPECT_EQ(tevtest::join({zeros(72), {0xAB, 0, 0, 0}}), m.request);
     }
     // Stopping does not clear what the start kept.
     EXPECT_EQ(42, facade->tev_ash_handler_ctrl_get_connecter_id());
 }
 
 TEST_F(HandlerFacadeWire, DirectorObserverIsReadFromTheReplyWhateverItsResult) {
-    scripted_service service(
-        cat({zeros(12), le32(0xC1030006), le32(0xFFFFFFFB), name16("DIRECTOR_CONN_XYZ")}));
+    scripted_service service(tevtest::join(
+        {zeros(12), le32(0xC1030006), le32(0xFFFFFFFB), name16("DIRECTOR_CONN_XYZ")}));
     long obj_id = 0;
     char name[17];
     std::memset(name, '#', sizeof name);
@@ -184,7 +176,8 @@ TEST_F(HandlerFacadeWire, DirectorObserverIsReadFromTheReplyWhateverItsResult) {
                                3, static_cast<velmora::TEV_ASH_APP_TYPE>(-2), obj_id, name));
     const auto m = service.only();
     expect_addressed_to_service(m, 8, 36);
-    EXPECT_EQ(cat({zeros(72), {3, 0, 0, 0}, le32(static_cast<std::uint32_t>(-2))}), m.request);
+    EXPECT_EQ(tevtest::join({zeros(72), {3, 0, 0, 0}, le32(static_cast<std::uint32_t>(-2))}),
+              m.request);
     EXPECT_EQ(-5, obj_id);
     EXPECT_EQ(0, std::memcmp(name, "DIRECTOR_CONN_XY", 16));
     EXPECT_EQ('#', name[16]);  // never written past 16 bytes
@@ -192,7 +185,7 @@ TEST_F(HandlerFacadeWire, DirectorObserverIsReadFromTheReplyWhateverItsResult) {
 
 TEST_F(HandlerFacadeWire, HandlerRequestsCarryTheirFieldsLittleEndian) {
     {
-        scripted_service service(cat({le32(0x1234), le32(0xC1035555)}));
+        scripted_service service(tevtest::join({le32(0x1234), le32(0xC1035555)}));
         unsigned int handler_id = 0;
         EXPECT_EQ(0xC1035555u,
                   facade->tev_ash_handler_create(
@@ -201,7 +194,7 @@ TEST_F(HandlerFacadeWire, HandlerRequestsCarryTheirFieldsLittleEndian) {
         EXPECT_EQ(0x1234u, handler_id);  // stored although the result is a failure
         const auto m = service.only();
         expect_addressed_to_service(m, 2, 8);
-        EXPECT_EQ(cat({le32(4), le32(0xFFFFFFFF), le32(9), le32(0x01020304)}), m.request);
+        EXPECT_EQ(tevtest::join({le32(4), le32(0xFFFFFFFF), le32(9), le32(0x01020304)}), m.request);
     }
     {
         scripted_service service(le32(0xC1030077));
@@ -218,7 +211,8 @@ TEST_F(HandlerFacadeWire, HandlerRequestsCarryTheirFieldsLittleEndian) {
                                                     0xCAFE));
         const auto m = service.only();
         expect_addressed_to_service(m, 4, 4);
-        EXPECT_EQ(cat({le32(5), le32(static_cast<std::uint32_t>(-3)), le32(0xCAFE)}), m.request);
+        EXPECT_EQ(tevtest::join({le32(5), le32(static_cast<std::uint32_t>(-3)), le32(0xCAFE)}),
+                  m.request);
     }
     EXPECT_TRUE(tevtest::trace_calls().empty());
 }
@@ -227,22 +221,23 @@ TEST_F(HandlerFacadeWire, ObserversTravelAsTheirAddressAndConnectionName) {
     test_observer observer(777, "DIRECTOR_PROCESS_NAME");
     const auto address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&observer));
     {
-        scripted_service service(cat({zeros(12), le32(0xC1030005)}));
+        scripted_service service(tevtest::join({zeros(12), le32(0xC1030005)}));
         EXPECT_EQ(0xC1030005u, facade->tev_ash_handler_add_observer(
                                    static_cast<velmora::TEV_ASH_APP_TYPE>(6), &observer));
         const auto m = service.only();
         expect_addressed_to_service(m, 0, 16);
-        EXPECT_EQ(cat({le32(6), le32(address), name16("DIRECTOR_PROCESS_NAME")}), m.request);
+        EXPECT_EQ(tevtest::join({le32(6), le32(address), name16("DIRECTOR_PROCESS_NAME")}),
+                  m.request);
     }
     {
-        scripted_service service(cat({zeros(12), le32(0)}));
+        scripted_service service(tevtest::join({zeros(12), le32(0)}));
         EXPECT_EQ(0u, facade->tev_ash_handler_remove_observer(&observer));
         const auto m = service.only();
         expect_addressed_to_service(m, 1, 16);
         EXPECT_EQ(le32(address), m.request);
     }
     {  // No check on removal: a null observer is sent as object id 0.
-        scripted_service service(cat({zeros(12), le32(0xC1030006)}));
+        scripted_service service(tevtest::join({zeros(12), le32(0xC1030006)}));
         EXPECT_EQ(0xC1030006u, facade->tev_ash_handler_remove_observer(nullptr));
         EXPECT_EQ(zeros(4), service.only().request);
     }

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <functional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,6 +21,8 @@
 #include "wud_wud_service_info.h"
 
 namespace {
+
+using tevtest::file_text;
 
 using S = velmora::wud_wud_service_info;
 using namespace tevhost;
@@ -41,12 +42,6 @@ protected:
     tevtest::fresh_store store_;
     tevtest::temp_dir dir_;
 };
-
-std::string file_text(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 // Runs `sql` on the file through a connection of its own; returns the first
 // column of every row, or "error: ..." on failure.

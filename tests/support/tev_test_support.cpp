@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +24,23 @@ std::vector<std::string> trace_texts() {
     std::vector<std::string> texts;
     for (const tevhost::trace_line& line : tevhost::captured_trace()) texts.push_back(line.text);
     return texts;
+}
+
+bytes le32(std::uint32_t v) {
+    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8),
+            static_cast<unsigned char>(v >> 16), static_cast<unsigned char>(v >> 24)};
+}
+
+bytes join(std::initializer_list<bytes> parts) {
+    bytes out;
+    for (const bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+std::string file_text(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 fresh_store::fresh_store() {

@@ -4,6 +4,7 @@
 #define TEV_TEST_SUPPORT_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,14 @@ void answer_service_checks();
 
 // The texts of the trace lines captured so far, in order.
 std::vector<std::string> trace_texts();
+
+// Wire bytes: a value as four little-endian bytes, and parts put end to end.
+using bytes = std::vector<unsigned char>;
+bytes le32(std::uint32_t v);
+bytes join(std::initializer_list<bytes> parts);
+
+// The whole content of a file ("" when it cannot be read).
+std::string file_text(const std::string& path);
 
 // A fresh, empty in-memory record store with no schema and no armed failure for
 // its lifetime; call logging and armed failures are switched off again at the end.
