@@ -8,13 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_control.h"
 #include "tev_ash_facade.h"
 #include "wud_wud_service_info.h"
-#ifdef TEVASH_BENCH_HAVE_SERVICE
 #include "host_system.h"
-#endif
 
 using namespace velmora;
 using store = wud_wud_service_info;
@@ -279,7 +277,6 @@ BENCHMARK(BM_read_auth_threads)->Threads(1)->Threads(2)->UseRealTime();
 // ---- One create through facade -> handler service -> director -> store, in
 // process, against the one store call the director makes for it.
 
-#ifdef TEVASH_BENCH_HAVE_SERVICE
 // The records a create benchmark made, removed untimed every 1024, so the store
 // keeps its size however many iterations run.
 class batch {
@@ -336,6 +333,5 @@ void BM_raw_create(benchmark::State& st) {
 }
 BENCHMARK(BM_create);
 BENCHMARK(BM_raw_create);
-#endif
 
 BENCHMARK_MAIN();

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_handler_facade.h"
 
 using namespace velmora;

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "host_system.h"
 #include "sample_director.h"
 #include "tev_ash_handler_facade.h"

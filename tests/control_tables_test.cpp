@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_control.h"
 #include "tev_lib_support.h"
 #include "tev_test_support.h"

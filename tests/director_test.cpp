@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_connecter.h"
 #include "tev_ash_director_manager.h"
 #include "tev_ash_observer.h"

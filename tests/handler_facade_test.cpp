@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_handler_facade.h"
 #include "tev_ash_observer.h"
 #include "tev_lib_support.h"

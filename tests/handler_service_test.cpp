@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "handler_service.h"
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "host_system.h"
 #include "sample_director.h"
 #include "tev_ash_facade.h"

@@ -16,7 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_test_support.h"
 #include "wud_wud_service_info.h"
 

@@ -12,7 +12,7 @@
 
 #include "facade_template.h"
 #include "gen_ipc.h"
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "vlq_mc_client.h"
 
 namespace {

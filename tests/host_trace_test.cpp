@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_test_support.h"
 #include "tiv_trace.h"
 

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_director_manager.h"
 #include "tev_ash_facade.h"
 #include "tev_ash_handler_facade.h"

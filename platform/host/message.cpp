@@ -15,7 +15,7 @@
 
 #include "facade_template.h"
 #include "gen_ipc.h"
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "observer_template.h"
 #include "vlq_mc_client.h"
 

@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "store_backend.h"
 #include "tiv_trace.h"
 #include "wud_wud_service_info.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tiv_trace.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "zof.h"
 
 namespace {

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "tev_test_support.h"
 
 namespace tevtest {

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "wud_wud_service_info.h"
 
 namespace tevtest {

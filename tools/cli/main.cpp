@@ -10,7 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/tev_host.h"
+#include "host/tev_host_testing.h"
 #include "system.h"
 #include "tev_ash_facade.h"
 #include "util.h"
