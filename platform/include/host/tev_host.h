@@ -45,6 +45,44 @@ bool register_object(const char* connection, long object_id, velmora::observer_t
 bool unregister_object(const char* connection, long object_id);
 
 // ---------------------------------------------------------------------------
+// Message service across processes. (Interface agreed for the multi-process
+// host; implementations land with it. Refine the comments as you implement.)
+//
+// A send to a (connection, object) registered in this process is delivered
+// in-process as above. Otherwise it goes over a Unix SOCK_SEQPACKET socket to
+// the process that serves the connection name (see serve_connection).
+
+constexpr int MSG_NOT_LISTENING = 4;  // no process serves the connection (no socket, or stale)
+constexpr int MSG_PEER_GONE = 5;      // the serving process closed or died before replying
+constexpr int MSG_TIMEOUT = 6;        // no reply within TEVASH_HOST_IPC_TIMEOUT_MS (default 30000)
+constexpr int MSG_BAD_FRAME = 7;      // the peer answered with a malformed frame
+
+// The words for a MSG_* result ("nothing listening", "peer gone", ...).
+const char* send_status_text(int status);
+// The result of the last vlq_mc_send_sync_message made by the calling thread
+// (MSG_OK before any). The library ignores the message client's result by
+// design; host tools read it here to surface a message that was not delivered.
+int last_send_status();
+
+// The runtime directory of the host's sockets and shared store:
+// TEVASH_RUNTIME_DIR, else $XDG_RUNTIME_DIR/tevash, else /tmp/tevash-<uid>.
+// Created with mode 0700 when missing. Returns false with *error set when it
+// cannot be created, or is owned by another user or open to others.
+bool runtime_dir(std::string* dir, std::string* error = nullptr);
+
+// Makes the objects registered in this process under `connection` reachable
+// from other processes of the runtime directory. A stale socket left by a dead
+// server is replaced; a live one is refused (false, *error says so).
+bool serve_connection(const char* connection, std::string* error = nullptr);
+// Stops accepting on `connection`, waits for the calls in flight, removes the
+// socket. Returns false when the connection was not served.
+bool stop_serving(const char* connection);
+
+// Host result codes the handler service answers with when the transport, not a
+// director, failed (never made by the library; distinct from its 0xC103xxxx).
+constexpr unsigned int HOST_DIRECTOR_UNREACHABLE = 0xE2000001;  // proxied director did not answer
+
+// ---------------------------------------------------------------------------
 // Record store.
 
 enum class member_kind { i8, u8, i16, u16, i32, u32, bytes };
@@ -95,6 +133,37 @@ struct record_info {
     unsigned int parent_id;  // 0 when unlinked
 };
 std::vector<record_info> store_records();  // ascending handler id
+
+// Kind, width and value of one member of one record, as the store keeps it.
+// (Interface agreed for the store and command-line work; implementations land
+// with it. Refine the comments as you implement.)
+struct member_value {
+    unsigned int member_id;
+    member_kind kind;
+    unsigned int size;                 // bytes: 1, 1, 2, 2, 4, 4, or the byte string's size
+    std::vector<unsigned char> value;  // little-endian, `size` bytes
+};
+// Reads without changing anything. Returns 0, STORE_NO_RECORD or STORE_NO_MEMBER
+// (a member that the record has no value for and the schema does not declare).
+unsigned int member_info(unsigned int handler_id, unsigned int member_id, member_value* out);
+// Every member the record has a value for, ascending member id.
+std::vector<member_value> record_members(unsigned int handler_id);
+
+// A transaction scope on the current store. Store calls made by this thread
+// while it is open join it; a scope opened inside another joins the outer one.
+// Other threads' store calls wait until the outermost scope ends. Nothing is
+// kept unless the outermost scope commits; destruction without commit rolls
+// back (on both backends).
+class store_transaction {
+public:
+    store_transaction();
+    ~store_transaction();
+    store_transaction(const store_transaction&) = delete;
+    store_transaction& operator=(const store_transaction&) = delete;
+    // 0 when committed (an inner scope only marks itself done); STORE_IO when
+    // the persistent backend could not commit (then nothing was kept).
+    unsigned int commit();
+};
 
 }  // namespace tevhost
 
