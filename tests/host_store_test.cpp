@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -185,6 +186,56 @@ TEST_P(Store, DeclaredMembersAndByteStrings) {
     EXPECT_EQ(0, std::memcmp(buf, "hello!z", 7));
     EXPECT_EQ(0x6C6C6568u, read_u32(id, 52));
     EXPECT_EQ(STORE_WIDTH, S::wud_wud_service_info_set_current(CMP, id, 51, 1ul));
+}
+
+// What member_info and record_members report: the kind of the first write (or
+// of the declaration) survives later writes of other kinds, copies and a new
+// process; set_member_value stores a kind and bytes as given.
+TEST_P(Store, MemberQueriesReportKindWidthAndValue) {
+    ASSERT_TRUE(declare_member(60, member_kind::u16, 0, {0x34, 0x12}));
+    unsigned int id = make(JOB), copy = 0;
+    ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, id, 61, static_cast<char>(-2)));
+    ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, id, 62, 300l));
+    ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, id, 62, 7ul));  // stays i32
+    ASSERT_EQ(0u, set_member_value(id, {63, member_kind::bytes, 3, {'a', 'b', 'c'}}));
+    ASSERT_EQ(0u, set_member_value(id, {64, member_kind::i16, 2, {1, 0}}));
+    ASSERT_EQ(0u, S::wud_wud_service_info_make_and_copy_current(CMP, JOB, FLAG, id, &copy));
+    member_value v{}, untouched{7, member_kind::u8, 1, {9}};
+    ASSERT_EQ(0u, member_info(id, 60, &v));  // declared, no value
+    EXPECT_EQ(member_kind::u16, v.kind);
+    EXPECT_THAT(v.value, ElementsAre(0x34, 0x12));
+    reopen();
+    for (unsigned int rec : {id, copy}) {
+        std::vector<member_value> all = record_members(rec);
+        ASSERT_EQ(4u, all.size()) << rec;
+        const std::tuple<unsigned int, member_kind, std::vector<unsigned char>> want[] = {
+            {61, member_kind::i8, {0xFE}},
+            {62, member_kind::i32, {7, 0, 0, 0}},
+            {63, member_kind::bytes, {'a', 'b', 'c'}},
+            {64, member_kind::i16, {1, 0}}};
+        for (size_t i = 0; i < all.size(); ++i) {
+            EXPECT_EQ(std::get<0>(want[i]), all[i].member_id) << i;
+            EXPECT_EQ(std::get<1>(want[i]), all[i].kind) << i;
+            EXPECT_EQ(std::get<2>(want[i]), all[i].value) << i;
+            EXPECT_EQ(all[i].value.size(), all[i].size) << i;
+        }
+        ASSERT_EQ(0u, member_info(rec, 62, &v));
+        EXPECT_EQ(member_kind::i32, v.kind);
+    }
+    const std::pair<unsigned int, unsigned int> refused[] = {
+        {STORE_NO_MEMBER, member_info(id, 60, &untouched)},  // the declaration is gone
+        {STORE_NO_RECORD, member_info(999999, 61, &untouched)},
+        {STORE_BAD_ARG, member_info(id, 61, nullptr)},
+        {STORE_WIDTH, set_member_value(id, {62, member_kind::u16, 2, {1, 2}})},
+        {STORE_BAD_ARG, set_member_value(id, {65, member_kind::u16, 4, {1, 2, 3, 4}})},
+        {STORE_BAD_ARG, set_member_value(id, {65, member_kind::bytes, 2, {1}})},
+        {STORE_NO_RECORD, set_member_value(999999, {65, member_kind::u8, 1, {1}})},
+    };
+    for (size_t i = 0; i < std::size(refused); ++i)
+        EXPECT_EQ(refused[i].first, refused[i].second) << i;
+    EXPECT_EQ(7u, untouched.member_id);
+    EXPECT_EQ(4u, record_members(id).size());
+    EXPECT_TRUE(record_members(999999).empty());
 }
 
 TEST_P(Store, FailedCallsChangeNothingAndWriteNoOutValue) {

@@ -6,15 +6,15 @@
 // another's transaction. Within a process one connection serves every thread
 // under a mutex. Out-values are written only after the transaction committed.
 //
-// Layout (PRAGMA user_version 1, PRAGMA application_id 'TEVS'):
+// Layout (PRAGMA user_version 2, PRAGMA application_id 'TEVS'):
 //   meta(key, value)            next_id: the first id not handed out yet;
 //                               next_seq: the next link sequence number
 //   records(id, category, parent, seq)
 //                               parent 0 when unlinked; children of a parent are
 //                               in ascending seq, which records link order
-//   members(record, member, value)
-//                               the stored bytes of one member; their length is
-//                               the member's width
+//   members(record, member, kind, value)
+//                               the stored bytes of one member (their length is
+//                               the member's width) and its member_kind
 #include <sqlite3.h>
 
 #include <cstring>
@@ -29,7 +29,7 @@ namespace tevhost {
 namespace detail {
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 constexpr int kApplicationId = 0x54455653;  // "TEVS"
 constexpr int kBusyTimeoutMs = 10000;
 
@@ -40,7 +40,13 @@ const char* const kCreateSchema =
     " parent INTEGER NOT NULL DEFAULT 0, seq INTEGER NOT NULL DEFAULT 0);"
     "CREATE INDEX records_by_parent ON records(parent, seq);"
     "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
-    " value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
+    " kind INTEGER NOT NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
+
+member_kind kind_of(long long stored) {
+    return stored >= 0 && stored <= static_cast<long long>(member_kind::bytes)
+               ? static_cast<member_kind>(stored)
+               : member_kind::bytes;
+}
 
 // A failed SQLite call inside an operation; the transaction is rolled back.
 struct db_failure {};
@@ -305,7 +311,8 @@ public:
         unsigned int rc = read([&] {
             record_row row;
             if (!find(handler_id, &row)) return STORE_NO_RECORD;
-            if (stored(handler_id, member_id, &bytes)) return 0u;
+            member_kind kind;
+            if (stored(handler_id, member_id, &kind, &bytes)) return 0u;
             if (decl == nullptr) return STORE_NO_MEMBER;
             bytes = decl->initial;
             return 0u;
@@ -315,16 +322,20 @@ public:
     }
 
     unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
-                     const unsigned char* bytes, unsigned int width) override {
+                     const unsigned char* bytes, unsigned int width, member_kind kind,
+                     bool exact) override {
         return write([&] {
             record_row row;
             if (!find(handler_id, &row)) return STORE_NO_RECORD;
             std::vector<unsigned char> old;
+            member_kind old_kind;
             unsigned int known = 0;  // 0: the member has no size yet
-            if (stored(handler_id, member_id, &old)) {
+            if (stored(handler_id, member_id, &old_kind, &old)) {
                 known = static_cast<unsigned int>(old.size());
+                if (!exact) kind = old_kind;
             } else if (decl != nullptr) {
                 known = decl->width;
+                if (!exact) kind = decl->kind;
             }
             unsigned int size = width;
             if (size == 0) {
@@ -333,13 +344,52 @@ public:
             } else if (known != 0 && known != size) {
                 return STORE_WIDTH;
             }
-            sql("INSERT OR REPLACE INTO members(record, member, value) VALUES(?, ?, ?)")
+            sql("INSERT OR REPLACE INTO members(record, member, kind, value) VALUES(?, ?, ?, ?)")
                 .bind(1, handler_id)
                 .bind(2, member_id)
-                .bind_blob(3, bytes, size)
+                .bind(3, static_cast<long long>(kind))
+                .bind_blob(4, bytes, size)
                 .run();
             return 0u;
         });
+    }
+
+    unsigned int member(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                        member_value* out) override {
+        member_value v{member_id, member_kind::bytes, 0, {}};
+        unsigned int rc = read([&] {
+            record_row row;
+            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            if (!stored(handler_id, member_id, &v.kind, &v.value)) {
+                if (decl == nullptr) return STORE_NO_MEMBER;
+                v.kind = decl->kind;
+                v.value = decl->initial;
+            }
+            return 0u;
+        });
+        if (rc != 0) return rc;
+        v.size = static_cast<unsigned int>(v.value.size());
+        *out = std::move(v);
+        return 0;
+    }
+
+    std::vector<member_value> members(unsigned int handler_id) override {
+        std::vector<member_value> out;
+        unsigned int rc = read([&] {
+            out.clear();
+            query q =
+                sql("SELECT member, kind, value FROM members WHERE record = ? ORDER BY member");
+            q.bind(1, handler_id);
+            while (q.step()) {
+                member_value v{static_cast<unsigned int>(q.integer(0)), kind_of(q.integer(1)), 0,
+                               q.blob(2)};
+                v.size = static_cast<unsigned int>(v.value.size());
+                out.push_back(std::move(v));
+            }
+            return 0u;
+        });
+        if (rc != 0) out.clear();
+        return out;
     }
 
     void clear() override {
@@ -421,12 +471,13 @@ private:
     }
 
     // REQUIRES: inside a transaction.
-    bool stored(unsigned int handler_id, unsigned int member_id,
+    bool stored(unsigned int handler_id, unsigned int member_id, member_kind* kind,
                 std::vector<unsigned char>* bytes) {
-        query q = sql("SELECT value FROM members WHERE record = ? AND member = ?");
+        query q = sql("SELECT kind, value FROM members WHERE record = ? AND member = ?");
         q.bind(1, handler_id).bind(2, member_id);
         if (!q.step()) return false;
-        *bytes = q.blob(0);
+        *kind = kind_of(q.integer(0));
+        *bytes = q.blob(1);
         return true;
     }
 
@@ -462,8 +513,8 @@ private:
 
     // REQUIRES: inside a write transaction; `to` has no members.
     void copy_members(unsigned int from, unsigned int to) {
-        sql("INSERT INTO members(record, member, value)"
-            " SELECT ?, member, value FROM members WHERE record = ?")
+        sql("INSERT INTO members(record, member, kind, value)"
+            " SELECT ?, member, kind, value FROM members WHERE record = ?")
             .bind(1, to)
             .bind(2, from)
             .run();

@@ -17,11 +17,16 @@ namespace {
 // The next id to hand out in this process, by any backend; 0 once exhausted.
 std::atomic<unsigned int> g_next_handler_id{1};
 
+struct stored_value {
+    member_kind kind;
+    std::vector<unsigned char> bytes;
+};
+
 struct record {
     unsigned int category = 0;
-    unsigned int parent = 0;                                               // 0 when unlinked
-    std::vector<unsigned int> children;                                    // link order
-    std::unordered_map<unsigned int, std::vector<unsigned char>> members;  // stored values
+    unsigned int parent = 0;                                 // 0 when unlinked
+    std::vector<unsigned int> children;                      // link order
+    std::unordered_map<unsigned int, stored_value> members;  // stored values
 };
 
 class memory_backend final : public store_backend {
@@ -173,7 +178,7 @@ public:
         auto stored = r->members.find(member_id);
         const std::vector<unsigned char>* bytes = nullptr;
         if (stored != r->members.end()) {
-            bytes = &stored->second;
+            bytes = &stored->second.bytes;
         } else if (decl != nullptr) {
             bytes = &decl->initial;
         } else {
@@ -184,15 +189,18 @@ public:
     }
 
     unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
-                     const unsigned char* bytes, unsigned int width) override {
+                     const unsigned char* bytes, unsigned int width, member_kind kind,
+                     bool exact) override {
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
         unsigned int known = 0;  // 0: the member has no size yet
         if (stored != r->members.end()) {
-            known = static_cast<unsigned int>(stored->second.size());
+            known = static_cast<unsigned int>(stored->second.bytes.size());
+            if (!exact) kind = stored->second.kind;
         } else if (decl != nullptr) {
             known = decl->width;
+            if (!exact) kind = decl->kind;
         }
         if (width == 0) {
             if (known == 0) return STORE_NO_MEMBER;
@@ -200,8 +208,43 @@ public:
         } else if (known != 0 && known != width) {
             return STORE_WIDTH;
         }
-        r->members[member_id].assign(bytes, bytes + width);
+        stored_value& v = r->members[member_id];
+        v.kind = kind;
+        v.bytes.assign(bytes, bytes + width);
         return 0;
+    }
+
+    unsigned int member(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                        member_value* out) override {
+        const record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        auto stored = r->members.find(member_id);
+        if (stored != r->members.end()) {
+            *out = member_value{member_id, stored->second.kind,
+                                static_cast<unsigned int>(stored->second.bytes.size()),
+                                stored->second.bytes};
+        } else if (decl != nullptr) {
+            *out = member_value{member_id, decl->kind, decl->width, decl->initial};
+        } else {
+            return STORE_NO_MEMBER;
+        }
+        return 0;
+    }
+
+    std::vector<member_value> members(unsigned int handler_id) override {
+        std::vector<member_value> out;
+        const record* r = find(handler_id);
+        if (r == nullptr) return out;
+        out.reserve(r->members.size());
+        for (const auto& entry : r->members) {
+            out.push_back(member_value{entry.first, entry.second.kind,
+                                       static_cast<unsigned int>(entry.second.bytes.size()),
+                                       entry.second.bytes});
+        }
+        std::sort(out.begin(), out.end(), [](const member_value& a, const member_value& b) {
+            return a.member_id < b.member_id;
+        });
+        return out;
     }
 
     void clear() override { records_.clear(); }

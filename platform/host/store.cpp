@@ -127,13 +127,13 @@ const member_decl* find_decl(store_state& s, unsigned int member_id) {
 }
 
 unsigned int set_typed(unsigned int cmp_id, unsigned int handler_id, unsigned int member_id,
-                       uint32_t value, unsigned int width) {
+                       uint32_t value, unsigned int width, tevhost::member_kind kind) {
     unsigned char bytes[4] = {
         static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
         static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
     store_state& s = state();
     return run(store_op::set_current, cmp_id, [&](store_backend& b) {
-        return b.set(handler_id, member_id, find_decl(s, member_id), bytes, width);
+        return b.set(handler_id, member_id, find_decl(s, member_id), bytes, width, kind, false);
     });
 }
 
@@ -279,28 +279,30 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     char value) {
-    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned char>(value), 1);
+    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned char>(value), 1,
+                     tevhost::member_kind::i8);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     unsigned char value) {
-    return set_typed(cmp_id, handler_id, member_id, value, 1);
+    return set_typed(cmp_id, handler_id, member_id, value, 1, tevhost::member_kind::u8);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     short value) {
-    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned short>(value), 2);
+    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned short>(value), 2,
+                     tevhost::member_kind::i16);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     unsigned short value) {
-    return set_typed(cmp_id, handler_id, member_id, value, 2);
+    return set_typed(cmp_id, handler_id, member_id, value, 2, tevhost::member_kind::u16);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
@@ -308,14 +310,16 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& member_id,
                                                                     long value) {
     return set_typed(cmp_id, handler_id, member_id,
-                     static_cast<uint32_t>(static_cast<unsigned long>(value)), 4);
+                     static_cast<uint32_t>(static_cast<unsigned long>(value)), 4,
+                     tevhost::member_kind::i32);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     unsigned long value) {
-    return set_typed(cmp_id, handler_id, member_id, static_cast<uint32_t>(value), 4);
+    return set_typed(cmp_id, handler_id, member_id, static_cast<uint32_t>(value), 4,
+                     tevhost::member_kind::u32);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
@@ -326,7 +330,8 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
     return run(store_op::set_current, cmp_id, [&](store_backend& b) {
         return value == nullptr ? STORE_BAD_ARG
                                 : b.set(handler_id, member_id, find_decl(s, member_id),
-                                        static_cast<const unsigned char*>(value), 0);
+                                        static_cast<const unsigned char*>(value), 0,
+                                        tevhost::member_kind::bytes, false);
     });
 }
 
@@ -439,6 +444,28 @@ void store_clear() {
     store_state& s = state();
     std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
     s.backend->clear();
+}
+
+unsigned int member_info(unsigned int handler_id, unsigned int member_id, member_value* out) {
+    if (out == nullptr) return STORE_BAD_ARG;
+    store_state& s = state();
+    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
+    return s.backend->member(handler_id, member_id, find_decl(s, member_id), out);
+}
+
+std::vector<member_value> record_members(unsigned int handler_id) {
+    store_state& s = state();
+    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
+    return s.backend->members(handler_id);
+}
+
+unsigned int set_member_value(unsigned int handler_id, const member_value& v) {
+    unsigned int width = width_of(v.kind, v.size);
+    if (v.size == 0 || width != v.size || v.value.size() != v.size) return STORE_BAD_ARG;
+    store_state& s = state();
+    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
+    return s.backend->set(handler_id, v.member_id, find_decl(s, v.member_id), v.value.data(),
+                          v.size, v.kind, true);
 }
 
 std::vector<record_info> store_records() {

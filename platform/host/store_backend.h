@@ -2,7 +2,7 @@
 // their seams (call log, failure injection) and the member schema, then call one
 // method of the current backend under the store's lock: shared for the methods
 // that only read (child, child_count, child_direct, child_count_direct, parent,
-// category, get, records), exclusive for the others. A backend relies on that
+// category, get, member, members, records), exclusive for the others. A backend relies on that
 // lock among the threads of this process and adds what else it needs (the file
 // backend keeps other processes out with transactions). Every method returns 0
 // or one of the tevhost::STORE_* codes and, on failure, changes nothing and
@@ -130,10 +130,18 @@ public:
     // `decl` is null for an undeclared member.
     virtual unsigned int get(unsigned int handler_id, unsigned int member_id,
                              const member_decl* decl, void* value) = 0;
-    // Stores `width` bytes; `width` 0 means "the member's own size" (stored, else declared).
+    // Stores `width` bytes; `width` 0 means "the member's own size" (stored, else
+    // declared). A value already stored keeps its kind, else it takes the declared
+    // kind, else `kind`; with `exact` the value takes `kind` whatever it had.
     virtual unsigned int set(unsigned int handler_id, unsigned int member_id,
                              const member_decl* decl, const unsigned char* bytes,
-                             unsigned int width) = 0;
+                             unsigned int width, member_kind kind, bool exact) = 0;
+    // The stored value with its kind, else the declared one (`decl` null when
+    // undeclared).
+    virtual unsigned int member(unsigned int handler_id, unsigned int member_id,
+                                const member_decl* decl, member_value* out) = 0;
+    // The stored values, ascending member id; empty when there is no such record.
+    virtual std::vector<member_value> members(unsigned int handler_id) = 0;
 
     virtual void clear() = 0;
     virtual std::vector<record_info> records() = 0;

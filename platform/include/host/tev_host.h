@@ -135,19 +135,31 @@ struct record_info {
 std::vector<record_info> store_records();  // ascending handler id
 
 // Kind, width and value of one member of one record, as the store keeps it.
-// (Interface agreed for the store and command-line work; implementations land
-// with it. Refine the comments as you implement.)
+// A value keeps the kind it was first stored with: the member's declared kind,
+// else the kind of the typed write that stored it first (char i8, unsigned char
+// u8, short i16, unsigned short u16, long i32, unsigned long u32). Copies keep
+// the kinds; the persistent store keeps them in its file, so another process
+// sees them without declaring anything.
 struct member_value {
     unsigned int member_id;
     member_kind kind;
     unsigned int size;                 // bytes: 1, 1, 2, 2, 4, 4, or the byte string's size
     std::vector<unsigned char> value;  // little-endian, `size` bytes
 };
-// Reads without changing anything. Returns 0, STORE_NO_RECORD or STORE_NO_MEMBER
-// (a member that the record has no value for and the schema does not declare).
+// Reads without changing anything. Returns 0, STORE_NO_RECORD, STORE_NO_MEMBER
+// (a member that the record has no value for and the schema does not declare:
+// a declared member without a value reads as its declared kind and initial
+// value) or STORE_BAD_ARG (null `out`). `out` is written only on 0.
 unsigned int member_info(unsigned int handler_id, unsigned int member_id, member_value* out);
-// Every member the record has a value for, ascending member id.
+// Every member the record has a value for, ascending member id; empty when
+// there is no such record.
 std::vector<member_value> record_members(unsigned int handler_id);
+// Stores `v` on the record as it is: its kind, its size and its bytes (for
+// tools that recreate records, e.g. an import). Returns 0, STORE_NO_RECORD,
+// STORE_WIDTH (the record's value or the declaration has another size; a value
+// kept of another kind but the same size takes the new kind), or STORE_BAD_ARG
+// (size 0, a size that does not fit the kind, or value.size() != size).
+unsigned int set_member_value(unsigned int handler_id, const member_value& v);
 
 // A transaction scope on the current store. Store calls made by this thread
 // while it is open join it; a scope opened inside another joins the outer one.
