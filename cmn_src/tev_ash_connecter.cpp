@@ -50,12 +50,7 @@ unsigned int tev_ash_connecter::get_director_observer(TEV_ASH_APP_TYPE app_type,
     }
     const tev_ash_observer_impl* proxy = it->second;
     obj_id = reinterpret_cast<long>(proxy);
-    const char* name = proxy->get_connection_name();
-    bool ended = false;
-    for (unsigned int i = 0; i < RETURNED_NAME_MAX; ++i) {
-        if (!ended && name[i] == '\0') ended = true;
-        connection_name[i] = ended ? '\0' : name[i];
-    }
+    tev_ash_wire::put_name(connection_name, proxy->get_connection_name(), RETURNED_NAME_MAX);
     return TEV_ASH_RC_OK;
 }
 

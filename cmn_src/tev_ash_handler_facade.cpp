@@ -1,14 +1,12 @@
 // The process's client of the handler service: singleton creation, the start-up
 // wait, the connection-control operations and the handler requests. Every
-// request is built into a zero-filled local buffer, sent once through the shared
-// message client, and its outputs are read from the zero-filled reply whatever
-// the result says.
+// request is one round trip (tev_ash_round_trip.h) through the shared message
+// client, and its outputs are read from the reply whatever the result says.
 #include "tev_ash_handler_facade.h"
-
-#include <cstring>
 
 #include "tev_ash_messages.h"
 #include "tev_ash_observer.h"
+#include "tev_ash_round_trip.h"
 #include "tev_ash_singleton.h"
 #include "tev_ash_trace.h"
 #include "vlq_mc_client.h"
@@ -22,22 +20,15 @@ using tev_ash_trace::FILE_HANDLER_FACADE;
 constexpr int SERVICE_CHECKS = 200;
 constexpr int SERVICE_CHECK_SLEEP = 300;
 
-// One round trip to the handler service. `rpl` is zero-filled here, with exactly
-// `rpl_len` bytes offered; the send's own result and the returned length are not
-// used: a reply the service did not write reads as zeros.
-void send_to_service(vlq_mc_client* client, long func_id, char* req, unsigned int req_len,
-                     char* rpl, unsigned int rpl_len) {
-    std::memset(rpl, 0, rpl_len);
-    unsigned int offered = rpl_len;
-    client->vlq_mc_send_sync_message(TEV_ASH_SRV_OBJ_ID, func_id, req, req_len, rpl, &offered,
-                                     TEV_ASH_SRV_NAME);
-}
-
-// The 16-byte name field from a caller's string, never read past 16 bytes.
-void copy_name_field(char* dst, const char* src) {
-    std::memset(dst, 0, TEV_ASH_CONNECTION_NAME_LEN);
-    for (unsigned int i = 0; i < TEV_ASH_CONNECTION_NAME_LEN && src[i] != '\0'; ++i)
-        dst[i] = src[i];
+// One round trip to object 1 of the handler service through the shared client.
+template <typename Reply, typename Request>
+Reply ask_service(vlq_mc_client* client, long func_id, const Request& request) {
+    return tev_ash_wire::round_trip<Reply>(
+        func_id, request,
+        [client](long func, char* req, unsigned int req_len, char* rpl, unsigned int* rpl_len) {
+            client->vlq_mc_send_sync_message(TEV_ASH_SRV_OBJ_ID, func, req, req_len, rpl, rpl_len,
+                                             TEV_ASH_SRV_NAME);
+        });
 }
 
 std::int32_t observer_object_id(const tev_ash_observer* observer) {
@@ -86,44 +77,29 @@ void tev_ash_handler_facade::dispatch(long /*func_id*/, char* /*rcvbuf*/,
 
 unsigned int tev_ash_handler_facade::tev_ash_handler_ctrl_notify_start(
     unsigned char& conn_id, const char* connection_name) {
-    char req[tev_ash_ctrl_req::SIZE] = {};
-    char rpl[tev_ash_ctrl_rpl::SIZE];
-    send_to_service(the_client_, TEV_ASH_FUNC_CTRL_NOTIFY_START, req,
-                    tev_ash_ctrl_req::SIZE_NOTIFY_START, rpl, tev_ash_ctrl_rpl::SIZE);
-    tev_ash_ctrl_rpl reply;
-    decode(rpl, tev_ash_ctrl_rpl::SIZE, TEV_ASH_FUNC_CTRL_NOTIFY_START, &reply);
+    // Neither argument is sent: the request is all zeros.
+    const auto reply = ask_service<tev_ash_ctrl_rpl>(the_client_, TEV_ASH_FUNC_CTRL_NOTIFY_START,
+                                                     tev_ash_ctrl_req{});
     conn_id = reply.connecter_id;
     // The connection state is kept only once the service has accepted the start.
     if (reply.ret == TEV_ASH_RC_OK) {
         connecter_id_ = reply.connecter_id;
-        copy_name_field(connection_name_, connection_name);
+        tev_ash_wire::put_name(connection_name_, connection_name);
     }
     return reply.ret;
 }
 
-namespace {
-
-unsigned int send_conn_id(vlq_mc_client* client, long func_id, unsigned char conn_id) {
+unsigned int tev_ash_handler_facade::tev_ash_handler_ctrl_notify_init_end(unsigned char conn_id) {
     tev_ash_ctrl_req request;
     request.conn_id = conn_id;
-    char req[tev_ash_ctrl_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_ctrl_rpl::SIZE_SHORT];
-    send_to_service(client, func_id, req, tev_ash_ctrl_req::SIZE_CONN_ID, rpl,
-                    tev_ash_ctrl_rpl::SIZE_SHORT);
-    tev_ash_ctrl_rpl reply;
-    decode(rpl, tev_ash_ctrl_rpl::SIZE_SHORT, func_id, &reply);
-    return reply.ret;
-}
-
-}  // namespace
-
-unsigned int tev_ash_handler_facade::tev_ash_handler_ctrl_notify_init_end(unsigned char conn_id) {
-    return send_conn_id(the_client_, TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END, conn_id);
+    return ask_service<tev_ash_ctrl_rpl>(the_client_, TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END, request)
+        .ret;
 }
 
 unsigned int tev_ash_handler_facade::tev_ash_handler_ctrl_notify_stop(unsigned char conn_id) {
-    return send_conn_id(the_client_, TEV_ASH_FUNC_CTRL_NOTIFY_STOP, conn_id);
+    tev_ash_ctrl_req request;
+    request.conn_id = conn_id;
+    return ask_service<tev_ash_ctrl_rpl>(the_client_, TEV_ASH_FUNC_CTRL_NOTIFY_STOP, request).ret;
 }
 
 unsigned int tev_ash_handler_facade::tev_ash_handler_ctrl_get_director_observer(
@@ -131,15 +107,10 @@ unsigned int tev_ash_handler_facade::tev_ash_handler_ctrl_get_director_observer(
     tev_ash_ctrl_req request;
     request.conn_id = conn_id;
     request.app_type = static_cast<std::int32_t>(app_type);
-    char req[tev_ash_ctrl_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_ctrl_rpl::SIZE];
-    send_to_service(the_client_, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, req,
-                    tev_ash_ctrl_req::SIZE_DIRECTOR, rpl, tev_ash_ctrl_rpl::SIZE);
-    tev_ash_ctrl_rpl reply;
-    decode(rpl, tev_ash_ctrl_rpl::SIZE, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, &reply);
+    const auto reply = ask_service<tev_ash_ctrl_rpl>(
+        the_client_, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, request);
     obj_id = tev_ash_wire::object_id_from_wire(reply.obj_id);
-    std::memcpy(connection_name, reply.connection_name, TEV_ASH_CONNECTION_NAME_LEN);
+    tev_ash_wire::put_name(connection_name, reply.connection_name);
     return reply.ret;
 }
 
@@ -165,13 +136,7 @@ unsigned int tev_ash_handler_facade::tev_ash_handler_create(TEV_ASH_CATEGORY cat
     request.app_type = static_cast<std::int32_t>(app_type);
     request.service_type = static_cast<std::int32_t>(service_type);
     request.src_handler_id = src_handler_id;
-    char req[tev_ash_create_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_create_rpl::SIZE];
-    send_to_service(the_client_, TEV_ASH_FUNC_CREATE, req, tev_ash_create_req::SIZE, rpl,
-                    tev_ash_create_rpl::SIZE);
-    tev_ash_create_rpl reply;
-    decode(rpl, tev_ash_create_rpl::SIZE, &reply);
+    const auto reply = ask_service<tev_ash_create_rpl>(the_client_, TEV_ASH_FUNC_CREATE, request);
     *handler_id = reply.handler_id;
     return reply.rc;
 }
@@ -181,14 +146,7 @@ unsigned int tev_ash_handler_facade::tev_ash_handler_remove(TEV_ASH_APP_TYPE app
     tev_ash_remove_req request;
     request.app_type = static_cast<std::int32_t>(app_type);
     request.handler_id = handler_id;
-    char req[tev_ash_remove_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_result_rpl::SIZE];
-    send_to_service(the_client_, TEV_ASH_FUNC_REMOVE, req, tev_ash_remove_req::SIZE, rpl,
-                    tev_ash_result_rpl::SIZE);
-    tev_ash_result_rpl reply;
-    decode(rpl, tev_ash_result_rpl::SIZE, &reply);
-    return reply.rc;
+    return ask_service<tev_ash_result_rpl>(the_client_, TEV_ASH_FUNC_REMOVE, request).rc;
 }
 
 unsigned int tev_ash_handler_facade::tev_ash_handler_reset(TEV_ASH_APP_TYPE app_type,
@@ -198,14 +156,7 @@ unsigned int tev_ash_handler_facade::tev_ash_handler_reset(TEV_ASH_APP_TYPE app_
     request.app_type = static_cast<std::int32_t>(app_type);
     request.service_type = static_cast<std::int32_t>(service_type);
     request.handler_id = handler_id;
-    char req[tev_ash_reset_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_result_rpl::SIZE];
-    send_to_service(the_client_, TEV_ASH_FUNC_RESET, req, tev_ash_reset_req::SIZE, rpl,
-                    tev_ash_result_rpl::SIZE);
-    tev_ash_result_rpl reply;
-    decode(rpl, tev_ash_result_rpl::SIZE, &reply);
-    return reply.rc;
+    return ask_service<tev_ash_result_rpl>(the_client_, TEV_ASH_FUNC_RESET, request).rc;
 }
 
 unsigned int tev_ash_handler_facade::tev_ash_handler_add_observer(TEV_ASH_APP_TYPE app_type,
@@ -220,29 +171,14 @@ unsigned int tev_ash_handler_facade::tev_ash_handler_add_observer(TEV_ASH_APP_TY
     tev_ash_add_observer_req request;
     request.app_type = static_cast<std::int32_t>(app_type);
     request.observer = observer_object_id(observer);
-    std::memcpy(request.connection_name, observer->get_connection_name(),
-                TEV_ASH_CONNECTION_NAME_LEN);
-    char req[tev_ash_add_observer_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_ctrl_rpl::SIZE_SHORT];
-    send_to_service(the_client_, TEV_ASH_FUNC_ADD_OBSERVER, req, tev_ash_add_observer_req::SIZE,
-                    rpl, tev_ash_ctrl_rpl::SIZE_SHORT);
-    tev_ash_ctrl_rpl reply;
-    decode(rpl, tev_ash_ctrl_rpl::SIZE_SHORT, TEV_ASH_FUNC_ADD_OBSERVER, &reply);
-    return reply.ret;
+    tev_ash_wire::put_name(request.connection_name, observer->get_connection_name());
+    return ask_service<tev_ash_ctrl_rpl>(the_client_, TEV_ASH_FUNC_ADD_OBSERVER, request).ret;
 }
 
 unsigned int tev_ash_handler_facade::tev_ash_handler_remove_observer(tev_ash_observer* observer) {
     tev_ash_remove_observer_req request;
     request.observer = observer_object_id(observer);
-    char req[tev_ash_remove_observer_req::SIZE];
-    encode(request, req);
-    char rpl[tev_ash_ctrl_rpl::SIZE_SHORT];
-    send_to_service(the_client_, TEV_ASH_FUNC_REMOVE_OBSERVER, req,
-                    tev_ash_remove_observer_req::SIZE, rpl, tev_ash_ctrl_rpl::SIZE_SHORT);
-    tev_ash_ctrl_rpl reply;
-    decode(rpl, tev_ash_ctrl_rpl::SIZE_SHORT, TEV_ASH_FUNC_REMOVE_OBSERVER, &reply);
-    return reply.ret;
+    return ask_service<tev_ash_ctrl_rpl>(the_client_, TEV_ASH_FUNC_REMOVE_OBSERVER, request).ret;
 }
 
 }  // namespace velmora

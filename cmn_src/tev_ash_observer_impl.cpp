@@ -1,6 +1,7 @@
 #include "tev_ash_observer_impl.h"
 
 #include "tev_ash_messages.h"
+#include "tev_ash_round_trip.h"
 #include "tev_ash_trace.h"
 #include "vlq_mc_client.h"
 
@@ -13,11 +14,22 @@ constexpr const char* FILE_NAME = tev_ash_trace::FILE_OBSERVER_IMPL;
 // The connection name field as a terminated string: the field may be full.
 struct destination_name {
     explicit destination_name(const char* field) {
-        tev_ash_wire::get_name(text, field);
+        tev_ash_wire::put_name(text, field);
         text[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
     }
     char text[TEV_ASH_CONNECTION_NAME_LEN + 1];
 };
+
+// One notification to the remote observer: a round trip through the proxy's
+// send_sync_message.
+template <typename Reply, typename Request>
+Reply exchange(tev_ash_observer_impl& proxy, long func_id, const Request& request) {
+    return tev_ash_wire::round_trip<Reply>(
+        func_id, request,
+        [&proxy](long func, char* req, unsigned int req_len, char* rpl, unsigned int* rpl_len) {
+            proxy.send_sync_message(func, req, req_len, rpl, rpl_len);
+        });
+}
 
 }  // namespace
 
@@ -49,12 +61,7 @@ void tev_ash_observer_impl::send_sync_message(long func_id, char* req_buf, unsig
         TEV_ASH_NOTIFY(TEV_ASH_NOTIFY_NULL_ARG, FILE_NAME, "send_sync_message");
         usable = false;
     }
-    if (!usable) return;
-    if (client_ == nullptr) {
-        TEV_ASH_TRACE(FILE_NAME, "send_sync_message", "[Error] client_ is NULL");
-        TEV_ASH_NOTIFY(TEV_ASH_NOTIFY_NULL_ARG, FILE_NAME, "send_sync_message");
-        return;
-    }
+    if (!usable || !can_send("send_sync_message")) return;
     const destination_name destination(connection_name_);
     client_->vlq_mc_send_sync_message(get_obj_id(), func_id, req_buf, req_buf_len, rpl_buf,
                                       rpl_buf_len, destination.text);
@@ -75,55 +82,33 @@ void tev_ash_observer_impl::notify_create(TEV_ASH_CATEGORY category,
         result = static_cast<long>(TEV_ASH_RC_BAD_ARG);
         return;
     }
-    tev_ash_create_req req;
-    req.category = category;
-    req.service_type = service_type;
-    req.src_handler_id = src_handler_id;
-    char req_buf[tev_ash_create_req::SIZE] = {};
-    encode(req, req_buf);
-    char rpl_buf[tev_ash_create_rpl::SIZE] = {};
-    unsigned int rpl_len = tev_ash_create_rpl::SIZE;
-    send_sync_message(TEV_ASH_FUNC_CREATE, req_buf, tev_ash_create_req::SIZE, rpl_buf, &rpl_len);
-    tev_ash_create_rpl rpl;
-    decode(rpl_buf, tev_ash_create_rpl::SIZE, &rpl);
-    handler_id = rpl.handler_id;
-    result = static_cast<long>(rpl.rc);
+    tev_ash_create_req request;  // app_type stays 0; handler_id is not sent
+    request.category = category;
+    request.service_type = service_type;
+    request.src_handler_id = src_handler_id;
+    const auto reply = exchange<tev_ash_create_rpl>(*this, TEV_ASH_FUNC_CREATE, request);
+    handler_id = reply.handler_id;
+    result = static_cast<long>(reply.rc);
 }
 
 void tev_ash_observer_impl::notify_remove(unsigned int handler_id, long& result) {
-    if (!can_send("notify_remove")) {
-        result = static_cast<long>(TEV_ASH_RC_BAD_ARG);
-        return;
-    }
-    tev_ash_remove_req req;
-    req.handler_id = handler_id;
-    char req_buf[tev_ash_remove_req::SIZE] = {};
-    encode(req, req_buf);
-    char rpl_buf[tev_ash_result_rpl::SIZE] = {};
-    unsigned int rpl_len = tev_ash_result_rpl::SIZE;
-    send_sync_message(TEV_ASH_FUNC_REMOVE, req_buf, tev_ash_remove_req::SIZE, rpl_buf, &rpl_len);
-    tev_ash_result_rpl rpl;
-    decode(rpl_buf, tev_ash_result_rpl::SIZE, &rpl);
-    result = static_cast<long>(rpl.rc);
+    tev_ash_remove_req request;
+    request.handler_id = handler_id;
+    result =
+        static_cast<long>(can_send("notify_remove")
+                              ? exchange<tev_ash_result_rpl>(*this, TEV_ASH_FUNC_REMOVE, request).rc
+                              : TEV_ASH_RC_BAD_ARG);
 }
 
 void tev_ash_observer_impl::notify_reset(TEV_ASH_SERVICE_TYPE service_type, unsigned int handler_id,
                                          long& result) {
-    if (!can_send("notify_reset")) {
-        result = static_cast<long>(TEV_ASH_RC_BAD_ARG);
-        return;
-    }
-    tev_ash_reset_req req;
-    req.service_type = service_type;
-    req.handler_id = handler_id;
-    char req_buf[tev_ash_reset_req::SIZE] = {};
-    encode(req, req_buf);
-    char rpl_buf[tev_ash_result_rpl::SIZE] = {};
-    unsigned int rpl_len = tev_ash_result_rpl::SIZE;
-    send_sync_message(TEV_ASH_FUNC_RESET, req_buf, tev_ash_reset_req::SIZE, rpl_buf, &rpl_len);
-    tev_ash_result_rpl rpl;
-    decode(rpl_buf, tev_ash_result_rpl::SIZE, &rpl);
-    result = static_cast<long>(rpl.rc);
+    tev_ash_reset_req request;
+    request.service_type = service_type;
+    request.handler_id = handler_id;
+    result =
+        static_cast<long>(can_send("notify_reset")
+                              ? exchange<tev_ash_result_rpl>(*this, TEV_ASH_FUNC_RESET, request).rc
+                              : TEV_ASH_RC_BAD_ARG);
 }
 
 }  // namespace velmora

@@ -22,50 +22,57 @@ inline void put_u32(char* p, std::uint32_t v) {
     p[2] = static_cast<char>((v >> 16) & 0xFFu);
     p[3] = static_cast<char>((v >> 24) & 0xFFu);
 }
-inline void put_i32(char* p, std::int32_t v) { put_u32(p, static_cast<std::uint32_t>(v)); }
+inline void put_i32(char* p, std::int32_t v) {
+    put_u32(p, static_cast<std::uint32_t>(v));
+}
 inline std::uint32_t get_u32(const char* p) {
     const auto* b = reinterpret_cast<const unsigned char*>(p);
     return static_cast<std::uint32_t>(b[0]) | (static_cast<std::uint32_t>(b[1]) << 8) |
            (static_cast<std::uint32_t>(b[2]) << 16) | (static_cast<std::uint32_t>(b[3]) << 24);
 }
-inline std::int32_t get_i32(const char* p) { return static_cast<std::int32_t>(get_u32(p)); }
-
-// Copies at most 16 bytes of the NUL-terminated `name` into the 16-byte field
-// `dst`, zero-padding; never reads `name` past 16 bytes. A null name leaves the
-// field zero.
-inline void put_name(char* dst, const char* name) {
-    std::memset(dst, 0, TEV_ASH_CONNECTION_NAME_LEN);
-    if (name == nullptr) return;
-    for (unsigned int i = 0; i < TEV_ASH_CONNECTION_NAME_LEN && name[i] != '\0'; ++i) dst[i] = name[i];
+inline std::int32_t get_i32(const char* p) {
+    return static_cast<std::int32_t>(get_u32(p));
 }
-inline void get_name(char* dst, const char* src) { std::memcpy(dst, src, TEV_ASH_CONNECTION_NAME_LEN); }
+
+// The one copy of a connection name into a name field: at most `len` (at most
+// 16) bytes of `name`, stopping at its NUL, the rest of the `len` bytes zero; no
+// terminator is added, and `name` is never read past `len` bytes, so it may be
+// another (full, unterminated) name field. A null name leaves the field zero.
+inline void put_name(char* field, const char* name,
+                     unsigned int len = TEV_ASH_CONNECTION_NAME_LEN) {
+    std::memset(field, 0, len);
+    if (name == nullptr) return;
+    for (unsigned int i = 0; i < len && name[i] != '\0'; ++i) field[i] = name[i];
+}
 
 // An object id as it travels: the low 32 bits, read back sign-extended.
 inline std::int32_t object_id_to_wire(long id) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(static_cast<unsigned long>(id)));
 }
-inline long object_id_from_wire(std::int32_t id) { return static_cast<long>(id); }
+inline long object_id_from_wire(std::int32_t id) {
+    return static_cast<long>(id);
+}
 
 }  // namespace tev_ash_wire
 
 // Function 0 request, 24 bytes.
 struct tev_ash_add_observer_req {
     static constexpr unsigned int SIZE = 24;
-    std::int32_t app_type = 0;                           // 0
-    std::int32_t observer = 0;                           // 4: object id, 32-bit
+    std::int32_t app_type = 0;                               // 0
+    std::int32_t observer = 0;                               // 4: object id, 32-bit
     char connection_name[TEV_ASH_CONNECTION_NAME_LEN] = {};  // 8
 };
 inline void encode(const tev_ash_add_observer_req& r, char* buf) {
     std::memset(buf, 0, tev_ash_add_observer_req::SIZE);
     tev_ash_wire::put_i32(buf + 0, r.app_type);
     tev_ash_wire::put_i32(buf + 4, r.observer);
-    tev_ash_wire::get_name(buf + 8, r.connection_name);
+    std::memcpy(buf + 8, r.connection_name, TEV_ASH_CONNECTION_NAME_LEN);
 }
 inline bool decode(const char* buf, unsigned int len, tev_ash_add_observer_req* r) {
     if (buf == nullptr || len < tev_ash_add_observer_req::SIZE) return false;
     r->app_type = tev_ash_wire::get_i32(buf + 0);
     r->observer = tev_ash_wire::get_i32(buf + 4);
-    tev_ash_wire::get_name(r->connection_name, buf + 8);
+    std::memcpy(r->connection_name, buf + 8, TEV_ASH_CONNECTION_NAME_LEN);
     return true;
 }
 
@@ -165,7 +172,9 @@ struct tev_ash_result_rpl {
     static constexpr unsigned int SIZE = 4;
     std::uint32_t rc = 0;  // 0
 };
-inline void encode(const tev_ash_result_rpl& r, char* buf) { tev_ash_wire::put_u32(buf + 0, r.rc); }
+inline void encode(const tev_ash_result_rpl& r, char* buf) {
+    tev_ash_wire::put_u32(buf + 0, r.rc);
+}
 inline bool decode(const char* buf, unsigned int len, tev_ash_result_rpl* r) {
     if (buf == nullptr || len < tev_ash_result_rpl::SIZE) return false;
     r->rc = tev_ash_wire::get_u32(buf + 0);
@@ -239,7 +248,7 @@ inline void encode(const tev_ash_ctrl_rpl& r, long func_id, char* buf) {
         buf[16] = static_cast<char>(r.connecter_id);
     } else if (func_id == TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER) {
         tev_ash_wire::put_i32(buf + 16, r.obj_id);
-        tev_ash_wire::get_name(buf + 20, r.connection_name);
+        std::memcpy(buf + 20, r.connection_name, TEV_ASH_CONNECTION_NAME_LEN);
     }
 }
 // Reads ret, and for function 5 connecter_id, for function 8 obj_id and
@@ -252,7 +261,7 @@ inline bool decode(const char* buf, unsigned int len, long func_id, tev_ash_ctrl
         r->connecter_id = static_cast<std::uint8_t>(buf[16]);
     } else if (func_id == TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER) {
         r->obj_id = tev_ash_wire::get_i32(buf + 16);
-        tev_ash_wire::get_name(r->connection_name, buf + 20);
+        std::memcpy(r->connection_name, buf + 20, TEV_ASH_CONNECTION_NAME_LEN);
     }
     return true;
 }

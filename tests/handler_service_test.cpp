@@ -175,7 +175,7 @@ TEST_F(HandlerService, ConnectersStartFindTheDirectorAndStop) {
 TEST_F(HandlerService, ShortRequestsAreAnsweredWithBadArgumentUnknownOnesNotAtAll) {
     const auto& director = system_.director();
     char director_name[17] = {};
-    tev_ash_wire::get_name(director_name, director.get_connection_name());
+    tev_ash_wire::put_name(director_name, director.get_connection_name());
     const struct {
         bool to_director;
         long func;

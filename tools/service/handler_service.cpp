@@ -40,7 +40,7 @@ void reply_result(const gen_ipc_msghdr& hdr, unsigned int rc) {
 
 // A 16-byte name field as a terminated string.
 void terminated_name(char (&dst)[TEV_ASH_CONNECTION_NAME_LEN + 1], const char* field) {
-    tev_ash_wire::get_name(dst, field);
+    tev_ash_wire::put_name(dst, field);
     dst[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
 }
 
@@ -253,7 +253,7 @@ void handler_service::get_director_observer(const char* req, unsigned int len,
             it->second->get_director_observer(app_type, obj_id, director.connection_name);
             director.connection_name[TEV_ASH_CONNECTION_NAME_LEN - 1] = '\0';
             rpl.obj_id = tev_ash_wire::object_id_to_wire(obj_id);
-            tev_ash_wire::get_name(rpl.connection_name, director.connection_name);
+            tev_ash_wire::put_name(rpl.connection_name, director.connection_name);
         }
     }
     reply_ctrl(hdr, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, rpl);

@@ -18,7 +18,7 @@ using store = wud_wud_service_info;
 constexpr unsigned char RECORD_FLAG = 0;
 
 char* own_name(char (&dst)[TEV_ASH_CONNECTION_NAME_LEN + 1], const char* field) {
-    tev_ash_wire::get_name(dst, field);
+    tev_ash_wire::put_name(dst, field);
     dst[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
     return dst;
 }
