@@ -1,6 +1,9 @@
-// In-process message service: served objects are registered under (connection
-// name, object id) and a send runs the object's dispatch in the sender's thread.
-// The reply travels through gen_ipc_reply into the sender's buffer.
+// Message service: served objects are registered under (connection name, object
+// id) and a send to an object of this process runs its dispatch in the sender's
+// thread; the reply travels through gen_ipc_reply into the sender's buffer. A
+// send to a connection name nothing in this process is registered under goes to
+// the process serving that name (ipc.cpp), which delivers it here through
+// deliver_served.
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -16,6 +19,7 @@
 #include "facade_template.h"
 #include "gen_ipc.h"
 #include "host/tev_host_testing.h"
+#include "message_internal.h"
 #include "observer_template.h"
 #include "vlq_mc_client.h"
 
@@ -71,6 +75,11 @@ message_state& state() {
 
 // Deliveries running in this thread, so that a dispatch may unregister its own object.
 thread_local std::vector<const registration*> t_deliveries;
+// The result of this thread's last send.
+thread_local int t_last_status = tevhost::MSG_OK;
+
+int send(long object_id, long func_id, char* req, unsigned int req_len, char* rpl,
+         unsigned int* rpl_len, const char* connection);
 
 int this_thread_deliveries(const registration* reg) {
     return static_cast<int>(std::count(t_deliveries.begin(), t_deliveries.end(), reg));
@@ -88,11 +97,29 @@ bool register_any(const char* connection, long object_id, velmora::facade_templa
         .second;
 }
 
-std::shared_ptr<registration> begin_delivery(const std::string& connection, long object_id) {
+// REQUIRES: the registry lock is held.
+bool name_registered(const message_state& s, const std::string& connection) {
+    auto it = s.registry.lower_bound(registry_key(connection, 0));
+    return it != s.registry.end() && it->first.first == connection;
+}
+
+// Where a send or check goes.
+enum class route { here, missing_here, other_process };
+
+// Finds the registration of (connection, object_id) and counts a delivery on it;
+// *where says whether the connection name belongs to this process.
+std::shared_ptr<registration> begin_delivery(const std::string& connection, long object_id,
+                                             route* where = nullptr) {
     message_state& s = state();
     std::lock_guard<std::mutex> lock(s.registry_mtx);
     auto it = s.registry.find(registry_key(connection, object_key(object_id)));
-    if (it == s.registry.end()) return nullptr;
+    if (it == s.registry.end()) {
+        if (where != nullptr) {
+            *where = name_registered(s, connection) ? route::missing_here : route::other_process;
+        }
+        return nullptr;
+    }
+    if (where != nullptr) *where = route::here;
     ++it->second->in_flight;
     return it->second;
 }
@@ -169,13 +196,27 @@ int vlq_mc_client::vlq_mc_check_facade(const char* connection, long object_id) {
         checker = s.checker;
     }
     if (checker) return checker(name, object_id);
-    std::lock_guard<std::mutex> lock(s.registry_mtx);
-    return s.registry.count(registry_key(name, object_key(object_id))) != 0 ? 1 : 0;
+    {
+        std::lock_guard<std::mutex> lock(s.registry_mtx);
+        if (s.registry.count(registry_key(name, object_key(object_id))) != 0) return 1;
+        if (name_registered(s, name)) return 0;
+    }
+    return tevhost::detail::remote_check(name, object_id);
 }
 
 int vlq_mc_client::vlq_mc_send_sync_message(long object_id, long func_id, char* req,
                                             unsigned int req_len, char* rpl, unsigned int* rpl_len,
                                             const char* connection) {
+    t_last_status = send(object_id, func_id, req, req_len, rpl, rpl_len, connection);
+    return t_last_status;
+}
+
+}  // namespace velmora
+
+namespace {
+
+int send(long object_id, long func_id, char* req, unsigned int req_len, char* rpl,
+         unsigned int* rpl_len, const char* connection) {
     if (rpl_len == nullptr || connection == nullptr) return tevhost::MSG_BAD_ARG;
     if ((rpl == nullptr && *rpl_len > 0) || (req == nullptr && req_len > 0)) {
         return tevhost::MSG_BAD_ARG;
@@ -206,7 +247,11 @@ int vlq_mc_client::vlq_mc_send_sync_message(long object_id, long func_id, char* 
         }
     }
 
-    std::shared_ptr<registration> reg = begin_delivery(name, object_id);
+    route where = route::here;
+    std::shared_ptr<registration> reg = begin_delivery(name, object_id, &where);
+    if (where == route::other_process) {
+        return tevhost::detail::remote_send(name, object_id, func_id, req, req_len, rpl, rpl_len);
+    }
     if (!reg) return tevhost::MSG_NO_OBJECT;
     std::vector<char> request(req, req + req_len);
     pending_call call{rpl, *rpl_len};
@@ -217,9 +262,53 @@ int vlq_mc_client::vlq_mc_send_sync_message(long object_id, long func_id, char* 
     return tevhost::MSG_OK;
 }
 
-}  // namespace velmora
+}  // namespace
 
 namespace tevhost {
+
+namespace detail {
+
+int deliver_served(const std::string& connection, long object_id, long func_id,
+                   const unsigned char* request, uint32_t request_size, uint32_t capacity,
+                   std::vector<unsigned char>* reply) {
+    reply->clear();
+    std::shared_ptr<registration> reg = begin_delivery(connection, object_id);
+    if (!reg) return MSG_NO_OBJECT;
+    std::vector<char> bytes(request, request + request_size);
+    std::vector<char> buffer(capacity);
+    pending_call call{buffer.data(), capacity};
+    bool replied = deliver(reg, func_id, bytes, call);
+    end_delivery(*reg);
+    if (!replied) return MSG_NO_REPLY;
+    reply->assign(buffer.begin(), buffer.begin() + call.written);
+    return MSG_OK;
+}
+
+int registered_here(const std::string& connection, long object_id) {
+    message_state& s = state();
+    std::lock_guard<std::mutex> lock(s.registry_mtx);
+    return s.registry.count(registry_key(connection, object_key(object_id))) != 0 ? 1 : 0;
+}
+
+}  // namespace detail
+
+int last_send_status() {
+    return t_last_status;
+}
+
+const char* send_status_text(int status) {
+    switch (status) {
+        case MSG_OK: return "delivered";
+        case MSG_NO_OBJECT: return "no such object";
+        case MSG_NO_REPLY: return "no reply from the object";
+        case MSG_BAD_ARG: return "bad argument";
+        case MSG_NOT_LISTENING: return "nothing listening";
+        case MSG_PEER_GONE: return "peer gone";
+        case MSG_TIMEOUT: return "timed out";
+        case MSG_BAD_FRAME: return "bad frame";
+        default: return "unknown result";
+    }
+}
 
 bool register_object(const char* connection, long object_id, velmora::facade_template* obj) {
     return register_any(connection, object_id, obj, nullptr);

@@ -1,0 +1,119 @@
+// Codec of the frames of the host message service between processes (the
+// layout is in ipc_frame.h).
+#include "ipc_frame.h"
+
+#include <cstring>
+
+#include "host/tev_host.h"
+#include "message_internal.h"
+
+namespace tevhost {
+namespace ipc {
+namespace {
+
+void put32(unsigned char* at, uint32_t value) {
+    at[0] = static_cast<unsigned char>(value);
+    at[1] = static_cast<unsigned char>(value >> 8);
+    at[2] = static_cast<unsigned char>(value >> 16);
+    at[3] = static_cast<unsigned char>(value >> 24);
+}
+
+uint32_t get32(const unsigned char* at) {
+    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 |
+           static_cast<uint32_t>(at[2]) << 16 | static_cast<uint32_t>(at[3]) << 24;
+}
+
+long signed32(uint32_t value) {
+    return static_cast<long>(static_cast<int32_t>(value));
+}
+
+// Checks shared by both directions.
+const char* check_frame(const unsigned char* frame, size_t size, size_t header, uint32_t magic) {
+    if (size < header) return "short frame";
+    if (size > MAX_FRAME) return "frame too long";
+    if (get32(frame) != magic) return "bad magic";
+    if (get32(frame + 4) != VERSION) return "other frame version";
+    return nullptr;
+}
+
+}  // namespace
+
+void encode_request_header(const request& r, unsigned char out[REQUEST_HEADER]) {
+    put32(out, REQUEST_MAGIC);
+    put32(out + 4, VERSION);
+    put32(out + 8, r.kind);
+    put32(out + 12, r.call);
+    put32(out + 16, static_cast<uint32_t>(static_cast<unsigned long>(r.object_id)));
+    put32(out + 20, static_cast<uint32_t>(static_cast<unsigned long>(r.func_id)));
+    put32(out + 24, r.reply_capacity);
+    put32(out + 28, r.payload_size);
+}
+
+void encode_reply(const reply& r, std::vector<unsigned char>* out) {
+    out->resize(REPLY_HEADER + r.size);
+    unsigned char* at = out->data();
+    put32(at, REPLY_MAGIC);
+    put32(at + 4, VERSION);
+    put32(at + 8, r.call);
+    put32(at + 12, r.status);
+    put32(at + 16, r.size);
+    if (r.size > 0) std::memcpy(at + REPLY_HEADER, r.bytes, r.size);
+}
+
+const char* decode_request(const unsigned char* frame, size_t size, request* out) {
+    if (const char* error = check_frame(frame, size, REQUEST_HEADER, REQUEST_MAGIC)) return error;
+    out->kind = get32(frame + 8);
+    out->call = get32(frame + 12);
+    out->object_id = signed32(get32(frame + 16));
+    out->func_id = signed32(get32(frame + 20));
+    out->reply_capacity = get32(frame + 24);
+    out->payload_size = get32(frame + 28);
+    out->payload = frame + REQUEST_HEADER;
+    if (out->kind != KIND_SEND && out->kind != KIND_CHECK) return "unknown request kind";
+    if (out->payload_size != size - REQUEST_HEADER) return "payload size disagrees with frame";
+    if (out->reply_capacity > MAX_REPLY_BYTES) return "reply capacity too large";
+    if (out->kind == KIND_CHECK && (out->payload_size != 0 || out->reply_capacity != 0)) {
+        return "check request with payload";
+    }
+    return nullptr;
+}
+
+const char* decode_reply(const unsigned char* frame, size_t size, uint32_t call, uint32_t capacity,
+                         reply* out) {
+    if (const char* error = check_frame(frame, size, REPLY_HEADER, REPLY_MAGIC)) return error;
+    out->call = get32(frame + 8);
+    out->status = get32(frame + 12);
+    out->size = get32(frame + 16);
+    out->bytes = frame + REPLY_HEADER;
+    if (out->call != call) return "reply to another call";
+    if (out->status != MSG_OK && out->status != MSG_NO_OBJECT && out->status != MSG_NO_REPLY) {
+        return "unknown reply status";
+    }
+    if (out->size != size - REPLY_HEADER) return "reply size disagrees with frame";
+    if (out->size > capacity) return "reply longer than asked for";
+    if (out->status != MSG_OK && out->size != 0) return "failed reply with bytes";
+    return nullptr;
+}
+
+const char* answer(const std::string& connection, const unsigned char* frame, size_t size,
+                   std::vector<unsigned char>* out) {
+    request r;
+    if (const char* error = decode_request(frame, size, &r)) return error;
+    reply a;
+    a.call = r.call;
+    std::vector<unsigned char> bytes;
+    if (r.kind == KIND_CHECK) {
+        a.status = detail::registered_here(connection, r.object_id) ? MSG_OK : MSG_NO_OBJECT;
+    } else {
+        a.status = static_cast<uint32_t>(detail::deliver_served(connection, r.object_id, r.func_id,
+                                                                r.payload, r.payload_size,
+                                                                r.reply_capacity, &bytes));
+    }
+    a.bytes = bytes.data();
+    a.size = static_cast<uint32_t>(bytes.size());
+    encode_reply(a, out);
+    return nullptr;
+}
+
+}  // namespace ipc
+}  // namespace tevhost

@@ -1,0 +1,34 @@
+// The seam between the in-process message service (message.cpp) and its
+// transport between processes (ipc.cpp). Internal to the host platform.
+// Every function here is safe to call from any thread.
+#ifndef TEV_HOST_MESSAGE_INTERNAL_H
+#define TEV_HOST_MESSAGE_INTERNAL_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tevhost {
+namespace detail {
+
+// message.cpp: delivers a request that arrived from another process to the
+// object registered here under (connection, object_id), as a local send would.
+// Returns MSG_OK with *reply holding at most `capacity` bytes, MSG_NO_OBJECT or
+// MSG_NO_REPLY (then *reply is empty).
+int deliver_served(const std::string& connection, long object_id, long func_id,
+                   const unsigned char* request, uint32_t request_size, uint32_t capacity,
+                   std::vector<unsigned char>* reply);
+// message.cpp: 1 when (connection, object_id) is registered in this process.
+int registered_here(const std::string& connection, long object_id);
+
+// ipc.cpp: sends to the process serving `connection`. Returns a MSG_* code; the
+// reply bytes are copied to `rpl` (and *rpl_len set) only on MSG_OK.
+int remote_send(const std::string& connection, long object_id, long func_id, const char* req,
+                unsigned int req_len, char* rpl, unsigned int* rpl_len);
+// ipc.cpp: 1 when the process serving `connection` has object_id registered.
+int remote_check(const std::string& connection, long object_id);
+
+}  // namespace detail
+}  // namespace tevhost
+
+#endif  // TEV_HOST_MESSAGE_INTERNAL_H
