@@ -3,10 +3,34 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
+
+#include "tev_ash_types.h"
 
 namespace tevash_cli {
 
 namespace {
+
+using namespace velmora;
+
+// The categories with a name of their own; the others are JOBSET_xx by bit number.
+// `name` is what create accepts (none for DETACHED, a member's category only).
+struct named_category {
+    const char* name;
+    const char* shown;
+    unsigned int category;
+};
+constexpr named_category NAMED[] = {{"AUTH", "AUTH", TEV_ASH_CAT_AUTH},
+                                    {"APLSVC_IMG", "APLSVC_IMG", TEV_ASH_CAT_APLSVC_IMG},
+                                    {"APLJOB", "APLJOB", TEV_ASH_CAT_APLJOB},
+                                    {"SUBJOB", "SUBJOB(0x400000)", TEV_ASH_CAT_SUBJOB},
+                                    {"", "DETACHED(0x8000)", TEV_ASH_CAT_DETACHED}};
+constexpr int JOBSET_FIRST_BIT = 3, JOBSET_LAST_BIT = 24;
+
+bool is_jobset_bit(long long bit) {
+    return bit >= JOBSET_FIRST_BIT && bit <= JOBSET_LAST_BIT &&
+           (1u << bit) != TEV_ASH_CAT_DETACHED && (1u << bit) != TEV_ASH_CAT_SUBJOB;
+}
 
 bool parse_ll(const std::string& text, long long* out) {
     if (text.empty() || text[0] == ' ') return false;
@@ -27,6 +51,12 @@ bool parse_u32(const std::string& text, unsigned int* out) {
     return true;
 }
 
+bool parse_arg(const std::string& text, unsigned int* out, const char* what) {
+    if (parse_u32(text, out)) return true;
+    std::cerr << "tevash: malformed " << what << " '" << text << "'\n";
+    return false;
+}
+
 bool parse_ranged(const std::string& text, long long lo, long long hi, long long* out) {
     long long value = 0;
     if (!parse_ll(text, &value) || value < lo || value > hi) return false;
@@ -35,34 +65,31 @@ bool parse_ranged(const std::string& text, long long lo, long long hi, long long
 }
 
 bool parse_category(const std::string& text, unsigned int* out) {
-    if (text == "AUTH") return *out = 0x2, true;
-    if (text == "APLSVC_IMG") return *out = 0x1, true;
-    if (text == "APLJOB") return *out = 0x4, true;
-    if (text == "SUBJOB") return *out = 0x400000, true;
+    for (const auto& n : NAMED) {
+        if (!text.empty() && text == n.name) return *out = n.category, true;
+    }
     if (text.rfind("JOBSET_", 0) == 0) {
         long long bit = 0;
-        if (!parse_ranged(text.substr(7), 3, 24, &bit) || bit == 15 || bit == 22) return false;
+        if (!parse_ranged(text.substr(7), JOBSET_FIRST_BIT, JOBSET_LAST_BIT, &bit) ||
+            !is_jobset_bit(bit))
+            return false;
         *out = 1u << bit;
         return true;
     }
     unsigned int value = 0;
-    if (!parse_u32(text, &value) || value == 0 || (value & (value - 1)) != 0 || value > 0x1000000)
+    if (!parse_u32(text, &value) || value == 0 || (value & (value - 1)) != 0 ||
+        value > TEV_ASH_CAT_JOBSET_24)
         return false;
     *out = value;
     return true;
 }
 
 std::string category_name(unsigned int category) {
-    switch (category) {
-        case 0x2: return "AUTH";
-        case 0x1: return "APLSVC_IMG";
-        case 0x4: return "APLJOB";
-        case 0x400000: return "SUBJOB(0x400000)";
-        case 0x8000: return "DETACHED(0x8000)";
-        default: break;
+    for (const auto& n : NAMED) {
+        if (category == n.category) return n.shown;
     }
-    for (int bit = 3; bit <= 24; ++bit) {
-        if (category == (1u << bit)) {
+    for (int bit = JOBSET_FIRST_BIT; bit <= JOBSET_LAST_BIT; ++bit) {
+        if (category == (1u << bit) && is_jobset_bit(bit)) {
             char buf[32];
             std::snprintf(buf, sizeof buf, "JOBSET_%02d", bit);
             return buf;

@@ -8,6 +8,8 @@ namespace tevash_cli {
 
 // Parses a 32-bit unsigned number (decimal or 0x-hex); false when malformed.
 bool parse_u32(const std::string& text, unsigned int* out);
+// parse_u32 of a command argument; when malformed, prints "malformed <what> '<text>'".
+bool parse_arg(const std::string& text, unsigned int* out, const char* what);
 // Parses a signed number in [lo, hi]; false when malformed or out of range.
 bool parse_ranged(const std::string& text, long long lo, long long hi, long long* out);
 // Parses a category by name (AUTH, APLJOB, JOBSET_03, ...) or number.

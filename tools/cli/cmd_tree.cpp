@@ -1,0 +1,64 @@
+// tree: draws handler trees (text or JSON).
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "tree_model.h"
+#include "util.h"
+
+namespace tevash_cli {
+
+namespace {
+
+struct tree_options {
+    std::string handler;
+    bool json = false;
+};
+
+std::vector<unsigned int> roots() {
+    std::vector<unsigned int> ids;
+    for (const auto& r : tevhost::store_records())
+        if (r.parent_id == 0) ids.push_back(r.handler_id);
+    return ids;
+}
+
+int run_tree(context& ctx, const tree_options& o) {
+    std::vector<unsigned int> tops;
+    if (!o.handler.empty()) {
+        unsigned int id = 0, category = 0;
+        if (!parse_u32(o.handler, &id))
+            return context::fail("malformed handler id '" + o.handler + "'");
+        unsigned int rc = context::facade()->tev_ash_get_category(id, &category);
+        if (rc != 0) return ctx.fail_code("tree", rc);
+        tops.push_back(id);
+    } else {
+        tops = roots();
+    }
+    if (o.json) std::cout << '[';
+    for (size_t i = 0; i < tops.size(); ++i) {
+        std::vector<tree_entry> entries;
+        walk_tree(tops[i], &entries);
+        if (o.json) {
+            if (i) std::cout << ',';
+            tree_json(entries, std::cout);
+        } else {
+            draw_tree(entries, std::cout);
+        }
+    }
+    if (o.json) std::cout << "]\n";
+    return 0;
+}
+
+}  // namespace
+
+void add_tree_commands(CLI::App& app, context& ctx) {
+    auto o = std::make_shared<tree_options>();
+    auto* tree = app.add_subcommand("tree", "Draw handler trees");
+    tree->add_option("handler", o->handler, "Root of the drawing (default: every tree)");
+    tree->add_flag("--json", o->json, "JSON output");
+    run_with_system(tree, ctx, [&ctx, o] { return run_tree(ctx, *o); });
+}
+
+}  // namespace tevash_cli

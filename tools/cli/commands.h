@@ -1,0 +1,18 @@
+// The subcommands of the command-line tool, one group per source file.
+#ifndef TEVASH_CLI_COMMANDS_H
+#define TEVASH_CLI_COMMANDS_H
+
+#include <CLI/CLI.hpp>
+
+#include "context.h"
+
+namespace tevash_cli {
+
+void add_demo_commands(CLI::App& app, context& ctx);     // demo
+void add_handler_commands(CLI::App& app, context& ctx);  // create link copy reset remove
+void add_member_commands(CLI::App& app, context& ctx);   // get set
+void add_tree_commands(CLI::App& app, context& ctx);     // tree
+
+}  // namespace tevash_cli
+
+#endif  // TEVASH_CLI_COMMANDS_H

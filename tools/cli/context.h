@@ -1,0 +1,64 @@
+// What every subcommand of the command-line tool shares: the global options,
+// the record store and the in-process handler service with its director, and
+// the exit code the subcommand's callback leaves behind.
+//
+// A subcommand file adds its subcommands with one add_*_commands function
+// (declared in commands.h) and gives each a body through run_with_system (store
+// opened, service and director up) or, when it needs another start-up, through
+// CLI::App::callback setting ctx.exit_code itself.
+#ifndef TEVASH_CLI_CONTEXT_H
+#define TEVASH_CLI_CONTEXT_H
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "host/tev_host_testing.h"
+#include "host_system.h"
+#include "tev_ash_facade.h"
+#include "tev_ash_types.h"
+
+namespace tevash_cli {
+
+// The component id the tool reads and writes members under.
+constexpr unsigned int APP_CMP_ID = 0x1000;
+
+struct context {
+    // Global options.
+    std::string store;  // empty: a fresh in-memory store
+    bool verbose = false;
+    int app_type = 1;
+
+    int exit_code = 0;
+    std::unique_ptr<tevash_tools::host_system> system;
+    // Trace lines of the running command, for its error messages.
+    std::unique_ptr<tevhost::trace_capture> capture;
+
+    velmora::TEV_ASH_APP_TYPE app() const {
+        return static_cast<velmora::TEV_ASH_APP_TYPE>(app_type);
+    }
+    static velmora::tev_ash_facade* facade() {
+        return velmora::tev_ash_facade::tev_ash_get_instance();
+    }
+
+    // Routes trace lines (standard error only with --verbose) and opens --store.
+    // 0 when done; otherwise the message is printed and the exit code returned.
+    int open_store();
+    // open_store, then the handler service and director of --app-type in this process.
+    int start_system();
+
+    // Prints "tevash: <message>" to standard error; returns the exit code 1.
+    static int fail(const std::string& message);
+    // fail with the result code and the trace lines captured so far.
+    int fail_code(const std::string& what, unsigned int rc) const;
+};
+
+// Gives `sub` the body `body`, run once the store is open and the system is up;
+// its return value becomes the exit code.
+void run_with_system(CLI::App* sub, context& ctx, std::function<int()> body);
+
+}  // namespace tevash_cli
+
+#endif  // TEVASH_CLI_CONTEXT_H
