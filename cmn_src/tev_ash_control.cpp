@@ -67,48 +67,36 @@ unsigned int tev_ash_control::create_info(TEV_ASH_CATEGORY category, unsigned in
         src == 0 ? store::wud_wud_service_info_make_current(OWN_CMP_ID, cat, MAKE_FLAG, handler_id)
                  : store::wud_wud_service_info_make_and_copy_current(OWN_CMP_ID, cat, MAKE_FLAG,
                                                                      src, handler_id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "create_info",
-                      "[Error]wud_rc:%#.8lx, category:%d, &handler_id:%p, src_handler_id:%#.8X",
-                      lx(wud_rc), static_cast<int>(cat), static_cast<void*>(handler_id), src);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(
+        "create_info", "[Error]wud_rc:%#.8lx, category:%d, &handler_id:%p, src_handler_id:%#.8X",
+        lx(wud_rc), static_cast<int>(cat), static_cast<void*>(handler_id), src);
 }
 
 unsigned int tev_ash_control::copy_info(unsigned int src_handler_id, unsigned int dst_handler_id) {
     const unsigned int src = src_handler_id;
     const unsigned int dst = dst_handler_id;
     const unsigned int wud_rc = store::wud_wud_service_info_copy_current(OWN_CMP_ID, src, dst);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy_info",
-                      "[Error]wud_rc:%#.8lx, src_handler_id:%#.8X, dst_handler_id:%#.8X",
-                      lx(wud_rc), src, dst);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(
+        "copy_info", "[Error]wud_rc:%#.8lx, src_handler_id:%#.8X, dst_handler_id:%#.8X", lx(wud_rc),
+        src, dst);
 }
 
 unsigned int tev_ash_control::reset_info(unsigned int handler_id) {
     const unsigned int id = handler_id;
     const unsigned int wud_rc = store::wud_wud_service_info_init_current(OWN_CMP_ID, id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "reset_info", "[Error]wud_rc:%#.8lx, handler_id:%#.8X",
-                      lx(wud_rc), id);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED("reset_info", "[Error]wud_rc:%#.8lx, handler_id:%#.8X",
+                                  lx(wud_rc), id);
 }
 
 unsigned int tev_ash_control::remove_info(unsigned int handler_id) {
     const unsigned int id = handler_id;
     const unsigned int wud_rc = store::wud_wud_service_info_delete_current(OWN_CMP_ID, id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "remove_info", "[Error]wud_rc:%#.8lx, handler_id:%#.8X",
-                      lx(wud_rc), id);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED("remove_info", "[Error]wud_rc:%#.8lx, handler_id:%#.8X",
+                                  lx(wud_rc), id);
 }
 
 // ---------------------------------------------------------------------------
@@ -123,39 +111,31 @@ unsigned int tev_ash_control::set_link(TEV_ASH_CATEGORY parent_category,
     const unsigned int cc = child_category;
     const unsigned int cid = child_handler_id;
     const unsigned int wud_rc = store::wud_wud_service_info_set_link(OWN_CMP_ID, pc, pid, cc, cid);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "set_link",
-                      "[Error]wud_rc:%.8lx, parent_category:%u, parent_handler_id:%#.8X, "
-                      "child_category:%u, child_handler_id:%#.8X",
-                      lx(wud_rc), pc, pid, cc, cid);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(
+        "set_link",
+        "[Error]wud_rc:%.8lx, parent_category:%u, parent_handler_id:%#.8X, "
+        "child_category:%u, child_handler_id:%#.8X",
+        lx(wud_rc), pc, pid, cc, cid);
 }
 
 unsigned int tev_ash_control::delete_link(TEV_ASH_CATEGORY category, unsigned int handler_id) {
     const unsigned int cat = category;
     const unsigned int id = handler_id;
     const unsigned int wud_rc = store::wud_wud_service_info_delete_link(OWN_CMP_ID, cat, id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "delete_link",
-                      "[Error]wud_rc:%#.8lx, category:%u, handler_id:%#.8X", lx(wud_rc), cat, id);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(
+        "delete_link", "[Error]wud_rc:%#.8lx, category:%u, handler_id:%#.8X", lx(wud_rc), cat, id);
 }
 
 unsigned int tev_ash_control::get_child_count(unsigned int parent_handler_id, unsigned int* count) {
     const unsigned int pid = parent_handler_id;
     const unsigned int wud_rc =
         store::wud_wud_service_info_get_child_link_num_direct(OWN_CMP_ID, pid, count);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_child_count",
-                      "[Error]wud_rc:%#.8lx, parent_handler_id:%#.8X, &count:%p", lx(wud_rc), pid,
-                      static_cast<void*>(count));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED("get_child_count",
+                                  "[Error]wud_rc:%#.8lx, parent_handler_id:%#.8X, &count:%p",
+                                  lx(wud_rc), pid, static_cast<void*>(count));
 }
 
 unsigned int tev_ash_control::get_child_count(unsigned int parent_handler_id, unsigned int* count,
@@ -164,23 +144,20 @@ unsigned int tev_ash_control::get_child_count(unsigned int parent_handler_id, un
     const unsigned int cc = child_category;
     TEV_ASH_CATEGORY parent_category = static_cast<TEV_ASH_CATEGORY>(0);
     if (get_category(pid, &parent_category) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_child_count",
-                      "[Error](get_category) rc:%#.8lx, parent_handler_id:%#.8X, &count:%p, "
-                      "child_category:%#.8X",
-                      lx(TEV_ASH_RC_FAILURE), pid, static_cast<void*>(count), cc);
-        return TEV_ASH_RC_FAILURE;
+        return TEV_ASH_CONTROL_FAILED(
+            "get_child_count",
+            "[Error](get_category) rc:%#.8lx, parent_handler_id:%#.8X, &count:%p, "
+            "child_category:%#.8X",
+            lx(TEV_ASH_RC_FAILURE), pid, static_cast<void*>(count), cc);
     }
     const unsigned int pc = parent_category;
     const unsigned int wud_rc =
         store::wud_wud_service_info_get_child_link_num(OWN_CMP_ID, pc, pid, cc, count);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_child_count",
-                      "[Error](wud_wud_service_info_get_child_link_num) wud_rc:%#.8lx, "
-                      "parent_handler_id:%#.8X, &count:%p, child_category:%#.8x",
-                      lx(wud_rc), pid, static_cast<void*>(count), cc);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED("get_child_count",
+                                  "[Error](wud_wud_service_info_get_child_link_num) wud_rc:%#.8lx, "
+                                  "parent_handler_id:%#.8X, &count:%p, child_category:%#.8x",
+                                  lx(wud_rc), pid, static_cast<void*>(count), cc);
 }
 
 unsigned int tev_ash_control::get_child_id_direct(unsigned int parent_handler_id,
@@ -190,13 +167,11 @@ unsigned int tev_ash_control::get_child_id_direct(unsigned int parent_handler_id
     const unsigned int ord = order;
     const unsigned int wud_rc =
         store::wud_wud_service_info_get_child_link_direct(OWN_CMP_ID, pid, ord, child_handler_id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_child_id_direct",
-                      "wud_rc:%#.8lX, parent_handler_id:%#.8X, order:%u, &child_handler_id:%p",
-                      lx(wud_rc), pid, ord, static_cast<void*>(child_handler_id));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(
+        "get_child_id_direct",
+        "wud_rc:%#.8lX, parent_handler_id:%#.8X, order:%u, &child_handler_id:%p", lx(wud_rc), pid,
+        ord, static_cast<void*>(child_handler_id));
 }
 
 unsigned int tev_ash_control::get_child_id(unsigned int parent_handler_id,
@@ -207,24 +182,22 @@ unsigned int tev_ash_control::get_child_id(unsigned int parent_handler_id,
     const unsigned int ord = order;
     TEV_ASH_CATEGORY parent_category = static_cast<TEV_ASH_CATEGORY>(0);
     if (get_category(pid, &parent_category) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_child_id",
-                      "[Error](get_category) rc:%#.8lX, parent_handler_id:%#.8X, "
-                      "child_category:%u, &child_handler_id:%p, order:%u",
-                      lx(TEV_ASH_RC_FAILURE), pid, cc, static_cast<void*>(child_handler_id), ord);
-        return TEV_ASH_RC_FAILURE;
+        return TEV_ASH_CONTROL_FAILED("get_child_id",
+                                      "[Error](get_category) rc:%#.8lX, parent_handler_id:%#.8X, "
+                                      "child_category:%u, &child_handler_id:%p, order:%u",
+                                      lx(TEV_ASH_RC_FAILURE), pid, cc,
+                                      static_cast<void*>(child_handler_id), ord);
     }
     const unsigned int pc = parent_category;
     const unsigned int wud_rc =
         store::wud_wud_service_info_get_child_link(OWN_CMP_ID, pc, pid, cc, ord, child_handler_id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_child_id",
-                      "[Error](wud_wud_service_info_get_child_link) wud_rc:%#.8lx, "
-                      "parent_handler_id:%#.8X, child_category:%u, &child_handler_id:%p, "
-                      "order:%u",
-                      lx(wud_rc), pid, cc, static_cast<void*>(child_handler_id), ord);
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(
+        "get_child_id",
+        "[Error](wud_wud_service_info_get_child_link) wud_rc:%#.8lx, "
+        "parent_handler_id:%#.8X, child_category:%u, &child_handler_id:%p, "
+        "order:%u",
+        lx(wud_rc), pid, cc, static_cast<void*>(child_handler_id), ord);
 }
 
 unsigned int tev_ash_control::get_parent_id(unsigned int child_handler_id,
@@ -232,23 +205,20 @@ unsigned int tev_ash_control::get_parent_id(unsigned int child_handler_id,
     const unsigned int cid = child_handler_id;
     TEV_ASH_CATEGORY child_category = static_cast<TEV_ASH_CATEGORY>(0);
     if (get_category(cid, &child_category) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_parent_id",
-                      "[Error](get_category) rc:%#.8lx, child_handler_id:%#.8X, "
-                      "&parent_handler_id:%p",
-                      lx(TEV_ASH_RC_FAILURE), cid, static_cast<void*>(parent_handler_id));
-        return TEV_ASH_RC_FAILURE;
+        return TEV_ASH_CONTROL_FAILED("get_parent_id",
+                                      "[Error](get_category) rc:%#.8lx, child_handler_id:%#.8X, "
+                                      "&parent_handler_id:%p",
+                                      lx(TEV_ASH_RC_FAILURE), cid,
+                                      static_cast<void*>(parent_handler_id));
     }
     const unsigned int cc = child_category;
     const unsigned int wud_rc =
         store::wud_wud_service_info_get_parent_link(OWN_CMP_ID, cc, cid, parent_handler_id);
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_parent_id",
-                      "[Error](wud_wud_service_info_get_parent_link) wud_rc:%#.8lx, "
-                      "child_handler_id:%#.8X, &parent_handler_id:%p",
-                      lx(wud_rc), cid, static_cast<void*>(parent_handler_id));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED("get_parent_id",
+                                  "[Error](wud_wud_service_info_get_parent_link) wud_rc:%#.8lx, "
+                                  "child_handler_id:%#.8X, &parent_handler_id:%p",
+                                  lx(wud_rc), cid, static_cast<void*>(parent_handler_id));
 }
 
 unsigned int tev_ash_control::get_category(unsigned int handler_id, TEV_ASH_CATEGORY* category) {
@@ -257,13 +227,10 @@ unsigned int tev_ash_control::get_category(unsigned int handler_id, TEV_ASH_CATE
     // writes the category straight into the caller's variable.
     const unsigned int wud_rc = store::wud_wud_service_info_get_job_category_by_id(
         OWN_CMP_ID, id, reinterpret_cast<unsigned int*>(category));
-    if (wud_rc != 0) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_category",
-                      "[Error] wud_rc:%#.8lx, handler_id:%#.8X, &category:%p", lx(wud_rc), id,
-                      static_cast<void*>(category));
-        return TEV_ASH_RC_FAILURE;
-    }
-    return TEV_ASH_RC_OK;
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED("get_category",
+                                  "[Error] wud_rc:%#.8lx, handler_id:%#.8X, &category:%p",
+                                  lx(wud_rc), id, static_cast<void*>(category));
 }
 
 // ---------------------------------------------------------------------------

@@ -43,17 +43,15 @@ unsigned int tev_ash_control::copy(unsigned int src_handler_id, unsigned int dst
     // 1. Categories of both sides.
     TEV_ASH_CATEGORY dst_category = static_cast<TEV_ASH_CATEGORY>(0);
     if (get_category(dst_handler_id, &dst_category) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_category) rc:%#.8lx, dst_handler_id:%#.8X, dst_category:%#.8X",
-                      lx(FAILED), dst_handler_id, static_cast<unsigned int>(dst_category));
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED(
+            "copy", "[Error](get_category) rc:%#.8lx, dst_handler_id:%#.8X, dst_category:%#.8X",
+            lx(FAILED), dst_handler_id, static_cast<unsigned int>(dst_category));
     }
     TEV_ASH_CATEGORY src_category = static_cast<TEV_ASH_CATEGORY>(0);
     if (get_category(src_handler_id, &src_category) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_category) rc:%#.8lx, src_handler_id:%#.8X, src_category:%#.8X",
-                      lx(FAILED), src_handler_id, static_cast<unsigned int>(src_category));
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED(
+            "copy", "[Error](get_category) rc:%#.8lx, src_handler_id:%#.8X, src_category:%#.8X",
+            lx(FAILED), src_handler_id, static_cast<unsigned int>(src_category));
     }
 
     // 2. Work handlers: the job handlers themselves, or the first direct
@@ -67,16 +65,14 @@ unsigned int tev_ash_control::copy(unsigned int src_handler_id, unsigned int dst
         work_category = TEV_ASH_CAT_APLJOB;
     } else if (src_category == TEV_ASH_CAT_APLSVC_IMG && dst_category == TEV_ASH_CAT_APLSVC_IMG) {
         if (get_child_id_direct(src_handler_id, 0, &src_work_handler_id) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](get_child_id_direct) rc:%#.8lx, src_handler_id:%#.8X",
-                          lx(FAILED), src_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy", "[Error](get_child_id_direct) rc:%#.8lx, src_handler_id:%#.8X", lx(FAILED),
+                src_handler_id);
         }
         if (get_child_id_direct(dst_handler_id, 0, &dst_work_handler_id) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](get_child_id_direct) rc:%#.8lx, dst_handler_id:%#.8X",
-                          lx(FAILED), dst_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy", "[Error](get_child_id_direct) rc:%#.8lx, dst_handler_id:%#.8X", lx(FAILED),
+                dst_handler_id);
         }
     } else {
         TEV_ASH_TRACE(FILE_CONTROL, "copy",
@@ -100,108 +96,101 @@ unsigned int tev_ash_control::copy(unsigned int src_handler_id, unsigned int dst
 
     // 3. The work handler's own record.
     if (copy_info(src_work_handler_id, dst_work_handler_id) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](copy_info) rc:%#.8lx, src_work_handler_id:%#.8X, "
-                      "dst_work_handler_id:%#.8X",
-                      lx(FAILED), src_work_handler_id, dst_work_handler_id);
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED("copy",
+                                      "[Error](copy_info) rc:%#.8lx, src_work_handler_id:%#.8X, "
+                                      "dst_work_handler_id:%#.8X",
+                                      lx(FAILED), src_work_handler_id, dst_work_handler_id);
     }
 
     // 4. The parents' records.
     unsigned int dst_parent_handler_id = 0;
     if (get_parent_id(dst_work_handler_id, &dst_parent_handler_id) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_parent_id) rc:%#.8lx, dst_work_handler_id:%#.8X, "
-                      "dst_parent_handler_id:%#.8X",
-                      lx(FAILED), dst_work_handler_id, dst_parent_handler_id);
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED(
+            "copy",
+            "[Error](get_parent_id) rc:%#.8lx, dst_work_handler_id:%#.8X, "
+            "dst_parent_handler_id:%#.8X",
+            lx(FAILED), dst_work_handler_id, dst_parent_handler_id);
     }
     unsigned int src_parent_handler_id = 0;
     if (get_parent_id(src_work_handler_id, &src_parent_handler_id) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_parent_id) rc:%#.8lx, src_work_handler_id:%#.8X, "
-                      "src_parent_handler_id:%#.8X",
-                      lx(FAILED), src_work_handler_id, src_parent_handler_id);
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED(
+            "copy",
+            "[Error](get_parent_id) rc:%#.8lx, src_work_handler_id:%#.8X, "
+            "src_parent_handler_id:%#.8X",
+            lx(FAILED), src_work_handler_id, src_parent_handler_id);
     }
     if (copy_info(src_parent_handler_id, dst_parent_handler_id) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](copy_info) rc:%#.8lx, src_parent_handler_id:%#.8X, "
-                      "dst_parent_handler_id:%#.8X",
-                      lx(FAILED), src_parent_handler_id, dst_parent_handler_id);
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED("copy",
+                                      "[Error](copy_info) rc:%#.8lx, src_parent_handler_id:%#.8X, "
+                                      "dst_parent_handler_id:%#.8X",
+                                      lx(FAILED), src_parent_handler_id, dst_parent_handler_id);
     }
 
     // 5. Clear the destination: a deleted record leaves its parent's list, so
     // position 0 always holds the next child.
     unsigned int dst_child_link_count = 0;
     if (get_child_count(dst_work_handler_id, &dst_child_link_count) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_child_count) rc:%#.8lx, dst_work_handler_id:%#.8X, "
-                      "dst_child_link_count:%#.8X",
-                      lx(FAILED), dst_work_handler_id, dst_child_link_count);
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED(
+            "copy",
+            "[Error](get_child_count) rc:%#.8lx, dst_work_handler_id:%#.8X, "
+            "dst_child_link_count:%#.8X",
+            lx(FAILED), dst_work_handler_id, dst_child_link_count);
     }
     for (unsigned int i = 0; i < dst_child_link_count; ++i) {
         unsigned int dst_child_handler_id = 0;
         if (get_child_id_direct(dst_work_handler_id, 0, &dst_child_handler_id) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](get_child_id_direct) rc:%#.8lx, dst_work_handler_id:%#.8X",
-                          lx(FAILED), dst_work_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy", "[Error](get_child_id_direct) rc:%#.8lx, dst_work_handler_id:%#.8X",
+                lx(FAILED), dst_work_handler_id);
         }
         if (remove_info(dst_child_handler_id) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](remove_info) rc:%#.8lx, dst_child_handler_id:%#.8X", lx(FAILED),
-                          dst_child_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy", "[Error](remove_info) rc:%#.8lx, dst_child_handler_id:%#.8X", lx(FAILED),
+                dst_child_handler_id);
         }
     }
 
     // 6. Re-create the source's direct children under the destination.
     unsigned int src_child_link_count = 0;
     if (get_child_count(src_work_handler_id, &src_child_link_count) != TEV_ASH_RC_OK) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_child_count) rc:%#.8lx, src_work_handler_id:%#.8X, "
-                      "src_child_link_count:%#.8X",
-                      lx(FAILED), src_work_handler_id, src_child_link_count);
-        return FAILED;
+        return TEV_ASH_CONTROL_FAILED(
+            "copy",
+            "[Error](get_child_count) rc:%#.8lx, src_work_handler_id:%#.8X, "
+            "src_child_link_count:%#.8X",
+            lx(FAILED), src_work_handler_id, src_child_link_count);
     }
     for (unsigned int i = 0; i < src_child_link_count; ++i) {
         unsigned int src_child_handler_id = 0;
         if (get_child_id_direct(src_work_handler_id, i, &src_child_handler_id) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](get_child_id_direct) rc:%#.8lx, src_work_handler_id:%#.8X",
-                          lx(FAILED), src_work_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy", "[Error](get_child_id_direct) rc:%#.8lx, src_work_handler_id:%#.8X",
+                lx(FAILED), src_work_handler_id);
         }
         TEV_ASH_CATEGORY src_child_category = static_cast<TEV_ASH_CATEGORY>(0);
         if (get_category(src_child_handler_id, &src_child_category) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](get_category) rc:%#.8lx, src_child_handler_id:%#.8X, "
-                          "src_child_category:%#.8X",
-                          lx(FAILED), src_child_handler_id,
-                          static_cast<unsigned int>(src_child_category));
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy",
+                "[Error](get_category) rc:%#.8lx, src_child_handler_id:%#.8X, "
+                "src_child_category:%#.8X",
+                lx(FAILED), src_child_handler_id, static_cast<unsigned int>(src_child_category));
         }
         unsigned int dst_copy_child_handler_id = 0;
         if (create_info(src_child_category, &dst_copy_child_handler_id, src_child_handler_id) !=
             TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](create_info) rc:%#.8lx, src_child_category:%#.8X, "
-                          "src_child_handler_id:%#.8X",
-                          lx(FAILED), static_cast<unsigned int>(src_child_category),
-                          src_child_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy",
+                "[Error](create_info) rc:%#.8lx, src_child_category:%#.8X, "
+                "src_child_handler_id:%#.8X",
+                lx(FAILED), static_cast<unsigned int>(src_child_category), src_child_handler_id);
         }
         if (set_link(TEV_ASH_CAT_APLJOB, dst_work_handler_id, src_child_category,
                      dst_copy_child_handler_id) != TEV_ASH_RC_OK) {
-            TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                          "[Error](set_link) rc:%#.8lx, dst_work_handler_id:%#.8X, "
-                          "src_child_category:%#.8X, dst_copy_child_handler_id:%#.8X",
-                          lx(FAILED), dst_work_handler_id,
-                          static_cast<unsigned int>(src_child_category), dst_copy_child_handler_id);
-            return FAILED;
+            return TEV_ASH_CONTROL_FAILED(
+                "copy",
+                "[Error](set_link) rc:%#.8lx, dst_work_handler_id:%#.8X, "
+                "src_child_category:%#.8X, dst_copy_child_handler_id:%#.8X",
+                lx(FAILED), dst_work_handler_id, static_cast<unsigned int>(src_child_category),
+                dst_copy_child_handler_id);
         }
     }
     return TEV_ASH_RC_OK;

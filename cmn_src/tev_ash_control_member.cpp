@@ -60,38 +60,102 @@ unsigned int read_current(unsigned int cmp_id, unsigned int target_handler_id,
     }
 }
 
-// The reads differ only in the value type and, for the read without a component
-// id, in the spelling of its resolution line.
-enum class read_wording { serch, search };
+// The two wordings of a read's resolution line (rc, handler_id, member_id,
+// order, target_handler_id, &ret_p); every read words its store line alike.
+constexpr const char* READ_UNRESOLVED_SERCH =
+    "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, member_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, &ret_p:%p";
+constexpr const char* READ_UNRESOLVED_SEARCH =
+    "[Error](search_target_handler_id) rc:%#.8lX, handler_id:%#.8X, member_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, &ret_p:%p";
 
 template <typename T>
-unsigned int read_member(tev_ash_control& control, read_wording wording, unsigned int cmp_id,
-                         unsigned int handler_id, unsigned int member_id, T* ret_p,
-                         unsigned int order) {
+unsigned int read_member(tev_ash_control& control, const char* unresolved_wording,
+                         unsigned int cmp_id, unsigned int handler_id, unsigned int member_id,
+                         T* ret_p, unsigned int order) {
+    void* const shown = ret_p;
     return access_member(
         control, handler_id, member_id, order,
         [&](unsigned int target) { return read_current(cmp_id, target, member_id, ret_p); },
         [&](unsigned int rc, unsigned int target) {
-            if (wording == read_wording::serch) {
-                TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                              "[Error](serch_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                              "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                              lx(rc), handler_id, member_id, order, target,
-                              static_cast<void*>(ret_p));
-            } else {
-                TEV_ASH_TRACE(FILE_CONTROL, "get_member",
-                              "[Error](search_target_handler_id) rc:%#.8lX, handler_id:%#.8X, "
-                              "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &ret_p:%p",
-                              lx(rc), handler_id, member_id, order, target,
-                              static_cast<void*>(ret_p));
-            }
+            TEV_ASH_TRACE(FILE_CONTROL, "get_member", unresolved_wording, lx(rc), handler_id,
+                          member_id, order, target, shown);
         },
         [&](unsigned int target) {
             TEV_ASH_TRACE(FILE_CONTROL, "get_member",
                           "[Error](set_current) rc:%#.8lX, handler_id:%#.8X, "
                           "target_handler_id:%#.8X, member_id:%#.8X, &ret_p:%p",
-                          lx(TEV_ASH_RC_FAILURE), handler_id, target, member_id,
-                          static_cast<void*>(ret_p));
+                          lx(TEV_ASH_RC_FAILURE), handler_id, target, member_id, shown);
+        });
+}
+
+// The two failure lines of one write overload, worded as that overload words
+// them. `Shown` is the type the value is printed as (the last field of both):
+//   unresolved: rc, cmp_id, handler_id, member_id, order, target_handler_id, value
+//   failed:     rc, cmp_id, handler_id, order, target_handler_id, member_id, value
+template <typename Shown>
+struct write_wording {
+    const char* unresolved;
+    const char* failed;
+};
+
+// Byte strings from a pointer, shown as the pointer.
+constexpr write_wording<void*> WRITE_SIZED_BYTES = {
+    "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, member_id:%#.8X, "
+    "order:%u, target_handler_id:%#.8X, val_p:%p",
+    "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, member_id:%#.8X, val_p:%p"};
+constexpr write_wording<void*> WRITE_BYTES = {
+    "[Error](search_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
+    "member_id:%#.8X, order:%u, target_handler_id:%#.8X, &val_p:%p",
+    "[Error](set_current) rc:%#.8lx, cmp_id:%u, handler_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, member_id:%#.8X, &val_p:%p"};
+// 32-bit values, shown as their 32 bits.
+constexpr write_wording<unsigned long> WRITE_LONG = {
+    "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, member_id:%#.8X, "
+    "order:%u, target_handler_id:%#.8X, val:%#.8lX",
+    "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX"};
+// 16- and 8-bit values, shown as their zero-extended bit pattern.
+constexpr write_wording<unsigned int> WRITE_UNSIGNED_SHORT = {
+    "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, member_id:%#.8X, "
+    "order:%u, target_handler_id:%#.8X, val:%#.4X",
+    "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X"};
+constexpr write_wording<unsigned int> WRITE_SHORT = {
+    "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, member_id:%#.8X, "
+    "order:%u, target_handler_id:%#.8X, val:%#.4X",
+    "(set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, target_handler_id:%#.8X, "
+    "member_id:%#.8X, val:%#.4X"};
+constexpr write_wording<unsigned int> WRITE_UNSIGNED_CHAR = {
+    "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, member_id:%#.8X, "
+    "order:%u, target_handler_id:%#.8X, val:%#.2X",
+    "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X"};
+constexpr write_wording<unsigned int> WRITE_CHAR = {
+    "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, member_id:%#.8X, "
+    "order:%u, target_handler_id:%#.8X, val:%#.2X",
+    "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
+    "target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X"};
+
+// Every write: `value` goes to the store overload of its type, `shown` into the
+// overload's failure lines.
+template <typename Value, typename Shown>
+unsigned int write_member(tev_ash_control& control, const write_wording<Shown>& wording,
+                          unsigned int cmp_id, unsigned int handler_id, unsigned int member_id,
+                          Value value, Shown shown, unsigned int order) {
+    return access_member(
+        control, handler_id, member_id, order,
+        [&](unsigned int target) {
+            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, value);
+        },
+        [&](unsigned int rc, unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member", wording.unresolved, lx(rc), cmp_id,
+                          handler_id, member_id, order, target, shown);
+        },
+        [&](unsigned int target) {
+            TEV_ASH_TRACE(FILE_CONTROL, "set_member", wording.failed, lx(TEV_ASH_RC_FAILURE),
+                          cmp_id, handler_id, order, target, member_id, shown);
         });
 }
 
@@ -102,246 +166,102 @@ unsigned int read_member(tev_ash_control& control, read_wording wording, unsigne
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned int /*size*/, char* ret_p,
                                          unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned long* ret_p,
                                          unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, long* ret_p, unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned short* ret_p,
                                          unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, short* ret_p, unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned char* ret_p,
                                          unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, char* ret_p, unsigned int order) {
-    return read_member(*this, read_wording::serch, cmp_id, handler_id, member_id, ret_p, order);
+    return read_member(*this, READ_UNRESOLVED_SERCH, cmp_id, handler_id, member_id, ret_p, order);
 }
 
 unsigned int tev_ash_control::get_member(unsigned int handler_id, unsigned int member_id,
                                          char* ret_p, unsigned int order) {
-    return read_member(*this, read_wording::search, TEV_ASH_CMP_ID, handler_id, member_id, ret_p,
+    return read_member(*this, READ_UNRESOLVED_SEARCH, TEV_ASH_CMP_ID, handler_id, member_id, ret_p,
                        order);
 }
 
-// ---- Writes. Each keeps its own wording: the misspelt "serch", the lines
-// without "[Error]", the width the value is shown with (16- and 8-bit values as
-// their zero-extended bit pattern). long / unsigned long are written as their
-// 32-bit value.
+// ---- Writes. long / unsigned long are written as their 32-bit value.
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned int /*size*/, char* val_p,
                                          unsigned int order) {
-    void* const shown = val_p;
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, shown);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
-                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, val_p:%p",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val_p:%p",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    void* const bytes = val_p;
+    return write_member(*this, WRITE_SIZED_BYTES, cmp_id, handler_id, member_id, bytes, bytes,
+                        order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned long val,
                                          unsigned int order) {
-    const unsigned long shown = static_cast<std::uint32_t>(val);
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, shown);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
-                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, val:%#.8lX",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    const unsigned long value = static_cast<std::uint32_t>(val);
+    return write_member(*this, WRITE_LONG, cmp_id, handler_id, member_id, value, value, order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, long val, unsigned int order) {
     const long value = static_cast<std::int32_t>(val);
     const unsigned long shown = static_cast<std::uint32_t>(val);
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, value);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
-                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, val:%#.8lX",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.8lX",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    return write_member(*this, WRITE_LONG, cmp_id, handler_id, member_id, value, shown, order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned short val,
                                          unsigned int order) {
-    const unsigned int shown = val;
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
-                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, val:%#.4X",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    return write_member(*this, WRITE_UNSIGNED_SHORT, cmp_id, handler_id, member_id, val,
+                        static_cast<unsigned int>(val), order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, short val, unsigned int order) {
-    const unsigned int shown = static_cast<unsigned short>(val);
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.4X",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "(set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, member_id:%#.8X, val:%#.4X",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    return write_member(*this, WRITE_SHORT, cmp_id, handler_id, member_id, val,
+                        static_cast<unsigned int>(static_cast<unsigned short>(val)), order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, unsigned char val,
                                          unsigned int order) {
-    const unsigned int shown = val;
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "(serch_target_handler_id) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "member_id:%#.8X, order:%u, target_handler_id:%#.8X, val:%#.2X",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    return write_member(*this, WRITE_UNSIGNED_CHAR, cmp_id, handler_id, member_id, val,
+                        static_cast<unsigned int>(val), order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, char val, unsigned int order) {
-    const unsigned int shown = static_cast<unsigned char>(val);
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, val);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](serch_target_handler_id) rc:%#.8lX, cmp_id:%u, "
-                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, val:%#.2X",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lX, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, val:%#.2X",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    return write_member(*this, WRITE_CHAR, cmp_id, handler_id, member_id, val,
+                        static_cast<unsigned int>(static_cast<unsigned char>(val)), order);
 }
 
 unsigned int tev_ash_control::set_member(unsigned int cmp_id, unsigned int handler_id,
                                          unsigned int member_id, char* val_p, unsigned int order) {
-    void* const shown = val_p;
-    return access_member(
-        *this, handler_id, member_id, order,
-        [&](unsigned int target) {
-            return store::wud_wud_service_info_set_current(cmp_id, target, member_id, shown);
-        },
-        [&](unsigned int rc, unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](search_target_handler_id) rc:%#.8lX, cmp_id:%u, "
-                          "handler_id:%#.8X, member_id:%#.8X, order:%u, "
-                          "target_handler_id:%#.8X, &val_p:%p",
-                          lx(rc), cmp_id, handler_id, member_id, order, target, shown);
-        },
-        [&](unsigned int target) {
-            TEV_ASH_TRACE(FILE_CONTROL, "set_member",
-                          "[Error](set_current) rc:%#.8lx, cmp_id:%u, handler_id:%#.8X, "
-                          "order:%u, target_handler_id:%#.8X, member_id:%#.8X, &val_p:%p",
-                          lx(TEV_ASH_RC_FAILURE), cmp_id, handler_id, order, target, member_id,
-                          shown);
-        });
+    void* const bytes = val_p;
+    return write_member(*this, WRITE_BYTES, cmp_id, handler_id, member_id, bytes, bytes, order);
 }
 
 }  // namespace velmora

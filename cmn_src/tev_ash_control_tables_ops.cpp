@@ -9,22 +9,19 @@
 
 namespace velmora {
 
-namespace {
-using tev_ash_trace::FILE_CONTROL;
-}  // namespace
+namespace member_index = tev_ash_member_index;
 
 unsigned int tev_ash_control::get_member_category(unsigned int member_id,
                                                   TEV_ASH_CATEGORY* category) {
     // Only the runs of the id's block can hold it: the slot of the block names
     // its first run (or, for an id of no member, possibly another block's).
-    namespace index = tev_ash_member_index;
     const tev_ash_member_row* row = nullptr;
-    const std::uint32_t block = member_id >> index::BLOCK_SHIFT;
-    const unsigned char first = index::s_slots[index::slot_of(block)];
-    if (first != index::NO_RUN) {
-        const index::run* const end = std::end(index::s_runs);
-        for (const index::run* run = index::s_runs + first;
-             run != end && (run->first_id >> index::BLOCK_SHIFT) == block; ++run) {
+    const std::uint32_t block = member_id >> member_index::BLOCK_SHIFT;
+    const unsigned char first = member_index::s_slots[member_index::slot_of(block)];
+    if (first != member_index::NO_RUN) {
+        const member_index::run* const end = std::end(member_index::s_runs);
+        for (const member_index::run* run = member_index::s_runs + first;
+             run != end && (run->first_id >> member_index::BLOCK_SHIFT) == block; ++run) {
             if (member_id >= run->first_id && member_id <= run->last_id) {
                 row = &s_member_table[run->row + (member_id - run->first_id)];
                 break;
@@ -32,11 +29,10 @@ unsigned int tev_ash_control::get_member_category(unsigned int member_id,
         }
     }
     if (row == nullptr) {
-        TEV_ASH_TRACE(FILE_CONTROL, "get_member_category",
-                      "[Error](Member Not Found) rc:%#.8lx, member_id:%#.8X, &category:%p",
-                      static_cast<unsigned long>(TEV_ASH_RC_FAILURE), member_id,
-                      static_cast<void*>(category));
-        return TEV_ASH_RC_FAILURE;
+        return TEV_ASH_CONTROL_FAILED(
+            "get_member_category",
+            "[Error](Member Not Found) rc:%#.8lx, member_id:%#.8X, &category:%p",
+            tev_ash_trace::lx(TEV_ASH_RC_FAILURE), member_id, static_cast<void*>(category));
     }
     *category = static_cast<TEV_ASH_CATEGORY>(row->category);
     return TEV_ASH_RC_OK;
@@ -49,11 +45,10 @@ unsigned int tev_ash_control::get_category_level(TEV_ASH_CATEGORY category, unsi
             return TEV_ASH_RC_OK;
         }
     }
-    TEV_ASH_TRACE(FILE_CONTROL, "get_category_level",
-                  "[Error](Category Not Found) rc:%#.8lx, category:%u, &level:%p",
-                  static_cast<unsigned long>(TEV_ASH_RC_FAILURE),
-                  static_cast<unsigned int>(category), static_cast<void*>(level));
-    return TEV_ASH_RC_FAILURE;
+    return TEV_ASH_CONTROL_FAILED("get_category_level",
+                                  "[Error](Category Not Found) rc:%#.8lx, category:%u, &level:%p",
+                                  tev_ash_trace::lx(TEV_ASH_RC_FAILURE),
+                                  static_cast<unsigned int>(category), static_cast<void*>(level));
 }
 
 namespace {

@@ -20,6 +20,11 @@ constexpr const char* FILE_DIRECTOR_MANAGER = "tev_ash_director_manager";
 void write(const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
+// Writes one trace line, as write does, and returns `code`: the failure exit of
+// an operation, `return fail(...)`.
+unsigned int fail(unsigned int code, const char* file, int line, const char* function,
+                  const char* format, ...) __attribute__((format(printf, 5, 6)));
+
 // A 32-bit code as the "%lx" / "%lX" fields of trace messages take it.
 inline unsigned long lx(unsigned int code) {
     return static_cast<unsigned long>(code);
@@ -34,6 +39,12 @@ void notify(unsigned int code, const char* file, const char* function, int line)
 // Trace from the current source line.
 #define TEV_ASH_TRACE(file, function, ...) \
     ::velmora::tev_ash_trace::write((file), __LINE__, (function), __VA_ARGS__)
+// The control layer's failure exit (a store call or a step that failed): one
+// trace line in tev_ash_control from the current source line, then 0xC1030001.
+#define TEV_ASH_CONTROL_FAILED(function, ...)                                                    \
+    ::velmora::tev_ash_trace::fail(::velmora::TEV_ASH_RC_FAILURE,                                \
+                                   ::velmora::tev_ash_trace::FILE_CONTROL, __LINE__, (function), \
+                                   __VA_ARGS__)
 #define TEV_ASH_NOTIFY(code, file, function) \
     ::velmora::tev_ash_trace::notify((code), (file), (function), __LINE__)
 
