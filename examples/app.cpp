@@ -31,6 +31,11 @@ int main(int argc, char** argv) {
     long value = 0;
     unsigned int rc =
         ash->tev_ash_create(TEV_ASH_CAT_APLJOB, app_type, TEV_ASH_SERVICE_TYPE_NONE, &job, 0);
+    if (rc == 0 && job == 0) {  // no handler service answered: the host tells why
+        std::fprintf(stderr, "create: %s\n",
+                     tevhost::send_status_text(tevhost::last_send_status()));
+        return 1;
+    }
     if (rc == 0) rc = ash->tev_ash_set_member(my_cmp_id, job, 0x00360000, 42L, 0);
     if (rc == 0) rc = ash->tev_ash_get_member(my_cmp_id, job, 0x00360000, &value, 0);
     if (rc != 0) {
