@@ -35,6 +35,38 @@ demo_ok() {  # demo_ok <tevash binary>
     echo "   $1 demo: $(grep -c . <<<"$out") lines, finished"
 }
 
+step "the README's library example is examples/"
+# The indented text that follows a line ending in "`examples/<file>`:" or
+# "(`examples/<file>`):" starts with that file, without its leading comment lines.
+python3 - <<'PY' || fail "README.md and examples/ differ"
+import re, sys
+text = open("README.md").read().split("\n")
+ok, seen = True, 0
+for i, line in enumerate(text):
+    m = re.search(r"`(examples/[^`]+)`\)?:$", line)
+    if not m:
+        continue
+    j = i + 1
+    while j < len(text) and not text[j].strip():
+        j += 1
+    block = []
+    while j < len(text) and (text[j].startswith("    ") or not text[j].strip()):
+        block.append(text[j][4:])
+        j += 1
+    while block and not block[-1].strip():
+        block.pop()
+    lines = open(m.group(1)).read().rstrip("\n").split("\n")
+    comment = "//" if m.group(1).endswith(".cpp") else "#"
+    while lines and lines[0].startswith(comment):
+        lines.pop(0)
+    seen += 1
+    if block[: len(lines)] != lines or (len(block) > len(lines) and block[len(lines)].strip()):
+        print("README block for %s differs from the file" % m.group(1), file=sys.stderr)
+        ok = False
+print("   %d README blocks match their files" % seen)
+sys.exit(0 if ok and seen >= 2 else 1)
+PY
+
 step "install into a temporary prefix, then move it"
 cmake --install "$build" --prefix "$tmp/stage" >/dev/null
 mv "$tmp/stage" "$tmp/prefix"
