@@ -30,7 +30,7 @@ TEST(EmbeddedService, ServesOneAtATimeAndStartsAgain) {
         {
             tevhost::trace_capture capture;
             tevhost::embedded_service second(APP);
-            EXPECT_EQ(TEV_ASH_RC_OBSERVER_EXISTS, second.status());
+            EXPECT_NE(0u, second.status());
             EXPECT_STREQ("a handler service already runs in this process", second.status_text());
             ASSERT_EQ(1u, capture.lines().size());
             EXPECT_NE(std::string::npos, capture.lines()[0].text.find("already runs"));

@@ -38,9 +38,9 @@ public:
 
     // 0 when the service runs and the director is registered for the
     // application type. Otherwise the code of the step that failed (a trace
-    // line says which), and the library's calls get no handler service from it:
-    // 0xC1030005 when a handler service already runs in this process, or the
-    // handler service's answer to the director's registration.
+    // line and status_text() say which: a handler service already runs in this
+    // process, or the handler service refused the director's registration), and
+    // the library's calls get no handler service from this object.
     unsigned int status() const;
     // The status in words: "running", or what failed.
     const char* status_text() const;
