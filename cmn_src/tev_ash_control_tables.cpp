@@ -12,7 +12,7 @@
 namespace velmora {
 
 // clang-format off
-const tev_ash_member_row tev_ash_control::s_member_table[910] = {
+const tev_ash_member_row tev_ash_control::s_member_table[tev_ash_member_index::MEMBER_ROWS] = {
     // TEV_ASH_CAT_APLSVC_IMG (0x1): 11 members
     {0x00118000, TEV_ASH_CAT_APLSVC_IMG},
     {0x00142000, TEV_ASH_CAT_APLSVC_IMG},
@@ -950,8 +950,7 @@ const tev_ash_member_row tev_ash_control::s_member_table[910] = {
     {0x01982002, TEV_ASH_CAT_JOBSET_24},
 };
 
-const unsigned int tev_ash_control::MEMBER_MAX =
-    sizeof(tev_ash_control::s_member_table) / sizeof(tev_ash_member_row);
+const unsigned int tev_ash_control::MEMBER_MAX = tev_ash_member_index::MEMBER_ROWS;
 
 namespace tev_ash_member_index {
 
@@ -1070,8 +1069,6 @@ const run s_runs[RUN_COUNT] = {
     {0x01982000, 0x01982002, 907},
 };
 
-const std::uint32_t s_slot_multiplier = 0x9E3779B1;
-
 const unsigned char s_slots[1u << SLOT_BITS] = {
     255, 255, 255, 255, 255, 255, 255, 1, 255, 255, 255, 13, 255, 255, 255, 85,
     255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 86, 255, 255,
@@ -1141,7 +1138,7 @@ const unsigned char s_slots[1u << SLOT_BITS] = {
 
 }  // namespace tev_ash_member_index
 
-const tev_ash_category_row tev_ash_control::s_category_table[24] = {
+const tev_ash_category_row tev_ash_control::s_category_table[tev_ash_member_index::CATEGORY_ROWS] = {
     {TEV_ASH_CAT_AUTH, 0},
     {TEV_ASH_CAT_APLSVC_IMG, 1},
     {TEV_ASH_CAT_APLJOB, 2},
@@ -1168,10 +1165,9 @@ const tev_ash_category_row tev_ash_control::s_category_table[24] = {
     {TEV_ASH_CAT_JOBSET_24, 4},
 };
 
-const unsigned int tev_ash_control::CATEGORY_MAX =
-    sizeof(tev_ash_control::s_category_table) / sizeof(tev_ash_category_row);
+const unsigned int tev_ash_control::CATEGORY_MAX = tev_ash_member_index::CATEGORY_ROWS;
 
-const unsigned int tev_ash_control::s_job_set_list[21] = {
+const unsigned int tev_ash_control::s_job_set_list[tev_ash_member_index::JOB_SET_ROWS] = {
     TEV_ASH_CAT_APLJOB,
     TEV_ASH_CAT_JOBSET_03,
     TEV_ASH_CAT_JOBSET_04,
@@ -1195,8 +1191,7 @@ const unsigned int tev_ash_control::s_job_set_list[21] = {
     TEV_ASH_CAT_JOBSET_24,
 };
 
-const unsigned int tev_ash_control::ALL_JOB_SET_NUM =
-    sizeof(tev_ash_control::s_job_set_list) / sizeof(unsigned int);
+const unsigned int tev_ash_control::ALL_JOB_SET_NUM = tev_ash_member_index::JOB_SET_ROWS;
 // clang-format on
 
 }  // namespace velmora

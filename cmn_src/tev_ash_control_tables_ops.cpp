@@ -11,6 +11,20 @@ namespace velmora {
 
 namespace member_index = tev_ash_member_index;
 
+// The public declarations of the tables spell their sizes out; the generator's
+// figures are the ones that hold.
+static_assert(std::size(tev_ash_control::s_member_table) == member_index::MEMBER_ROWS,
+              "s_member_table is declared with another size than generated");
+static_assert(std::size(tev_ash_control::s_category_table) == member_index::CATEGORY_ROWS,
+              "s_category_table is declared with another size than generated");
+static_assert(std::size(tev_ash_control::s_job_set_list) == member_index::JOB_SET_ROWS,
+              "s_job_set_list is declared with another size than generated");
+static_assert(member_index::RUN_COUNT < member_index::NO_RUN,
+              "a slot holds a run number below NO_RUN");
+static_assert(std::size(member_index::s_slots) == 1u << member_index::SLOT_BITS &&
+                  std::size(member_index::s_runs) == member_index::RUN_COUNT,
+              "the index is declared with another shape than generated");
+
 unsigned int tev_ash_control::get_member_category(unsigned int member_id,
                                                   TEV_ASH_CATEGORY* category) {
     // Only the runs of the id's block can hold it: the slot of the block names

@@ -1,23 +1,40 @@
 #!/usr/bin/env python3
-"""Generates cmn_src/tev_ash_control_tables.cpp, the built-in tables of tev_ash_control.
+"""Generates the built-in tables of tev_ash_control and the index over them.
 
 The member table is kept here as runs of consecutive member ids per category;
-the script expands them, checks them, and writes the table sorted by member id
-(which is also ascending category order, since bits 31..20 of an id give the
-category's bit number plus one). Beside it the script writes the index that
-get_member_category reads (cmn_src/tev_ash_member_index.h): the runs of
-consecutive ids, each inside one block of 4096 ids, and a slot table that
-hashes a block to its first run, with a multiplier that gives every block a
-slot of its own.
+the script expands them, checks them, and writes two files:
+
+- cmn_src/tev_ash_control_tables.cpp: the member table sorted by member id
+  (which is also ascending category order, since bits 31..20 of an id give the
+  category's bit number plus one), the category table, the job-set list, and
+  the index that get_member_category reads: the runs of consecutive ids, each
+  inside one block of 4096 ids, and a slot table that hashes a block to its
+  first run, with a multiplier that gives every block a slot of its own;
+- cmn_src/tev_ash_member_index.h: the one definition of the tables' sizes and
+  of the index's shape (row counts, run count, block shift, slot bits,
+  multiplier), which the C++ sources use and check with static_assert.
 
 Rerun from the repository root after editing the data below:
     python3 tools/gen_member_table.py
+With --check it writes nothing: it checks the data and the index, and that both
+files are exactly what it would write (CTest runs it that way).
 """
 
+import argparse
+import difflib
 import pathlib
 import sys
 
-OUTPUT = pathlib.Path(__file__).resolve().parent.parent / "cmn_src" / "tev_ash_control_tables.cpp"
+SOURCES = pathlib.Path(__file__).resolve().parent.parent / "cmn_src"
+TABLES = SOURCES / "tev_ash_control_tables.cpp"
+INDEX = SOURCES / "tev_ash_member_index.h"
+
+# The shape of the member index: a block is an id shifted right by BLOCK_SHIFT,
+# and the slot table has 1 << SLOT_BITS entries of one byte (a run number, or
+# NO_RUN).
+BLOCK_SHIFT = 12
+SLOT_BITS = 10
+NO_RUN = 0xFF
 
 # Names of the category values in include/tev_ash_types.h.
 CATEGORY_NAMES = {
@@ -222,9 +239,6 @@ MEMBER_RUNS = [
     ]),
 ]
 
-EXPECTED_MEMBERS = 910
-EXPECTED_RUNS = 112
-
 
 def fail(message):
     sys.exit("gen_member_table: " + message)
@@ -233,7 +247,6 @@ def fail(message):
 def expand_members():
     """Rows (member_id, category) sorted by member_id, after checking the run list."""
     rows = []
-    run_count = 0
     for category, member_count, runs in MEMBER_RUNS:
         if category not in CATEGORY_NAMES:
             fail("unknown category %#x" % category)
@@ -242,7 +255,6 @@ def expand_members():
             if last < first or last - first + 1 != count:
                 fail("run %#010x-%#010x does not hold %d ids" % (first, last, count))
             ids.extend(range(first, last + 1))
-            run_count += 1
         if len(ids) != member_count:
             fail("category %#x has %d ids, expected %d" % (category, len(ids), member_count))
         for member_id in ids:
@@ -255,17 +267,19 @@ def expand_members():
             fail("member %#010x listed twice" % a)
     if [c for _, c in rows] != sorted(c for _, c in rows):
         fail("sorting by member id does not group the categories in ascending order")
-    if len(rows) != EXPECTED_MEMBERS or run_count != EXPECTED_RUNS:
-        fail("%d members in %d runs, expected %d in %d"
-             % (len(rows), run_count, EXPECTED_MEMBERS, EXPECTED_RUNS))
     return rows
 
 
-# Must match cmn_src/tev_ash_member_index.h.
-RUN_COUNT = 112
-BLOCK_SHIFT = 12
-SLOT_BITS = 10
-NO_RUN = 0xFF
+def check_categories():
+    """The category table and the job-set list name known, distinct categories."""
+    categories = [c for c, _ in CATEGORY_TABLE]
+    if len(set(categories)) != len(categories) or len(set(JOB_SET_LIST)) != len(JOB_SET_LIST):
+        fail("a category is listed twice in the category table or the job-set list")
+    for category in categories + JOB_SET_LIST:
+        if category not in CATEGORY_NAMES:
+            fail("unknown category %#x" % category)
+    if not set(JOB_SET_LIST) <= set(categories):
+        fail("a job-set category has no level")
 
 
 def slot_of(block, multiplier):
@@ -282,8 +296,8 @@ def member_index(rows):
             runs[-1][1] = member_id
         else:
             runs.append([member_id, member_id, index])
-    if len(runs) != RUN_COUNT:
-        fail("%d runs, the index expects %d" % (len(runs), RUN_COUNT))
+    if len(runs) >= NO_RUN:
+        fail("%d runs do not fit a slot of one byte" % len(runs))
     blocks = {}
     for index, (first, _, _) in enumerate(runs):
         blocks.setdefault(first >> BLOCK_SHIFT, index)
@@ -296,7 +310,95 @@ def member_index(rows):
     return runs, multiplier, slots
 
 
-def render(rows):
+def look_up(member_id, rows, runs, multiplier, slots):
+    """get_member_category as the C++ lookup does it: the category, or None."""
+    block = member_id >> BLOCK_SHIFT
+    run = slots[slot_of(block, multiplier)]
+    if run == NO_RUN:
+        return None
+    while run < len(runs) and runs[run][0] >> BLOCK_SHIFT == block:
+        first, last, row = runs[run]
+        if first <= member_id <= last:
+            return rows[row + member_id - first][1]
+        run += 1
+    return None
+
+
+def check_index(rows, runs, multiplier, slots):
+    """Every member is found with its category through the index, and the ids
+    around every run, which are no members, are not."""
+    members = dict(rows)
+    probes = {0, 0xFFFFFFFF}
+    for first, last, _ in runs:
+        probes.update((first - 1, first, last, last + 1))
+    for member_id in sorted(members.keys() | probes):
+        if not 0 <= member_id <= 0xFFFFFFFF:
+            continue
+        found = look_up(member_id, rows, runs, multiplier, slots)
+        if found != members.get(member_id):
+            fail("the index finds %s for %#010x, the table says %s"
+                 % (found, member_id, members.get(member_id)))
+
+
+def render_index(rows, runs, multiplier):
+    return """\
+// Generated by tools/gen_member_table.py: do not edit. To change a table, edit
+// the data in that script and rerun it from the repository root:
+//     python3 tools/gen_member_table.py
+//
+// The sizes of the built-in tables of tev_ash_control, and the index over
+// s_member_table that get_member_category reads (tev_ash_control_tables.cpp).
+// The table is sorted by member_id and its ids come in runs of consecutive ids,
+// each inside one block of 4096 ids (an id shifted right by BLOCK_SHIFT). A slot
+// table hashes a block to its first run, so a lookup reads one slot and one or
+// two runs instead of bisecting all %(members)d rows; the multiplier gives every
+// block a slot of its own.
+#ifndef TEV_ASH_MEMBER_INDEX_H
+#define TEV_ASH_MEMBER_INDEX_H
+
+#include <cstdint>
+
+namespace velmora {
+namespace tev_ash_member_index {
+
+// Rows of s_member_table, s_category_table and s_job_set_list.
+constexpr unsigned int MEMBER_ROWS = %(members)d;
+constexpr unsigned int CATEGORY_ROWS = %(categories)d;
+constexpr unsigned int JOB_SET_ROWS = %(job_sets)d;
+
+constexpr unsigned int RUN_COUNT = %(runs)d;
+constexpr unsigned int BLOCK_SHIFT = %(block_shift)d;
+constexpr unsigned int SLOT_BITS = %(slot_bits)d;
+constexpr unsigned char NO_RUN = 0x%(no_run)02X;
+constexpr std::uint32_t SLOT_MULTIPLIER = 0x%(multiplier)08X;
+
+// Rows s_member_table[row] .. s_member_table[row + last_id - first_id] hold
+// the ids first_id .. last_id.
+struct run {
+    std::uint32_t first_id;
+    std::uint32_t last_id;
+    std::uint32_t row;
+};
+
+// The runs in id order; the runs of one block follow each other.
+extern const run s_runs[RUN_COUNT];
+// For each slot, the first run of the block hashed to it, or NO_RUN.
+extern const unsigned char s_slots[1u << SLOT_BITS];
+
+inline unsigned int slot_of(std::uint32_t block) {
+    return static_cast<std::uint32_t>(block * SLOT_MULTIPLIER) >> (32 - SLOT_BITS);
+}
+
+}  // namespace tev_ash_member_index
+}  // namespace velmora
+
+#endif  // TEV_ASH_MEMBER_INDEX_H
+""" % {"members": len(rows), "categories": len(CATEGORY_TABLE), "job_sets": len(JOB_SET_LIST),
+       "runs": len(runs), "block_shift": BLOCK_SHIFT, "slot_bits": SLOT_BITS, "no_run": NO_RUN,
+       "multiplier": multiplier}
+
+
+def render_tables(rows, runs, slots):
     out = []
     emit = out.append
     emit("// Generated by tools/gen_member_table.py: do not edit. To change a table, edit")
@@ -313,7 +415,8 @@ def render(rows):
     emit("namespace velmora {")
     emit("")
     emit("// clang-format off")
-    emit("const tev_ash_member_row tev_ash_control::s_member_table[%d] = {" % len(rows))
+    emit("const tev_ash_member_row "
+         "tev_ash_control::s_member_table[tev_ash_member_index::MEMBER_ROWS] = {")
     current = None
     for member_id, category in rows:
         if category != current:
@@ -323,18 +426,14 @@ def render(rows):
         emit("    {0x%08X, %s}," % (member_id, CATEGORY_NAMES[category]))
     emit("};")
     emit("")
-    emit("const unsigned int tev_ash_control::MEMBER_MAX =")
-    emit("    sizeof(tev_ash_control::s_member_table) / sizeof(tev_ash_member_row);")
+    emit("const unsigned int tev_ash_control::MEMBER_MAX = tev_ash_member_index::MEMBER_ROWS;")
     emit("")
-    runs, multiplier, slots = member_index(rows)
     emit("namespace tev_ash_member_index {")
     emit("")
     emit("const run s_runs[RUN_COUNT] = {")
     for first, last, row in runs:
         emit("    {0x%08X, 0x%08X, %d}," % (first, last, row))
     emit("};")
-    emit("")
-    emit("const std::uint32_t s_slot_multiplier = 0x%08X;" % multiplier)
     emit("")
     emit("const unsigned char s_slots[1u << SLOT_BITS] = {")
     for i in range(0, len(slots), 16):
@@ -343,22 +442,22 @@ def render(rows):
     emit("")
     emit("}  // namespace tev_ash_member_index")
     emit("")
-    emit("const tev_ash_category_row tev_ash_control::s_category_table[%d] = {"
-         % len(CATEGORY_TABLE))
+    emit("const tev_ash_category_row "
+         "tev_ash_control::s_category_table[tev_ash_member_index::CATEGORY_ROWS] = {")
     for category, level in CATEGORY_TABLE:
         emit("    {%s, %d}," % (CATEGORY_NAMES[category], level))
     emit("};")
     emit("")
-    emit("const unsigned int tev_ash_control::CATEGORY_MAX =")
-    emit("    sizeof(tev_ash_control::s_category_table) / sizeof(tev_ash_category_row);")
+    emit("const unsigned int tev_ash_control::CATEGORY_MAX = tev_ash_member_index::CATEGORY_ROWS;")
     emit("")
-    emit("const unsigned int tev_ash_control::s_job_set_list[%d] = {" % len(JOB_SET_LIST))
+    emit("const unsigned int "
+         "tev_ash_control::s_job_set_list[tev_ash_member_index::JOB_SET_ROWS] = {")
     for category in JOB_SET_LIST:
         emit("    %s," % CATEGORY_NAMES[category])
     emit("};")
     emit("")
-    emit("const unsigned int tev_ash_control::ALL_JOB_SET_NUM =")
-    emit("    sizeof(tev_ash_control::s_job_set_list) / sizeof(unsigned int);")
+    emit("const unsigned int tev_ash_control::ALL_JOB_SET_NUM = "
+         "tev_ash_member_index::JOB_SET_ROWS;")
     emit("// clang-format on")
     emit("")
     emit("}  // namespace velmora")
@@ -366,9 +465,38 @@ def render(rows):
 
 
 def main():
-    if len(CATEGORY_TABLE) != 24 or len(JOB_SET_LIST) != 21:
-        fail("category table or job-set list has the wrong size")
-    OUTPUT.write_text(render(expand_members()))
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--check", action="store_true",
+                        help="write nothing; fail unless the data checks out and the "
+                             "committed files are exactly what would be written")
+    args = parser.parse_args()
+
+    check_categories()
+    rows = expand_members()
+    runs, multiplier, slots = member_index(rows)
+    check_index(rows, runs, multiplier, slots)
+    outputs = {
+        TABLES: render_tables(rows, runs, slots),
+        INDEX: render_index(rows, runs, multiplier),
+    }
+    if not args.check:
+        for path, text in outputs.items():
+            path.write_text(text)
+        return
+    stale = []
+    for path, text in outputs.items():
+        committed = path.read_text() if path.exists() else ""
+        if committed != text:
+            stale.append(path)
+            sys.stderr.writelines(difflib.unified_diff(
+                committed.splitlines(True), text.splitlines(True),
+                str(path) + " (committed)", str(path) + " (generated)", n=1))
+    if stale:
+        fail("%s not what the generator writes; rerun python3 tools/gen_member_table.py"
+             % ", ".join(p.name for p in stale))
+    print("gen_member_table: %d members in %d runs, %d categories, %d job-set categories: "
+          "generated files up to date" % (len(rows), len(runs), len(CATEGORY_TABLE),
+                                          len(JOB_SET_LIST)))
 
 
 if __name__ == "__main__":
