@@ -140,8 +140,16 @@ struct served {
     std::list<session> sessions;  // guarded by mtx
 };
 
-std::mutex g_served_mtx;
-std::map<std::string, std::shared_ptr<served>> g_served;  // guarded by g_served_mtx
+struct served_registry {
+    std::mutex mtx;
+    std::map<std::string, std::shared_ptr<served>> by_name;  // guarded by mtx
+};
+
+served_registry& served_connections() {
+    // Never destroyed: a process may exit while serving, its threads still running.
+    static served_registry* r = new served_registry;
+    return *r;
+}
 
 // Serves one client connection until it closes, sends a bad frame or the
 // connection stops being served.
@@ -187,7 +195,16 @@ void accept_loop(served* srv) {
         }
         if (fds[1].revents != 0) return;
         int fd = ::accept4(srv->listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) continue;
+        if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                // Out of descriptors or memory: the waiting clients stay queued; try
+                // again after a pause rather than spinning.
+                trace(srv->name + ": cannot accept: " + std::strerror(errno));
+                pollfd wake = {srv->wake_fd, POLLIN, 0};
+                ::poll(&wake, 1, 100);
+            }
+            continue;
+        }
         ucred peer{};
         socklen_t len = sizeof peer;
         if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) != 0) {
@@ -439,8 +456,9 @@ bool serve_connection(const char* connection, std::string* error) {
         return fail(error, "serve " + name + ": socket path too long: " + srv->socket_path);
     }
 
-    std::lock_guard<std::mutex> lock(g_served_mtx);
-    if (g_served.count(name) != 0) {
+    served_registry& registry = served_connections();
+    std::lock_guard<std::mutex> lock(registry.mtx);
+    if (registry.by_name.count(name) != 0) {
         return fail(error, "serve " + name + ": already served by this process");
     }
     srv->lock_fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -473,7 +491,7 @@ bool serve_connection(const char* connection, std::string* error) {
         return fail(error, "serve " + name + ": cannot listen on " + srv->socket_path + ": " + why);
     }
     srv->acceptor = std::thread(accept_loop, srv.get());
-    g_served.emplace(name, srv);
+    registry.by_name.emplace(name, srv);
     return true;
 }
 
@@ -481,11 +499,12 @@ bool stop_serving(const char* connection) {
     if (connection == nullptr) return false;
     std::shared_ptr<served> srv;
     {
-        std::lock_guard<std::mutex> lock(g_served_mtx);
-        auto it = g_served.find(std::string(connection, strnlen(connection, 16)));
-        if (it == g_served.end()) return false;
+        served_registry& registry = served_connections();
+        std::lock_guard<std::mutex> lock(registry.mtx);
+        auto it = registry.by_name.find(std::string(connection, strnlen(connection, 16)));
+        if (it == registry.by_name.end()) return false;
         srv = it->second;
-        g_served.erase(it);
+        registry.by_name.erase(it);
     }
     uint64_t one = 1;
     if (::write(srv->wake_fd, &one, sizeof one) < 0) trace(srv->name + ": cannot wake acceptor");

@@ -1,0 +1,183 @@
+// Round trip of an empty request and reply between two processes through the
+// host message service, against a raw SOCK_SEQPACKET ping-pong of the same
+// frame sizes (a 32-byte request, a 20-byte reply) in the same run. The server
+// is this binary started again; pinned:1 puts both processes on CPU 0,
+// pinned:0 leaves them to the scheduler. Wall time per round trip.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "facade_template.h"
+#include "gen_ipc.h"
+#include "host/tev_host.h"
+#include "vlq_mc_client.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr char CONNECTION[] = "BENCH_IPC";
+constexpr int RAW_FD = 3;  // the raw server's end of the socket pair
+
+class empty_reply : public velmora::facade_template {
+public:
+    void dispatch(long, char*, unsigned int, gen_ipc_msghdr hdr) override {
+        gen_ipc_reply(hdr, nullptr, 0);
+    }
+};
+
+// TEVASH_BENCH_SERVE=ipc: serve CONNECTION until stdin closes; =raw: answer
+// every packet on RAW_FD with 20 bytes until it closes.
+const bool g_server = [] {
+    const char* mode = std::getenv("TEVASH_BENCH_SERVE");
+    if (mode == nullptr) return false;
+    if (std::strcmp(mode, "raw") == 0) {
+        static unsigned char in[64 * 1024], out[20];
+        while (::recv(RAW_FD, in, sizeof in, 0) > 0) {
+            if (::send(RAW_FD, out, sizeof out, MSG_NOSIGNAL) < 0) break;
+        }
+        _exit(0);
+    }
+    static empty_reply object;
+    if (!tevhost::register_object(CONNECTION, 1, &object) ||
+        !tevhost::serve_connection(CONNECTION) || ::write(1, "R", 1) != 1) {
+        _exit(1);
+    }
+    char c;
+    while (::read(0, &c, 1) > 0) {
+    }
+    tevhost::stop_serving(CONNECTION);
+    _exit(0);
+}();
+
+// A private runtime directory for the run, removed at exit.
+struct runtime_directory {
+    std::string path;
+    runtime_directory() {
+        char dir[] = "/tmp/tevash_bench_XXXXXX";
+        if (mkdtemp(dir) != nullptr) path = dir;
+        setenv("TEVASH_RUNTIME_DIR", path.c_str(), 1);
+    }
+    ~runtime_directory() {
+        for (const char* f : {"/BENCH_IPC.sock", "/BENCH_IPC.lock"}) ::unlink((path + f).c_str());
+        ::rmdir(path.c_str());
+    }
+} g_runtime;
+
+// Both processes on CPU 0 for its lifetime when `pinned` (children inherit it).
+class pin {
+public:
+    explicit pin(bool pinned) : pinned_(pinned) {
+        if (!pinned_) return;
+        sched_getaffinity(0, sizeof saved_, &saved_);
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(0, &one);
+        sched_setaffinity(0, sizeof one, &one);
+    }
+    ~pin() {
+        if (pinned_) sched_setaffinity(0, sizeof saved_, &saved_);
+    }
+
+private:
+    bool pinned_;
+    cpu_set_t saved_;
+};
+
+// This binary as a server in `mode`; stopped (stdin closed) and reaped at the end.
+class server_process {
+public:
+    server_process(const char* mode, int raw_fd = -1) {
+        int in[2], out[2];
+        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        if (raw_fd >= 0) posix_spawn_file_actions_adddup2(&actions, raw_fd, RAW_FD);
+        std::vector<std::string> env{std::string("TEVASH_BENCH_SERVE=") + mode};
+        for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
+        std::vector<char*> envp;
+        for (std::string& e : env) envp.push_back(&e[0]);
+        envp.push_back(nullptr);
+        char arg0[] = "tevash_bench_server";
+        char* argv[] = {arg0, nullptr};
+        if (posix_spawn(&pid_, "/proc/self/exe", &actions, nullptr, argv, envp.data()) != 0) {
+            pid_ = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(in[0]);
+        ::close(out[1]);
+        to_ = in[1];
+        from_ = out[0];
+        char c = 0;
+        ready_ = pid_ > 0 && (raw_fd >= 0 || ::read(from_, &c, 1) == 1);
+    }
+    ~server_process() {
+        ::close(to_);
+        if (pid_ > 0) waitpid(pid_, nullptr, 0);
+        ::close(from_);
+    }
+    bool ready() const { return ready_; }
+
+private:
+    pid_t pid_ = -1;
+    int to_ = -1, from_ = -1;
+    bool ready_ = false;
+};
+
+void BM_ipc_round_trip(benchmark::State& st) {
+    pin pinned(st.range(0) != 0);
+    server_process server("ipc");
+    velmora::vlq_mc_client client;
+    char reply[1];
+    unsigned int len = 0;
+    if (!server.ready() ||
+        client.vlq_mc_send_sync_message(1, 0, nullptr, 0, reply, &len, CONNECTION) != 0) {
+        st.SkipWithError("message service server did not answer");
+        return;
+    }
+    for (auto _ : st) {
+        len = 0;
+        if (client.vlq_mc_send_sync_message(1, 0, nullptr, 0, reply, &len, CONNECTION) != 0) {
+            st.SkipWithError("send failed");
+            break;
+        }
+    }
+}
+
+void BM_raw_ipc_round_trip(benchmark::State& st) {
+    pin pinned(st.range(0) != 0);
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+        st.SkipWithError("no socket pair");
+        return;
+    }
+    {
+        server_process server("raw", pair[1]);
+        ::close(pair[1]);
+        unsigned char request[32] = {}, reply[64];
+        for (auto _ : st) {
+            if (::send(pair[0], request, sizeof request, MSG_NOSIGNAL) != sizeof request ||
+                ::recv(pair[0], reply, sizeof reply, 0) != 20) {
+                st.SkipWithError("raw round trip failed");
+                break;
+            }
+        }
+        ::close(pair[0]);  // the server ends
+    }
+}
+
+}  // namespace
+
+BENCHMARK(BM_ipc_round_trip)->ArgName("pinned")->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(BM_raw_ipc_round_trip)->ArgName("pinned")->Arg(0)->Arg(1)->UseRealTime();
