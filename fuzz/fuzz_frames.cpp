@@ -57,8 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         ipc::encode_request_header(request, header);
         require(std::memcmp(header, bytes, sizeof header) == 0);
         ipc::reply answer;
-        require(ipc::decode_reply(reply.data(), reply.size(), request.call,
-                                  request.reply_capacity, &answer) == nullptr);
+        require(ipc::decode_reply(reply.data(), reply.size(), request.call, request.reply_capacity,
+                                  &answer) == nullptr);
     }
 
     // As a reply arriving at a sender that offered the most room.

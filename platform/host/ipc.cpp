@@ -50,7 +50,7 @@ namespace tevhost {
 namespace {
 
 constexpr int DEFAULT_TIMEOUT_MS = 30000;
-constexpr size_t MAX_SESSIONS = 64;  // client connections per served name
+constexpr size_t MAX_SESSIONS = 128;  // client connections per served name
 
 int timeout_ms() {
     const char* text = std::getenv("TEVASH_HOST_IPC_TIMEOUT_MS");

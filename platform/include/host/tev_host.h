@@ -45,37 +45,67 @@ bool register_object(const char* connection, long object_id, velmora::observer_t
 bool unregister_object(const char* connection, long object_id);
 
 // ---------------------------------------------------------------------------
-// Message service across processes. (Interface agreed for the multi-process
-// host; implementations land with it. Refine the comments as you implement.)
+// Message service across processes.
 //
-// A send to a (connection, object) registered in this process is delivered
-// in-process as above. Otherwise it goes over a Unix SOCK_SEQPACKET socket to
-// the process that serves the connection name (see serve_connection).
+// A send to a connection name that has an object registered in this process
+// stays in this process as above (MSG_NO_OBJECT when the id is not among them).
+// Any other send goes over a Unix SOCK_SEQPACKET socket to the process that
+// serves the connection name (see serve_connection), where the object's
+// dispatch runs in a thread of that process serving this connection; its
+// gen_ipc_reply travels back as the reply. The message spy and check script
+// see these sends as they see in-process ones; vlq_mc_check_facade asks the
+// serving process whether the object is registered there.
+//
+// Frames are checked on both sides (format in platform/host/ipc_frame.h: 32-bit
+// little-endian fields, at most 64 KiB): a malformed one closes its connection
+// with a trace line. Each sending thread keeps one connection per connection
+// name; a cached connection to a server that has gone is replaced once, so a
+// restarted server is reached without a failure. A request longer than a frame
+// carries (64 KiB less its 32-byte header) is refused with MSG_BAD_ARG. On
+// every failure the caller's reply buffer and *rpl_len are left untouched, and
+// a trace line says what happened.
 
-constexpr int MSG_NOT_LISTENING = 4;  // no process serves the connection (no socket, or stale)
-constexpr int MSG_PEER_GONE = 5;      // the serving process closed or died before replying
-constexpr int MSG_TIMEOUT = 6;        // no reply within TEVASH_HOST_IPC_TIMEOUT_MS (default 30000)
+constexpr int MSG_NOT_LISTENING = 4;  // nothing serves the connection: no socket, a stale
+                                      // one, or a runtime directory that is not safe
+constexpr int MSG_PEER_GONE = 5;      // the serving process closed the connection or died
+                                      // before replying (also: it refused this peer)
+constexpr int MSG_TIMEOUT = 6;        // no reply within TEVASH_HOST_IPC_TIMEOUT_MS
+                                      // milliseconds (default 30000); the connection is dropped
 constexpr int MSG_BAD_FRAME = 7;      // the peer answered with a malformed frame
 
-// The words for a MSG_* result ("nothing listening", "peer gone", ...).
+// The words for a MSG_* result ("delivered", "nothing listening", "peer gone",
+// "timed out", "bad frame", ...); "unknown result" for any other value.
 const char* send_status_text(int status);
-// The result of the last vlq_mc_send_sync_message made by the calling thread
-// (MSG_OK before any). The library ignores the message client's result by
-// design; host tools read it here to surface a message that was not delivered.
+// The result of the last vlq_mc_send_sync_message made by the calling thread,
+// in process or not (MSG_OK before any). The library ignores the message
+// client's result by design; host tools read it here to surface a message that
+// was not delivered.
 int last_send_status();
 
 // The runtime directory of the host's sockets and shared store:
 // TEVASH_RUNTIME_DIR, else $XDG_RUNTIME_DIR/tevash, else /tmp/tevash-<uid>.
-// Created with mode 0700 when missing. Returns false with *error set when it
-// cannot be created, or is owned by another user or open to others.
+// Created (the last path component only) with mode 0700 when missing. Returns
+// false with *error set when it cannot be created, is not a directory, or is
+// owned by another user or open to others. Senders never create it; they refuse
+// to connect into a directory that fails these checks (MSG_NOT_LISTENING).
 bool runtime_dir(std::string* dir, std::string* error = nullptr);
 
-// Makes the objects registered in this process under `connection` reachable
-// from other processes of the runtime directory. A stale socket left by a dead
-// server is replaced; a live one is refused (false, *error says so).
+// Makes the objects registered in this process under `connection` (now or
+// later) reachable from other processes of the runtime directory, through the
+// socket <runtime dir>/<name>.sock; the name's bytes other than letters, digits,
+// '_', '-' and '.' are written as %XX. While serving, the process holds a lock
+// on <name>.lock (the file stays), so a socket whose lock is free was left by a
+// dead server and is replaced; a live server's is refused (false, *error says
+// so, as it does for a name this process serves already or an unsafe runtime
+// directory). Peers of another uid (root excepted) are closed at once with a
+// trace line. Each client connection (one per sending thread) is served by a
+// thread of its own, at most 128 per connection name; a connection past that
+// bound is closed at once with a trace line and its sender sees MSG_PEER_GONE.
 bool serve_connection(const char* connection, std::string* error = nullptr);
-// Stops accepting on `connection`, waits for the calls in flight, removes the
-// socket. Returns false when the connection was not served.
+// Stops accepting on `connection`, removes its socket, lets each connection
+// finish the request it is delivering (the reply is still sent), then closes
+// them all and returns. Returns false when the connection was not served.
+// REQUIRES: not called from a dispatch of that connection.
 bool stop_serving(const char* connection);
 
 // Host result codes the handler service answers with when the transport, not a
