@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tev_test_support.h"
+#include "util.h"
 
 #ifndef TEVASH_CLI_PATH
 // Built without the command-line tool: every test skips.
@@ -31,6 +32,62 @@ int count_lines(const std::string& text) {
     return lines;
 }
 
+std::string line(const std::string& text, int n) {
+    size_t at = 0;
+    for (; n > 0 && at != std::string::npos; --n) at = text.find('\n', at) + 1;
+    return at == 0 && n > 0 ? "" : text.substr(at, text.find('\n', at) - at);
+}
+
+// A tree export: a job with three members of different kinds and `depth`
+// JOBSET_03 handlers chained below it.
+std::string job_export(int depth) {
+    std::string nodes = "[]";
+    for (int i = 0; i < depth; ++i)
+        nodes = R"([{"category":"JOBSET_03","members":[],"children":)" + nodes + "}]";
+    return R"({"tevash_tree":1,"root":{"category":"APLJOB","members":[)"
+           R"({"member":"0x00360000","kind":"i32","size":4,"value":300},)"
+           R"({"member":"0x00360001","kind":"bytes","size":4,"value":"0x41424344"},)"
+           R"({"member":"0x00360002","kind":"u8","size":1,"value":7}],"children":)" +
+           nodes + "}}";
+}
+
+TEST(CliNumbers, DecimalOrHexALeadingZeroIsDecimal) {
+    struct {
+        const char* text;
+        bool ok;
+        long long value;
+    } const cases[] = {{"010", true, 10},
+                       {"08", true, 8},
+                       {"0", true, 0},
+                       {"0x10", true, 16},
+                       {"0X1f", true, 31},
+                       {"4294967295", true, 4294967295LL},
+                       {"0xFFFFFFFF", true, 4294967295LL},
+                       {"-2147483648", true, -2147483648LL},
+                       {"4294967296", false, 0},
+                       {"0x100000000", false, 0},
+                       {"", false, 0},
+                       {"0x", false, 0},
+                       {"-", false, 0},
+                       {"1x", false, 0},
+                       {" 1", false, 0},
+                       {"+1", false, 0},
+                       {"0x0x1", false, 0},
+                       {"1e3", false, 0},
+                       {"09a", false, 0},
+                       {"12 ", false, 0}};
+    for (const auto& c : cases) {
+        long long v = -99;
+        EXPECT_EQ(tevash_cli::parse_number(c.text, &v), c.ok) << c.text;
+        if (c.ok) {
+            EXPECT_EQ(v, c.value) << c.text;
+        }
+    }
+    unsigned int u = 5;
+    EXPECT_FALSE(tevash_cli::parse_u32("-1", &u));
+    EXPECT_EQ(u, 5u);
+}
+
 class Cli : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -50,12 +107,17 @@ protected:
         r.err = file_text(err_path);
         return r;
     }
-    // Runs `create` and returns the new id as printed; empty on failure.
-    std::string create(const std::string& what) {
-        run_result r = run(store_ + "create " + what);
-        EXPECT_EQ(r.status, 0) << what << ": " << r.err;
+    // Runs a command on the test's store that prints one line (an id); returns it.
+    std::string one_line(const std::string& args) {
+        run_result r = run(store_ + args);
+        EXPECT_EQ(r.status, 0) << args << ": " << r.err;
         EXPECT_EQ(count_lines(r.out), 1) << r.out;
         return r.status == 0 ? r.out.substr(0, r.out.find('\n')) : "";
+    }
+    std::string create(const std::string& what) { return one_line("create " + what); }
+    std::string import(const std::string& json, const std::string& extra = "") {
+        std::ofstream(dir_.path("in.json")) << json;
+        return one_line("import " + dir_.path("in.json") + extra);
     }
 
     tevtest::temp_dir dir_;
@@ -65,7 +127,7 @@ protected:
 
 // The tour is deterministic on its fresh in-memory store, apart from the trace
 // lines' source line numbers and addresses.
-TEST_F(Cli, DemoPrintsTheWholeTourAndHelpAnswersAtEveryLevel) {
+TEST_F(Cli, DemoPrintsTheWholeTourAndHelpAndVersionAnswer) {
     run_result r = run("demo");
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     std::string out = std::regex_replace(r.out, std::regex(R"((&\w+):0x[0-9a-fA-F]+)"), "$1:ADDR");
@@ -103,26 +165,128 @@ A refused access: member 0x00182000 (APLSVC_IMG) through job handler 3
   trace: tev_ash_control[LINE]::get_member,[Error](serch_target_handler_id) rc:0XC1030001, handler_id:0X00000003, member_id:0X00182000, order:0, target_handler_id:00000000, &ret_p:ADDR
 Demo finished
 )");
-    for (const char* args : {"--help", "get --help"}) {
-        r = run(args);
-        EXPECT_EQ(r.status, 0) << args;
-        EXPECT_NE(r.out.find("Usage"), std::string::npos) << args;
+    for (const auto& shown : {std::pair<const char*, const char*>{"--help", "Usage"},
+                              {"get --help", "Usage"},
+                              {"--version", "tevash 1."}}) {
+        r = run(shown.first);
+        EXPECT_EQ(r.status, 0) << shown.first;
+        EXPECT_NE(r.out.find(shown.second), std::string::npos) << shown.first << ": " << r.out;
     }
 }
 
-TEST_F(Cli, BadInputAndUnusableStoresExitNonZeroWithOneLine) {
-    std::ofstream(db_) << "these are somebody's notes, not a record store of handlers\n";
-    for (const std::string& args :
-         std::vector<std::string>{"get 1 0x00360000 --type i33", "get 999 0x00360000 --type i32",
-                                  "create NOPE", "--store " + db_ + " create APLJOB"}) {
-        run_result r = run(args);
-        EXPECT_NE(r.status, 0) << args;
-        EXPECT_EQ(count_lines(r.err), 1) << args << ": " << r.err;
-        if (args.rfind("--store", 0) == 0) {
-            EXPECT_NE(r.err.find("cannot open store"), std::string::npos) << r.err;
-        }
+// Each failure says what is wrong in its first line; a result code and the
+// trace lines follow only where the library answered.
+TEST_F(Cli, FailuresSayWhatIsWrongFirst) {
+    const std::string auth = create("AUTH"), img = create("APLSVC_IMG --parent " + auth);
+    const std::string job = create("APLJOB --parent " + img);
+    ASSERT_EQ(run(store_ + "set " + job + " 0x00360000 5 --type i32").status, 0);
+    const std::string notes = dir_.path("notes.db");
+    std::ofstream(notes) << "these are somebody's notes, not a record store of handlers\n";
+    struct {
+        std::string args, first, second;
+    } const cases[] = {
+        {"get 99 0x00360000 --type i32", "no handler 99", "  result 0xC1030001"},
+        {"get " + job + " 0x00360000 --type u8", "member 0x00360000 is i32, not u8", ""},
+        {"get " + job + " 0x00460000 --type i32",
+         "handler 3 has no JOBSET_03 handler for member 0x00460000 at order 0",
+         "  result 0xC1030003"},
+        {"get " + job + " 0x0000000A --type i32", "no member 0x0000000A in the member table",
+         "  result 0xC1030001"},
+        {"frob", "unknown subcommand 'frob' (see --help)", ""},
+        {"create NOPE", "unknown category 'NOPE'", ""},
+        {"create APLJOB --parent 010", "no handler 10", "  result 0xC1030001"},
+        {"get " + job + " 0x00360000 --type i33", "unknown type 'i33'", ""},
+        {"unlink " + auth, "handler 1 has no parent", ""},
+        {"link " + job + " " + auth, "linking 1 below 3 would make a cycle", "  result 0xC1030001"},
+        {"link " + auth + " " + job, "handler 3 already has a parent (2)", "  result 0xC1030001"},
+        {"copy " + auth + " " + job,
+         "copy needs two APLJOB or two APLSVC_IMG handlers, not 1 (AUTH) and 3 (APLJOB)",
+         "  result 0xC1030008"},
+        {"remove 77", "no handler 77", "  result 0xC1030001"},
+        {"members 0x4D", "no handler 77", "  result 0xC1030001"},
+        {"tree 08", "no handler 8", "  result 0xC1030001"},
+        {"export 9", "no handler 9", "  result 0xC1030001"},
+    };
+    const std::string before = run(store_ + "tree").out;
+    for (const auto& c : cases) {
+        run_result r = run(store_ + c.args);
+        EXPECT_NE(r.status, 0) << c.args;
+        EXPECT_EQ(line(r.err, 0), "tevash: " + c.first) << c.args;
+        EXPECT_EQ(line(r.err, 1), c.second) << c.args;
     }
-    EXPECT_EQ(file_text(db_), "these are somebody's notes, not a record store of handlers\n");
+    EXPECT_EQ(run(store_ + "tree").out, before);
+    run_result r = run("--store " + notes + " create APLJOB");
+    EXPECT_EQ(r.err.rfind("tevash: cannot open store '" + notes + "': ", 0), 0u) << r.err;
+    EXPECT_EQ(file_text(notes), "these are somebody's notes, not a record store of handlers\n");
+}
+
+// get and set know the member's kind and width first: a mismatched type, a value
+// out of range or too long, or a size beyond the member is refused before the
+// library is called, and the member keeps its value.
+TEST_F(Cli, RefusedTypesValuesAndSizesChangeNothing) {
+    const std::string job = import(job_export(0));
+    const std::string members = run(store_ + "members " + job + " --json").out;
+    EXPECT_EQ(members, R"([{"member":"0x00360000","kind":"i32","size":4,"value":300},)"
+                       R"({"member":"0x00360001","kind":"bytes","size":4,"value":"0x41424344"},)"
+                       R"({"member":"0x00360002","kind":"u8","size":1,"value":7}])"
+                       "\n");
+    const std::string on = job + " 0x0036000";
+    struct {
+        std::string args, first;
+    } const cases[] = {
+        {"get " + on + "0 --type i8", "member 0x00360000 is i32, not i8"},
+        {"set " + on + "0 44 --type i8", "member 0x00360000 is i32, not i8"},
+        {"set " + on + "0 44 --type u32", "member 0x00360000 is i32, not u32"},
+        {"set " + on + "0 abc --type bytes", "member 0x00360000 is i32, not bytes"},
+        {"set " + on + "0 2147483648 --type i32",
+         "value 2147483648 is out of range for i32 (-2147483648..2147483647)"},
+        {"set " + on + "0 12x --type i32", "malformed i32 value '12x'"},
+        {"set " + on + "2 256 --type u8", "value 256 is out of range for u8 (0..255)"},
+        {"set " + on + "2 -1 --type u8", "value -1 is out of range for u8 (0..255)"},
+        {"set " + on + "1 hello --type bytes",
+         "a value of 5 bytes does not fit member 0x00360001 (4 bytes)"},
+        {"get " + on + "1 --type bytes --size 100000000",
+         "--size 100000000 does not fit member 0x00360001 (4 bytes)"},
+        {"get " + on + "1 --type bytes --size 4294967295",
+         "--size 4294967295 does not fit member 0x00360001 (4 bytes)"},
+        {"get 99 0x00360001 --type bytes --size 100000000", "no handler 99"},
+    };
+    for (const auto& c : cases) {
+        run_result r = run(store_ + c.args);
+        EXPECT_NE(r.status, 0) << c.args;
+        EXPECT_EQ(r.out, "") << c.args;
+        EXPECT_EQ(line(r.err, 0), "tevash: " + c.first) << c.args;
+    }
+    EXPECT_EQ(run(store_ + "members " + job + " --json").out, members);
+
+    // What fits is written: a shorter byte string is padded with zeros.
+    EXPECT_EQ(run(store_ + "set " + on + "1 AB --type bytes").status, 0);
+    EXPECT_EQ(run(store_ + "get " + on + "1 --type bytes").out, "0x41420000\n");
+    EXPECT_EQ(run(store_ + "get " + on + "1 --type bytes --size 2").out, "0x4142\n");
+    EXPECT_EQ(run(store_ + "set " + on + "2 255 --type u8").status, 0);
+    EXPECT_EQ(run(store_ + "set " + on + "0 -2147483648 --type i32").status, 0);
+    EXPECT_EQ(run(store_ + "members " + job).out,
+              "MEMBER      KIND   WIDTH  VALUE\n"
+              "0x00360000  i32    4      -2147483648\n"
+              "0x00360001  bytes  4      0x41420000\n"
+              "0x00360002  u8     1      255\n");
+}
+
+// A chain deeper than any fixed limit is drawn, exported and imported whole.
+TEST_F(Cli, DeepTreesAreDrawnWhole) {
+    const int depth = 45;
+    const std::string root = import(job_export(depth));
+    run_result tree = run(store_ + "tree " + root);
+    ASSERT_EQ(tree.status, 0) << tree.err;
+    std::string expected = root + " APLJOB\n";
+    for (int d = 1; d <= depth; ++d)
+        expected += std::string(4 * (d - 1), ' ') + "`-- " + std::to_string(std::stoi(root) + d) +
+                    " JOBSET_03\n";
+    EXPECT_EQ(tree.out, expected);
+    const std::string exported = run(store_ + "export " + root).out;
+    const std::string again = import(exported);
+    EXPECT_EQ(run(store_ + "export " + again).out, exported);
+    EXPECT_EQ(count_lines(run(store_ + "tree").out), 2 * (depth + 1));
 }
 
 TEST_F(Cli, PersistentStoreAcrossInvocations) {
@@ -151,6 +315,18 @@ TEST_F(Cli, PersistentStoreAcrossInvocations) {
     EXPECT_EQ(tree.out, auth + " AUTH\n`-- " + img + " APLSVC_IMG\n    |-- " + src +
                             " APLJOB\n    |   `-- " + src_set + " JOBSET_03\n    `-- " + dst +
                             " APLJOB\n        `-- " + std::to_string(new_set) + " JOBSET_03\n");
+
+    // Export and import copy the tree with its member kinds; unlink takes it out again.
+    const std::string exported = run(s + "export " + src).out;
+    const std::string copy = import(exported, " --parent " + img);
+    EXPECT_EQ(run(s + "export " + copy).out, exported);
+    EXPECT_EQ(run(s + "members " + copy).out,
+              "MEMBER      KIND   WIDTH  VALUE\n0x00360000  i32    4      -77\n");
+    EXPECT_NE(run(s + "tree").out, tree.out);
+    EXPECT_EQ(run(s + "unlink " + copy).status, 0);
+    EXPECT_EQ(run(s + "tree").out, tree.out + copy + " APLJOB\n`-- " +
+                                       std::to_string(std::stoul(copy) + 1) + " JOBSET_03\n");
+    EXPECT_EQ(run(s + "remove " + copy).status, 0);
 
     // Reset goes through the director: the job's own values are gone, its links stay.
     EXPECT_EQ(run(s + "reset " + dst).status, 0);

@@ -1,148 +1,231 @@
-// get, set: one member of one handler, in the type the user names.
-#include <cstdio>
+// get, set, members: member values of handlers. get and set learn the member's
+// kind and width from the store first and refuse a type, value or size that does
+// not fit it, so the library is never handed a variable narrower than the member
+// and a refused value changes nothing.
+#include <iomanip>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
+#include "tev_ash_control.h"
 #include "util.h"
 
 namespace tevash_cli {
 
 namespace {
 
-// A member value in the type the user named.
-enum class vtype { i8, u8, i16, u16, i32, u32, bytes };
-
-bool parse_type(const std::string& name, vtype* out) {
-    static const std::map<std::string, vtype> names = {
-        {"i8", vtype::i8},   {"u8", vtype::u8},   {"i16", vtype::i16},    {"u16", vtype::u16},
-        {"i32", vtype::i32}, {"u32", vtype::u32}, {"bytes", vtype::bytes}};
-    auto it = names.find(name);
-    if (it == names.end()) return false;
-    *out = it->second;
-    return true;
-}
-
-// Reads the member as T (the facade's overload) and gives the value as the
-// user's type shows it (S).
-template <typename T, typename S>
-unsigned int read_as(unsigned int handler, unsigned int member, unsigned int order, long long* v) {
-    T x = 0;
-    const unsigned int rc =
-        context::facade()->tev_ash_get_member(APP_CMP_ID, handler, member, &x, order);
-    *v = static_cast<S>(x);
-    return rc;
-}
-
-unsigned int get_value(vtype type, unsigned int handler, unsigned int member, unsigned int order,
-                       unsigned int size, std::string* text) {
-    unsigned int rc = 0;
-    long long v = 0;
-    switch (type) {
-        case vtype::i8: rc = read_as<char, signed char>(handler, member, order, &v); break;
-        case vtype::u8:
-            rc = read_as<unsigned char, unsigned char>(handler, member, order, &v);
-            break;
-        case vtype::i16: rc = read_as<short, short>(handler, member, order, &v); break;
-        case vtype::u16:
-            rc = read_as<unsigned short, unsigned short>(handler, member, order, &v);
-            break;
-        case vtype::i32: rc = read_as<long, int>(handler, member, order, &v); break;
-        case vtype::u32:
-            rc = read_as<unsigned long, unsigned int>(handler, member, order, &v);
-            break;
-        case vtype::bytes: {
-            std::vector<char> buf(size ? size : 1);
-            rc = context::facade()->tev_ash_get_member(APP_CMP_ID, handler, member, size,
-                                                       buf.data(), order);
-            std::string hex = "0x";
-            char b[4];
-            for (unsigned int i = 0; i < size; ++i) {
-                std::snprintf(b, sizeof b, "%02X", static_cast<unsigned char>(buf[i]));
-                hex += b;
-            }
-            *text = hex;
-            return rc;
-        }
-    }
-    *text = std::to_string(v);
-    return rc;
-}
-
-// Writes the value text as T when it lies within T's range; ~0u when it does
-// not or is malformed.
-template <typename T>
-unsigned int write_as(unsigned int handler, unsigned int member, unsigned int order,
-                      const std::string& value, long long lo, long long hi) {
-    long long v = 0;
-    if (!parse_ranged(value, lo, hi, &v)) return ~0u;
-    return context::facade()->tev_ash_set_member(APP_CMP_ID, handler, member, static_cast<T>(v),
-                                                 order);
-}
-
-// Returns 0 on success, a result code, or ~0u when the value text is malformed.
-unsigned int set_value(vtype type, unsigned int handler, unsigned int member, unsigned int order,
-                       const std::string& value) {
-    switch (type) {
-        case vtype::i8: return write_as<char>(handler, member, order, value, -128, 127);
-        case vtype::u8: return write_as<unsigned char>(handler, member, order, value, 0, 255);
-        case vtype::i16: return write_as<short>(handler, member, order, value, -32768, 32767);
-        case vtype::u16: return write_as<unsigned short>(handler, member, order, value, 0, 65535);
-        case vtype::i32:
-            return write_as<long>(handler, member, order, value, -2147483648LL, 2147483647LL);
-        case vtype::u32:
-            return write_as<unsigned long>(handler, member, order, value, 0, 0xFFFFFFFFLL);
-        case vtype::bytes: {
-            std::string buf = value;
-            if (buf.empty()) return ~0u;
-            return context::facade()->tev_ash_set_member(
-                APP_CMP_ID, handler, member, static_cast<unsigned int>(buf.size()), &buf[0], order);
-        }
-    }
-    return ~0u;
-}
+using tevhost::member_kind;
+using tevhost::member_value;
 
 struct member_options {
-    std::string handler, member, type, value, order = "0", size = "0";
+    std::string handler, member, type, value, order = "0", size;
     bool json = false;
 };
 
-// The parsed common part of get and set; false when something was malformed.
-bool parse_access(const member_options& o, vtype* type, unsigned int* handler, unsigned int* member,
-                  unsigned int* order, unsigned int* size) {
-    if (!parse_type(o.type, type)) return context::fail("unknown type '" + o.type + "'"), false;
-    return parse_arg(o.handler, handler, "handler id") &&
-           parse_arg(o.member, member, "member id") && parse_arg(o.order, order, "order") &&
-           parse_arg(o.size, size, "size");
+// The member the user named, resolved to the handler that owns it.
+struct target {
+    unsigned int handler = 0, member = 0, order = 0;
+    unsigned int owner = 0;  // the handler whose record holds the member
+    member_kind type = member_kind::i32;
+    bool has_value = false;  // the store knows the member's kind and width
+    member_value info;
+};
+
+std::string member_text(const target& t) {
+    return "member " + hex32(t.member);
+}
+
+int resolve(context& ctx, const member_options& o, target* t) {
+    if (!parse_kind(o.type, &t->type)) return context::fail("unknown type '" + o.type + "'");
+    if (!parse_arg(o.handler, &t->handler, "handler id") ||
+        !parse_arg(o.member, &t->member, "member id") || !parse_arg(o.order, &t->order, "order"))
+        return 1;
+    unsigned int hc = 0;
+    if (int rc = ctx.check_handler(t->handler, &hc)) return rc;
+    velmora::tev_ash_control control;
+    velmora::TEV_ASH_CATEGORY mc{};
+    unsigned int rc = control.get_member_category(t->member, &mc);
+    if (rc != 0) return ctx.fail_code("no " + member_text(*t) + " in the member table", rc);
+    rc = control.search_target_handler_id(t->handler, t->member, &t->owner, t->order);
+    if (rc == velmora::TEV_ASH_RC_NOT_EXIST)
+        return ctx.fail_code("handler " + std::to_string(t->handler) + " has no " +
+                                 category_name(mc) + " handler for " + member_text(*t) +
+                                 " at order " + std::to_string(t->order),
+                             rc);
+    if (rc != 0)
+        return ctx.fail_code(member_text(*t) + " of a " + category_name(mc) +
+                                 " handler is not reachable from handler " +
+                                 std::to_string(t->handler) + " (" + category_name(hc) + ")",
+                             rc);
+    rc = tevhost::member_info(t->owner, t->member, &t->info);
+    if (rc != 0 && rc != tevhost::STORE_NO_MEMBER)
+        return ctx.fail_code(
+            "cannot read " + member_text(*t) + " of handler " + std::to_string(t->owner), rc);
+    t->has_value = rc == 0;
+    if (t->has_value && t->info.kind != t->type)
+        return context::fail(member_text(*t) + " is " + kind_name(t->info.kind) + ", not " +
+                             o.type);
+    return 0;
+}
+
+// Reads the member into a variable of its own width.
+template <typename T>
+unsigned int read_as(const target& t, long long* v) {
+    T x = 0;
+    const unsigned int rc =
+        context::facade()->tev_ash_get_member(APP_CMP_ID, t.handler, t.member, &x, t.order);
+    *v = static_cast<long long>(x);
+    return rc;
+}
+
+unsigned int read_integer(const target& t, long long* v) {
+    switch (t.type) {
+        case member_kind::i8: {
+            unsigned int rc = read_as<char>(t, v);
+            *v = static_cast<signed char>(*v);
+            return rc;
+        }
+        case member_kind::u8: return read_as<unsigned char>(t, v);
+        case member_kind::i16: return read_as<short>(t, v);
+        case member_kind::u16: return read_as<unsigned short>(t, v);
+        case member_kind::i32: return read_as<long>(t, v);
+        case member_kind::u32: return read_as<unsigned long>(t, v);
+        case member_kind::bytes: break;
+    }
+    return velmora::TEV_ASH_RC_BAD_ARG;
 }
 
 int run_get(context& ctx, const member_options& o) {
-    vtype type;
-    unsigned int handler = 0, member = 0, order = 0, size = 0;
-    if (!parse_access(o, &type, &handler, &member, &order, &size)) return 1;
-    if (type == vtype::bytes && size == 0) return context::fail("bytes needs --size");
+    target t;
+    if (int rc = resolve(ctx, o, &t)) return rc;
+    if (!t.has_value)
+        return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
+                             " has no value");
     std::string text;
-    unsigned int rc = get_value(type, handler, member, order, size, &text);
-    if (rc != 0) return ctx.fail_code("get " + hex32(member), rc);
+    if (t.type == member_kind::bytes) {
+        unsigned int size = t.info.size;
+        if (!o.size.empty() && !parse_arg(o.size, &size, "size")) return 1;
+        if (size == 0 || size > t.info.size)
+            return context::fail("--size " + o.size + " does not fit " + member_text(t) + " (" +
+                                 std::to_string(t.info.size) + " bytes)");
+        // The store writes the member's whole value: the buffer is the member's size.
+        std::vector<char> buf(t.info.size);
+        const unsigned int rc = context::facade()->tev_ash_get_member(
+            APP_CMP_ID, t.handler, t.member, t.info.size, buf.data(), t.order);
+        if (rc != 0) return ctx.fail_code("cannot read " + member_text(t), rc);
+        text = hex_bytes(std::vector<unsigned char>(buf.begin(), buf.begin() + size));
+    } else {
+        long long v = 0;
+        const unsigned int rc = read_integer(t, &v);
+        if (rc != 0) return ctx.fail_code("cannot read " + member_text(t), rc);
+        text = std::to_string(v);
+    }
     if (o.json)
-        std::cout << "{\"handler\":" << handler << ",\"member\":" << member << ",\"type\":\""
-                  << o.type << "\",\"value\":" << (type == vtype::bytes ? "\"" + text + "\"" : text)
+        std::cout << "{\"handler\":" << t.handler << ",\"member\":" << t.member << ",\"type\":\""
+                  << o.type
+                  << "\",\"value\":" << (t.type == member_kind::bytes ? "\"" + text + "\"" : text)
                   << "}\n";
     else
         std::cout << text << '\n';
     return 0;
 }
 
+unsigned int write_integer(const target& t, long long v) {
+    auto* f = context::facade();
+    switch (t.type) {
+        case member_kind::i8:
+            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<char>(v),
+                                         t.order);
+        case member_kind::u8:
+            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member,
+                                         static_cast<unsigned char>(v), t.order);
+        case member_kind::i16:
+            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<short>(v),
+                                         t.order);
+        case member_kind::u16:
+            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member,
+                                         static_cast<unsigned short>(v), t.order);
+        case member_kind::i32:
+            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<long>(v),
+                                         t.order);
+        case member_kind::u32:
+            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member,
+                                         static_cast<unsigned long>(v), t.order);
+        case member_kind::bytes: break;
+    }
+    return velmora::TEV_ASH_RC_BAD_ARG;
+}
+
 int run_set(context& ctx, const member_options& o) {
-    vtype type;
-    unsigned int handler = 0, member = 0, order = 0, size = 0;
-    if (!parse_access(o, &type, &handler, &member, &order, &size)) return 1;
-    unsigned int rc = set_value(type, handler, member, order, o.value);
-    if (rc == ~0u) return context::fail("malformed " + o.type + " value '" + o.value + "'");
-    return rc ? ctx.fail_code("set " + hex32(member), rc) : 0;
+    target t;
+    if (int rc = resolve(ctx, o, &t)) return rc;
+    unsigned int rc = 0;
+    if (t.type == member_kind::bytes) {
+        if (!t.has_value)
+            return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
+                                 " has no size yet; bytes need a member with a value");
+        if (o.value.size() > t.info.size)
+            return context::fail("a value of " + std::to_string(o.value.size()) +
+                                 " bytes does not fit " + member_text(t) + " (" +
+                                 std::to_string(t.info.size) + " bytes)");
+        // The store takes the member's whole width from the buffer: pad with zeros.
+        std::vector<char> buf(t.info.size, '\0');
+        std::copy(o.value.begin(), o.value.end(), buf.begin());
+        rc = context::facade()->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, t.info.size,
+                                                   buf.data(), t.order);
+    } else {
+        long long v = 0, lo = 0, hi = 0;
+        kind_range(t.type, &lo, &hi);
+        if (!parse_number(o.value, &v))
+            return context::fail("malformed " + o.type + " value '" + o.value + "'");
+        if (v < lo || v > hi)
+            return context::fail("value " + o.value + " is out of range for " + o.type + " (" +
+                                 std::to_string(lo) + ".." + std::to_string(hi) + ")");
+        rc = write_integer(t, v);
+    }
+    return rc ? ctx.fail_code("cannot write " + member_text(t), rc) : 0;
+}
+
+std::string value_text(const member_value& m) {
+    return m.kind == member_kind::bytes ? hex_bytes(m.value)
+                                        : std::to_string(decode_value(m.kind, m.value));
+}
+
+int run_members(context& ctx, const std::string& text, bool json) {
+    unsigned int id = 0;
+    if (!parse_arg(text, &id, "handler id")) return 1;
+    if (int rc = ctx.check_handler(id)) return rc;
+    const auto members = tevhost::record_members(id);
+    if (json) {
+        nlohmann::ordered_json out = nlohmann::ordered_json::array();
+        for (const auto& m : members) {
+            nlohmann::ordered_json row = {
+                {"member", hex32(m.member_id)}, {"kind", kind_name(m.kind)}, {"size", m.size}};
+            if (m.kind == member_kind::bytes)
+                row["value"] = hex_bytes(m.value);
+            else
+                row["value"] = decode_value(m.kind, m.value);
+            out.push_back(row);
+        }
+        std::cout << out.dump() << '\n';
+        return 0;
+    }
+    std::cout << std::left << std::setw(12) << "MEMBER" << std::setw(7) << "KIND" << std::setw(7)
+              << "WIDTH"
+              << "VALUE\n";
+    for (const auto& m : members)
+        std::cout << std::setw(12) << hex32(m.member_id) << std::setw(7) << kind_name(m.kind)
+                  << std::setw(7) << m.size << value_text(m) << '\n';
+    return 0;
+}
+
+void add_access_options(CLI::App* sub, member_options& o) {
+    sub->add_option("handler", o.handler, "Handler id")->required();
+    sub->add_option("member", o.member, "Member id")->required();
 }
 
 }  // namespace
@@ -150,22 +233,27 @@ int run_set(context& ctx, const member_options& o) {
 void add_member_commands(CLI::App& app, context& ctx) {
     auto g = std::make_shared<member_options>();
     auto* get = app.add_subcommand("get", "Read a member");
-    get->add_option("handler", g->handler, "Handler id")->required();
-    get->add_option("member", g->member, "Member id")->required();
+    add_access_options(get, *g);
     get->add_option("-t,--type", g->type, "i8,u8,i16,u16,i32,u32,bytes")->required();
     get->add_option("--order", g->order, "Child order for job-set members");
-    get->add_option("--size", g->size, "Byte count for bytes");
+    get->add_option("--size", g->size, "Byte count for bytes (default: the member's size)");
     get->add_flag("--json", g->json, "JSON output");
-    run_with_system(get, ctx, [&ctx, g] { return run_get(ctx, *g); });
+    run_with_system(get, ctx, store_access::read, [&ctx, g] { return run_get(ctx, *g); });
 
     auto s = std::make_shared<member_options>();
     auto* set = app.add_subcommand("set", "Write a member");
-    set->add_option("handler", s->handler, "Handler id")->required();
-    set->add_option("member", s->member, "Member id")->required();
+    add_access_options(set, *s);
     set->add_option("value", s->value, "Value (bytes: the text's characters)")->required();
     set->add_option("-t,--type", s->type, "i8,u8,i16,u16,i32,u32,bytes")->required();
     set->add_option("--order", s->order, "Child order for job-set members");
-    run_with_system(set, ctx, [&ctx, s] { return run_set(ctx, *s); });
+    run_with_system(set, ctx, store_access::write, [&ctx, s] { return run_set(ctx, *s); });
+
+    auto m = std::make_shared<member_options>();
+    auto* members = app.add_subcommand("members", "List a handler's members: kind, width, value");
+    members->add_option("handler", m->handler, "Handler id")->required();
+    members->add_flag("--json", m->json, "JSON output");
+    run_with_system(members, ctx, store_access::read,
+                    [&ctx, m] { return run_members(ctx, m->handler, m->json); });
 }
 
 }  // namespace tevash_cli

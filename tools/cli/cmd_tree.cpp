@@ -27,19 +27,19 @@ std::vector<unsigned int> roots() {
 int run_tree(context& ctx, const tree_options& o) {
     std::vector<unsigned int> tops;
     if (!o.handler.empty()) {
-        unsigned int id = 0, category = 0;
-        if (!parse_u32(o.handler, &id))
-            return context::fail("malformed handler id '" + o.handler + "'");
-        unsigned int rc = context::facade()->tev_ash_get_category(id, &category);
-        if (rc != 0) return ctx.fail_code("tree", rc);
+        unsigned int id = 0;
+        if (!parse_arg(o.handler, &id, "handler id")) return 1;
+        if (int rc = ctx.check_handler(id)) return rc;
         tops.push_back(id);
     } else {
         tops = roots();
     }
+    unsigned int failed = 0;
     if (o.json) std::cout << '[';
     for (size_t i = 0; i < tops.size(); ++i) {
         std::vector<tree_entry> entries;
-        walk_tree(tops[i], &entries);
+        const unsigned int rc = walk_tree(tops[i], &entries);
+        if (failed == 0) failed = rc;
         if (o.json) {
             if (i) std::cout << ',';
             tree_json(entries, std::cout);
@@ -48,7 +48,8 @@ int run_tree(context& ctx, const tree_options& o) {
         }
     }
     if (o.json) std::cout << "]\n";
-    return 0;
+    std::cout.flush();
+    return failed ? ctx.fail_code("the tree could not be read whole", failed) : 0;
 }
 
 }  // namespace
@@ -58,7 +59,7 @@ void add_tree_commands(CLI::App& app, context& ctx) {
     auto* tree = app.add_subcommand("tree", "Draw handler trees");
     tree->add_option("handler", o->handler, "Root of the drawing (default: every tree)");
     tree->add_flag("--json", o->json, "JSON output");
-    run_with_system(tree, ctx, [&ctx, o] { return run_tree(ctx, *o); });
+    run_with_system(tree, ctx, store_access::read, [&ctx, o] { return run_tree(ctx, *o); });
 }
 
 }  // namespace tevash_cli

@@ -31,21 +31,39 @@ int context::fail(const std::string& message) {
     return 1;
 }
 
-int context::fail_code(const std::string& what, unsigned int rc) const {
-    std::string text;
+int context::fail_code(const std::string& words, unsigned int rc) const {
+    fail(words);
+    std::cerr << "  result " << hex32(rc) << '\n';
     if (capture) {
         for (const auto& line : capture->lines()) {
             std::string t = line.text;
             while (!t.empty() && (t.back() == '\n' || t.back() == '\r')) t.pop_back();
-            if (!text.empty()) text += " | ";
-            text += t;
+            std::cerr << "  trace: " << t << '\n';
         }
     }
-    return fail(what + " failed: result " + hex32(rc) + (text.empty() ? "" : ": " + text));
+    return 1;
 }
 
-void run_with_system(CLI::App* sub, context& ctx, std::function<int()> body) {
-    sub->callback([&ctx, body] {
+int context::fail_service(const std::string& words, unsigned int rc) const {
+    const int sent = tevhost::last_send_status();
+    if (sent != tevhost::MSG_OK)
+        return fail_code(
+            std::string("handler service not reachable (") + tevhost::send_status_text(sent) + ")",
+            rc);
+    return fail_code(words, rc);
+}
+
+int context::check_handler(unsigned int id, unsigned int* category) const {
+    unsigned int c = 0;
+    const unsigned int rc = facade()->tev_ash_get_category(id, &c);
+    if (rc != 0) return fail_code("no handler " + std::to_string(id), rc);
+    if (category != nullptr) *category = c;
+    return 0;
+}
+
+void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body) {
+    sub->callback([&ctx, access, body] {
+        (void)access;
         ctx.exit_code = ctx.start_system();
         if (ctx.exit_code == 0) ctx.exit_code = body();
     });

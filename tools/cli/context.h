@@ -6,6 +6,9 @@
 // (declared in commands.h) and gives each a body through run_with_system (store
 // opened, service and director up) or, when it needs another start-up, through
 // CLI::App::callback setting ctx.exit_code itself.
+//
+// Errors: one line in words first ("tevash: no handler 99"), then, indented,
+// the result code and the trace lines the command caused.
 #ifndef TEVASH_CLI_CONTEXT_H
 #define TEVASH_CLI_CONTEXT_H
 
@@ -51,13 +54,22 @@ struct context {
 
     // Prints "tevash: <message>" to standard error; returns the exit code 1.
     static int fail(const std::string& message);
-    // fail with the result code and the trace lines captured so far.
-    int fail_code(const std::string& what, unsigned int rc) const;
+    // fail, then the result code and the trace lines captured so far.
+    int fail_code(const std::string& words, unsigned int rc) const;
+    // fail_code for create, reset and remove: "handler service not reachable"
+    // when the request did not reach the service, else `words`.
+    int fail_service(const std::string& words, unsigned int rc) const;
+    // 0 when handler `id` exists (its category in *category); otherwise
+    // "no handler <id>" is printed and the exit code returned.
+    int check_handler(unsigned int id, unsigned int* category = nullptr) const;
 };
+
+// What a command does to the store: read commands open it read-only.
+enum class store_access { read, write };
 
 // Gives `sub` the body `body`, run once the store is open and the system is up;
 // its return value becomes the exit code.
-void run_with_system(CLI::App* sub, context& ctx, std::function<int()> body);
+void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body);
 
 }  // namespace tevash_cli
 

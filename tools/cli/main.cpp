@@ -10,7 +10,12 @@ int main(int argc, char** argv) {
     using namespace tevash_cli;
     CLI::App app{"tevash: handler trees, members and copies over a record store"};
     app.require_subcommand(1);
-    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+    app.set_version_flag("--version", "tevash " TEVASH_VERSION);
+    app.failure_message([](const CLI::App* failed, const CLI::Error& e) {
+        // A word where a subcommand belongs names no subcommand of ours.
+        const auto rest = failed->remaining();
+        if (failed->get_parent() == nullptr && failed->get_subcommands().empty() && !rest.empty())
+            return "tevash: unknown subcommand '" + rest.front() + "' (see --help)\n";
         return std::string("tevash: ") + e.what() + " (see --help)\n";
     });
     context ctx;
@@ -24,6 +29,7 @@ int main(int argc, char** argv) {
     add_handler_commands(app, ctx);
     add_member_commands(app, ctx);
     add_tree_commands(app, ctx);
+    add_transfer_commands(app, ctx);
 
     CLI11_PARSE(app, argc, argv);
     return ctx.exit_code;

@@ -1,8 +1,6 @@
 #include "util.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 
 #include "tev_ash_types.h"
@@ -12,9 +10,10 @@ namespace tevash_cli {
 namespace {
 
 using namespace velmora;
+using tevhost::member_kind;
 
-// The categories with a name of their own; the others are JOBSET_xx by bit number.
-// `name` is what create accepts (none for DETACHED, a member's category only).
+// The categories with a name of their own; the others are JOBSET_xx by bit
+// number. `name` is what create accepts (none for DETACHED, a member's category only).
 struct named_category {
     const char* name;
     const char* shown;
@@ -32,21 +31,66 @@ bool is_jobset_bit(long long bit) {
            (1u << bit) != TEV_ASH_CAT_DETACHED && (1u << bit) != TEV_ASH_CAT_SUBJOB;
 }
 
-bool parse_ll(const std::string& text, long long* out) {
-    if (text.empty() || text[0] == ' ') return false;
-    errno = 0;
-    char* end = nullptr;
-    long long value = std::strtoll(text.c_str(), &end, 0);
-    if (errno != 0 || end == text.c_str() || *end != '\0') return false;
-    *out = value;
-    return true;
+struct kind_row {
+    const char* name;
+    member_kind kind;
+    unsigned int width;
+    long long lo, hi;
+};
+constexpr kind_row KINDS[] = {{"i8", member_kind::i8, 1, -128, 127},
+                              {"u8", member_kind::u8, 1, 0, 255},
+                              {"i16", member_kind::i16, 2, -32768, 32767},
+                              {"u16", member_kind::u16, 2, 0, 65535},
+                              {"i32", member_kind::i32, 4, -2147483648LL, 2147483647LL},
+                              {"u32", member_kind::u32, 4, 0, 4294967295LL},
+                              {"bytes", member_kind::bytes, 0, 0, 0}};
+
+const kind_row& row_of(member_kind kind) {
+    for (const auto& r : KINDS)
+        if (r.kind == kind) return r;
+    return KINDS[6];
+}
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
 }
 
 }  // namespace
 
+bool parse_number(const std::string& text, long long* out) {
+    size_t i = 0;
+    const bool negative = !text.empty() && text[0] == '-';
+    if (negative) ++i;
+    int base = 10;
+    if (text.compare(i, 2, "0x") == 0 || text.compare(i, 2, "0X") == 0) {
+        base = 16;
+        i += 2;
+    }
+    if (i == text.size()) return false;
+    unsigned long long value = 0;
+    for (; i < text.size(); ++i) {
+        const int d = hex_digit(text[i]);
+        if (d < 0 || d >= base) return false;
+        value = value * base + d;
+        if (value > 0xFFFFFFFFULL) return false;
+    }
+    *out = negative ? -static_cast<long long>(value) : static_cast<long long>(value);
+    return true;
+}
+
+bool parse_ranged(const std::string& text, long long lo, long long hi, long long* out) {
+    long long value = 0;
+    if (!parse_number(text, &value) || value < lo || value > hi) return false;
+    *out = value;
+    return true;
+}
+
 bool parse_u32(const std::string& text, unsigned int* out) {
     long long value = 0;
-    if (!parse_ll(text, &value) || value < 0 || value > 0xFFFFFFFFLL) return false;
+    if (!parse_ranged(text, 0, 0xFFFFFFFFLL, &value)) return false;
     *out = static_cast<unsigned int>(value);
     return true;
 }
@@ -57,17 +101,9 @@ bool parse_arg(const std::string& text, unsigned int* out, const char* what) {
     return false;
 }
 
-bool parse_ranged(const std::string& text, long long lo, long long hi, long long* out) {
-    long long value = 0;
-    if (!parse_ll(text, &value) || value < lo || value > hi) return false;
-    *out = value;
-    return true;
-}
-
 bool parse_category(const std::string& text, unsigned int* out) {
-    for (const auto& n : NAMED) {
+    for (const auto& n : NAMED)
         if (!text.empty() && text == n.name) return *out = n.category, true;
-    }
     if (text.rfind("JOBSET_", 0) == 0) {
         long long bit = 0;
         if (!parse_ranged(text.substr(7), JOBSET_FIRST_BIT, JOBSET_LAST_BIT, &bit) ||
@@ -85,9 +121,8 @@ bool parse_category(const std::string& text, unsigned int* out) {
 }
 
 std::string category_name(unsigned int category) {
-    for (const auto& n : NAMED) {
+    for (const auto& n : NAMED)
         if (category == n.category) return n.shown;
-    }
     for (int bit = JOBSET_FIRST_BIT; bit <= JOBSET_LAST_BIT; ++bit) {
         if (category == (1u << bit) && is_jobset_bit(bit)) {
             char buf[32];
@@ -96,6 +131,73 @@ std::string category_name(unsigned int category) {
         }
     }
     return "CATEGORY(" + hex32(category) + ")";
+}
+
+std::string category_token(unsigned int category) {
+    for (const auto& n : NAMED)
+        if (category == n.category) return n.name[0] ? n.name : hex32(category);
+    std::string name = category_name(category);
+    return name.rfind("JOBSET_", 0) == 0 ? name : hex32(category);
+}
+
+const char* kind_name(member_kind kind) {
+    return row_of(kind).name;
+}
+
+bool parse_kind(const std::string& name, member_kind* out) {
+    for (const auto& r : KINDS)
+        if (name == r.name) return *out = r.kind, true;
+    return false;
+}
+
+unsigned int kind_width(member_kind kind) {
+    return row_of(kind).width;
+}
+
+void kind_range(member_kind kind, long long* lo, long long* hi) {
+    *lo = row_of(kind).lo;
+    *hi = row_of(kind).hi;
+}
+
+long long decode_value(member_kind kind, const std::vector<unsigned char>& bytes) {
+    unsigned long long raw = 0;
+    const unsigned int width = kind_width(kind);
+    for (unsigned int i = 0; i < width && i < bytes.size(); ++i)
+        raw |= static_cast<unsigned long long>(bytes[i]) << (8 * i);
+    long long lo = 0, hi = 0;
+    kind_range(kind, &lo, &hi);
+    // Signed kinds: the top bit of the width is the sign.
+    if (lo < 0 && width > 0 && (raw >> (8 * width - 1)) != 0)
+        return static_cast<long long>(raw) - (1LL << (8 * width));
+    return static_cast<long long>(raw);
+}
+
+std::vector<unsigned char> encode_value(long long value, unsigned int width) {
+    std::vector<unsigned char> bytes(width);
+    const auto raw = static_cast<unsigned long long>(value);
+    for (unsigned int i = 0; i < width; ++i) bytes[i] = static_cast<unsigned char>(raw >> (8 * i));
+    return bytes;
+}
+
+std::string hex_bytes(const std::vector<unsigned char>& bytes) {
+    std::string hex = "0x";
+    char b[4];
+    for (unsigned char c : bytes) {
+        std::snprintf(b, sizeof b, "%02X", c);
+        hex += b;
+    }
+    return hex;
+}
+
+bool parse_hex_bytes(const std::string& text, std::vector<unsigned char>* out) {
+    if (text.compare(0, 2, "0x") != 0 || text.size() % 2 != 0) return false;
+    out->clear();
+    for (size_t i = 2; i < text.size(); i += 2) {
+        const int hi = hex_digit(text[i]), lo = hex_digit(text[i + 1]);
+        if (hi < 0 || lo < 0) return false;
+        out->push_back(static_cast<unsigned char>(hi * 16 + lo));
+    }
+    return true;
 }
 
 std::string hex32(unsigned int value) {

@@ -3,19 +3,43 @@
 #define TEVASH_CLI_UTIL_H
 
 #include <string>
+#include <vector>
+
+#include "host/tev_host.h"
 
 namespace tevash_cli {
 
-// Parses a 32-bit unsigned number (decimal or 0x-hex); false when malformed.
+// Numbers are decimal or 0x-hex; a leading zero is decimal (010 is ten).
+// Parses a 32-bit unsigned number; false when malformed.
 bool parse_u32(const std::string& text, unsigned int* out);
 // parse_u32 of a command argument; when malformed, prints "malformed <what> '<text>'".
 bool parse_arg(const std::string& text, unsigned int* out, const char* what);
-// Parses a signed number in [lo, hi]; false when malformed or out of range.
+// Parses a number with an optional '-' (magnitude below 2^32); false when malformed.
+bool parse_number(const std::string& text, long long* out);
+// Parses a number in [lo, hi]; false when malformed or out of range.
 bool parse_ranged(const std::string& text, long long lo, long long hi, long long* out);
+
 // Parses a category by name (AUTH, APLJOB, JOBSET_03, ...) or number.
 bool parse_category(const std::string& text, unsigned int* out);
 // The display name of a category: AUTH, APLSVC_IMG, APLJOB, SUBJOB(0x400000), JOBSET_xx.
 std::string category_name(unsigned int category);
+// A name parse_category reads back: AUTH, SUBJOB, JOBSET_xx, else 0x-hex.
+std::string category_token(unsigned int category);
+
+// Member kinds: "i8" ... "u32", "bytes".
+const char* kind_name(tevhost::member_kind kind);
+bool parse_kind(const std::string& name, tevhost::member_kind* out);
+// Width in bytes of an integer kind (0 for bytes) and its value range.
+unsigned int kind_width(tevhost::member_kind kind);
+void kind_range(tevhost::member_kind kind, long long* lo, long long* hi);
+// An integer value from its little-endian bytes, as its kind reads it.
+long long decode_value(tevhost::member_kind kind, const std::vector<unsigned char>& bytes);
+// Little-endian bytes of an integer value of `width` bytes.
+std::vector<unsigned char> encode_value(long long value, unsigned int width);
+// "0x" followed by two upper-case hex digits per byte; and back (false when malformed).
+std::string hex_bytes(const std::vector<unsigned char>& bytes);
+bool parse_hex_bytes(const std::string& text, std::vector<unsigned char>* out);
+
 std::string hex32(unsigned int value);
 std::string json_escape(const std::string& text);
 
