@@ -2,14 +2,19 @@
 // host message service, against a raw SOCK_SEQPACKET ping-pong of the same
 // frame sizes (a 32-byte request, a 20-byte reply) in the same run. The server
 // is this binary started again; pinned:1 puts both processes on CPU 0,
-// pinned:0 leaves them to the scheduler. Wall time per round trip.
+// pinned:0 leaves them to the scheduler. Wall time per round trip, and as the
+// counter cpu_ns the CPU time both processes spent per round trip (the sender's
+// thread and the whole server process), which a busy host disturbs far less.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <cstdint>
 
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +40,19 @@ public:
     }
 };
 
+uint64_t cpu_ns(clockid_t clock) {
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
+
+// A server writes the CPU time of its process to stdout when ready (after 'R')
+// and when done.
+void report_cpu() {
+    uint64_t ns = cpu_ns(CLOCK_PROCESS_CPUTIME_ID);
+    if (::write(1, &ns, sizeof ns) != sizeof ns) _exit(1);
+}
+
 // TEVASH_BENCH_SERVE=ipc: serve CONNECTION until stdin closes; =raw: answer
 // every packet on RAW_FD with 20 bytes until it closes.
 const bool g_server = [] {
@@ -42,9 +60,12 @@ const bool g_server = [] {
     if (mode == nullptr) return false;
     if (std::strcmp(mode, "raw") == 0) {
         static unsigned char in[64 * 1024], out[20];
+        if (::write(1, "R", 1) != 1) _exit(1);
+        report_cpu();
         while (::recv(RAW_FD, in, sizeof in, 0) > 0) {
             if (::send(RAW_FD, out, sizeof out, MSG_NOSIGNAL) < 0) break;
         }
+        report_cpu();
         _exit(0);
     }
     static empty_reply object;
@@ -52,10 +73,10 @@ const bool g_server = [] {
         !tevhost::serve_connection(CONNECTION) || ::write(1, "R", 1) != 1) {
         _exit(1);
     }
-    char c;
-    while (::read(0, &c, 1) > 0) {
-    }
+    report_cpu();
+    for (char c; ::read(0, &c, 1) > 0;) continue;
     tevhost::stop_serving(CONNECTION);
+    report_cpu();
     _exit(0);
 }();
 
@@ -120,20 +141,36 @@ public:
         to_ = in[1];
         from_ = out[0];
         char c = 0;
-        ready_ = pid_ > 0 && (raw_fd >= 0 || ::read(from_, &c, 1) == 1);
+        ready_ = pid_ > 0 && ::read(from_, &c, 1) == 1 && read_cpu(&start_cpu_);
     }
-    ~server_process() {
-        ::close(to_);
-        if (pid_ > 0) waitpid(pid_, nullptr, 0);
-        ::close(from_);
-    }
+    ~server_process() { finish(); }
     bool ready() const { return ready_; }
+    // Stops the server; returns the CPU time it spent since it was ready.
+    uint64_t finish() {
+        if (pid_ < 0) return 0;
+        ::close(to_);
+        uint64_t end_cpu = start_cpu_;
+        read_cpu(&end_cpu);
+        waitpid(pid_, nullptr, 0);
+        ::close(from_);
+        pid_ = -1;
+        return end_cpu - start_cpu_;
+    }
 
 private:
+    bool read_cpu(uint64_t* ns) { return ::read(from_, ns, sizeof *ns) == sizeof *ns; }
     pid_t pid_ = -1;
     int to_ = -1, from_ = -1;
     bool ready_ = false;
+    uint64_t start_cpu_ = 0;
 };
+
+// Both processes' CPU time per round trip as the counter cpu_ns.
+void count_cpu(benchmark::State& st, uint64_t sender_ns, uint64_t server_ns) {
+    if (st.iterations() == 0) return;
+    st.counters["cpu_ns"] =
+        static_cast<double>(sender_ns + server_ns) / static_cast<double>(st.iterations());
+}
 
 void BM_ipc_round_trip(benchmark::State& st) {
     pin pinned(st.range(0) != 0);
@@ -146,6 +183,7 @@ void BM_ipc_round_trip(benchmark::State& st) {
         st.SkipWithError("message service server did not answer");
         return;
     }
+    uint64_t start = cpu_ns(CLOCK_THREAD_CPUTIME_ID);
     for (auto _ : st) {
         len = 0;
         if (client.vlq_mc_send_sync_message(1, 0, nullptr, 0, reply, &len, CONNECTION) != 0) {
@@ -153,6 +191,8 @@ void BM_ipc_round_trip(benchmark::State& st) {
             break;
         }
     }
+    uint64_t sender = cpu_ns(CLOCK_THREAD_CPUTIME_ID) - start;
+    count_cpu(st, sender, server.finish());
 }
 
 void BM_raw_ipc_round_trip(benchmark::State& st) {
@@ -162,19 +202,20 @@ void BM_raw_ipc_round_trip(benchmark::State& st) {
         st.SkipWithError("no socket pair");
         return;
     }
-    {
-        server_process server("raw", pair[1]);
-        ::close(pair[1]);
-        unsigned char request[32] = {}, reply[64];
-        for (auto _ : st) {
-            if (::send(pair[0], request, sizeof request, MSG_NOSIGNAL) != sizeof request ||
-                ::recv(pair[0], reply, sizeof reply, 0) != 20) {
-                st.SkipWithError("raw round trip failed");
-                break;
-            }
+    server_process server("raw", pair[1]);
+    ::close(pair[1]);
+    unsigned char request[32] = {}, reply[64];
+    uint64_t start = cpu_ns(CLOCK_THREAD_CPUTIME_ID);
+    for (auto _ : st) {
+        if (::send(pair[0], request, sizeof request, MSG_NOSIGNAL) != sizeof request ||
+            ::recv(pair[0], reply, sizeof reply, 0) != 20) {
+            st.SkipWithError("raw round trip failed");
+            break;
         }
-        ::close(pair[0]);  // the server ends
     }
+    uint64_t sender = cpu_ns(CLOCK_THREAD_CPUTIME_ID) - start;
+    ::close(pair[0]);  // the server ends
+    count_cpu(st, sender, server.finish());
 }
 
 }  // namespace

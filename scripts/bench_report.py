@@ -45,6 +45,9 @@ for name, b in sorted(runs.items(), key=lambda item: row_order(item[0])):
         print(f"{name:44} {t:10.1f} {r:10.1f} {t / r:7.2f}")
     else:
         print(f"{name:44} {t:10.1f} {'':>10} {'':>7}")
+    if "round_trip" in name and raw and "cpu_ns" in b and "cpu_ns" in raw:
+        c, rc = b["cpu_ns"], raw["cpu_ns"]
+        print(f"{'  CPU of both processes':44} {c:10.1f} {rc:10.1f} {c / rc:7.2f}")
     if name.startswith("BM_copy/"):
         n = int(name.split("/")[1])
         raw_per_child = f"{raw['cpu_time'] / n:10.1f}" if raw else ""

@@ -18,6 +18,7 @@
 // caller's only when it is whole and well formed.
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -254,9 +255,13 @@ struct client_connection {
     int timeout_ms;
 };
 
+// Counts forks, so that a child does not share its parent's connections.
+std::atomic<unsigned> g_forks{0};
+
 // This thread's connections; closed when the thread ends.
 struct client_cache {
     std::vector<client_connection> connections;
+    unsigned forks = g_forks.load(std::memory_order_relaxed);
     uint32_t next_call = 1;
     std::vector<unsigned char> frame = std::vector<unsigned char>(ipc::MAX_FRAME);
     ~client_cache() {
@@ -268,6 +273,15 @@ struct client_cache {
         }
         return nullptr;
     }
+    // In a child forked since, the connections are the parent's: closed here
+    // (the parent's stay open), and the child makes its own.
+    void forget_if_forked() {
+        unsigned now = g_forks.load(std::memory_order_relaxed);
+        if (now == forks) return;
+        for (const client_connection& c : connections) ::close(c.fd);
+        connections.clear();
+        forks = now;
+    }
     void drop(client_connection* c) {
         ::close(c->fd);
         *c = connections.back();
@@ -276,6 +290,7 @@ struct client_cache {
 };
 
 thread_local client_cache t_cache;
+const int g_fork_counting = pthread_atfork(nullptr, nullptr, [] { ++g_forks; });
 
 void set_timeouts(int fd, int ms) {
     timeval tv{ms / 1000, (ms % 1000) * 1000};
@@ -285,12 +300,14 @@ void set_timeouts(int fd, int ms) {
 
 // Connects to the process serving `name`; MSG_OK with *out added to the cache,
 // or MSG_NOT_LISTENING with a trace line saying why.
-int connect_to(const std::string& name, client_connection** out) {
+// A check (`quiet`) that finds nothing listening leaves no trace line: for it
+// that is an answer, not a failure.
+int connect_to(const std::string& name, bool quiet, client_connection** out) {
     std::string dir = runtime_dir_path();
     std::string path = dir + "/" + file_name(name) + ".sock";
     struct stat st;
     if (::lstat(path.c_str(), &st) != 0) {
-        trace("send to " + name + ": nothing listening (no " + path + ")");
+        if (!quiet) trace("send to " + name + ": nothing listening (no " + path + ")");
         return MSG_NOT_LISTENING;
     }
     std::string unsafe = unsafe_dir(dir);
@@ -311,9 +328,16 @@ int connect_to(const std::string& name, client_connection** out) {
     int ms = timeout_ms();
     set_timeouts(fd, ms);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        trace("send to " + name + ": nothing listening on " + path + " (" + std::strerror(errno) +
-              ")");
+        int error = errno;
         ::close(fd);
+        if (error == EAGAIN) {  // the server's queue of new connections stayed full
+            trace("send to " + name + ": not accepted within " + std::to_string(ms) + " ms");
+            return MSG_TIMEOUT;
+        }
+        if (!quiet) {
+            trace("send to " + name + ": nothing listening on " + path + " (" +
+                  std::strerror(error) + ")");
+        }
         return MSG_NOT_LISTENING;
     }
     t_cache.connections.push_back(client_connection{name, fd, ms});
@@ -326,7 +350,8 @@ bool server_gone(int error) {
 }
 
 // One request and its reply. On MSG_OK *answer points into t_cache.frame.
-int round_trip(const std::string& name, ipc::request& r, ipc::reply* answer) {
+int round_trip(const std::string& name, ipc::request& r, ipc::reply* answer, bool quiet) {
+    t_cache.forget_if_forked();
     unsigned char header[ipc::REQUEST_HEADER];
     r.call = t_cache.next_call++;
     ipc::encode_request_header(r, header);
@@ -340,7 +365,7 @@ int round_trip(const std::string& name, ipc::request& r, ipc::reply* answer) {
     bool fresh = false;
     for (;;) {
         if (c == nullptr) {
-            int status = connect_to(name, &c);
+            int status = connect_to(name, quiet, &c);
             if (status != MSG_OK) return status;
             fresh = true;
         }
@@ -413,7 +438,7 @@ int remote_send(const std::string& connection, long object_id, long func_id, con
     r.payload = reinterpret_cast<const unsigned char*>(req);
     r.payload_size = req_len;
     ipc::reply answer;
-    int status = round_trip(connection, r, &answer);
+    int status = round_trip(connection, r, &answer, false);
     if (status != MSG_OK) return status;
     if (answer.status != MSG_OK) return static_cast<int>(answer.status);
     if (answer.size > 0) std::memcpy(rpl, answer.bytes, answer.size);
@@ -426,7 +451,7 @@ int remote_check(const std::string& connection, long object_id) {
     r.kind = ipc::KIND_CHECK;
     r.object_id = object_id;
     ipc::reply answer;
-    return round_trip(connection, r, &answer) == MSG_OK && answer.status == MSG_OK ? 1 : 0;
+    return round_trip(connection, r, &answer, true) == MSG_OK && answer.status == MSG_OK ? 1 : 0;
 }
 
 }  // namespace detail
