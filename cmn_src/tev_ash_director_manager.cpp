@@ -34,6 +34,27 @@ bool notifying_in_this_thread(const tev_ash_observer* observer) {
     return std::find(t_notifying.begin(), t_notifying.end(), observer) != t_notifying.end();
 }
 
+// One request routed to `observer`, the one registered for its application
+// type (null when there is none: 0xC1030006), through `notify(observer,
+// result)`. The director's non-zero result is returned unchanged. Either failure
+// writes one trace line under `function`.
+template <typename Notify>
+unsigned int route(const char* function, const std::shared_ptr<tev_ash_observer>& observer,
+                   Notify&& notify) {
+    if (!observer) {
+        return TEV_ASH_FAIL(TEV_ASH_RC_NO_OBSERVER, FILE_NAME, function, "[Error]rc:%#.8lx",
+                            static_cast<unsigned long>(TEV_ASH_RC_NO_OBSERVER));
+    }
+    long result = 0;
+    {
+        notification_scope scope(observer.get());
+        notify(*observer, result);
+    }
+    if (result == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_FAIL(static_cast<unsigned int>(result), FILE_NAME, function,
+                        "[Error]result:%#.8lx", static_cast<unsigned long>(result));
+}
+
 }  // namespace
 
 // Runs when the last reference to a registered observer is dropped: the
@@ -156,70 +177,28 @@ unsigned int tev_ash_director_manager::create(TEV_ASH_CATEGORY category, TEV_ASH
                                               TEV_ASH_SERVICE_TYPE service_type,
                                               unsigned int* handler_id,
                                               unsigned int src_handler_id) {
-    long result = 0;
     if (handler_id == nullptr) {
         TEV_ASH_TRACE(FILE_NAME, "create", "[Error]handler_id is NULL");
         TEV_ASH_NOTIFY(TEV_ASH_NOTIFY_NULL_ARG, FILE_NAME, "create");
         return TEV_ASH_RC_BAD_ARG;
     }
-    std::shared_ptr<tev_ash_observer> observer = find(app_type);
-    if (!observer) {
-        TEV_ASH_TRACE(FILE_NAME, "create", "[Error]rc:%#.8lx",
-                      static_cast<unsigned long>(TEV_ASH_RC_NO_OBSERVER));
-        return TEV_ASH_RC_NO_OBSERVER;
-    }
-    {
-        notification_scope scope(observer.get());
-        observer->notify_create(category, service_type, *handler_id, src_handler_id, result);
-    }
-    if (result != 0) {
-        TEV_ASH_TRACE(FILE_NAME, "create", "[Error]result:%#.8lx",
-                      static_cast<unsigned long>(result));
-        return static_cast<unsigned int>(result);
-    }
-    return TEV_ASH_RC_OK;
+    return route("create", find(app_type), [&](tev_ash_observer& observer, long& result) {
+        observer.notify_create(category, service_type, *handler_id, src_handler_id, result);
+    });
 }
 
 unsigned int tev_ash_director_manager::remove(TEV_ASH_APP_TYPE app_type, unsigned int handler_id) {
-    long result = 0;
-    std::shared_ptr<tev_ash_observer> observer = find(app_type);
-    if (!observer) {
-        TEV_ASH_TRACE(FILE_NAME, "remove", "[Error]rc:%#.8lx",
-                      static_cast<unsigned long>(TEV_ASH_RC_NO_OBSERVER));
-        return TEV_ASH_RC_NO_OBSERVER;
-    }
-    {
-        notification_scope scope(observer.get());
-        observer->notify_remove(handler_id, result);
-    }
-    if (result != 0) {
-        TEV_ASH_TRACE(FILE_NAME, "remove", "[Error]result:%#.8lx",
-                      static_cast<unsigned long>(result));
-        return static_cast<unsigned int>(result);
-    }
-    return TEV_ASH_RC_OK;
+    return route("remove", find(app_type), [&](tev_ash_observer& observer, long& result) {
+        observer.notify_remove(handler_id, result);
+    });
 }
 
 unsigned int tev_ash_director_manager::reset(TEV_ASH_APP_TYPE app_type,
                                              TEV_ASH_SERVICE_TYPE service_type,
                                              unsigned int handler_id) {
-    long result = 0;
-    std::shared_ptr<tev_ash_observer> observer = find(app_type);
-    if (!observer) {
-        TEV_ASH_TRACE(FILE_NAME, "reset", "[Error]rc:%#.8lx",
-                      static_cast<unsigned long>(TEV_ASH_RC_NO_OBSERVER));
-        return TEV_ASH_RC_NO_OBSERVER;
-    }
-    {
-        notification_scope scope(observer.get());
-        observer->notify_reset(service_type, handler_id, result);
-    }
-    if (result != 0) {
-        TEV_ASH_TRACE(FILE_NAME, "reset", "[Error]result:%#.8lx",
-                      static_cast<unsigned long>(result));
-        return static_cast<unsigned int>(result);
-    }
-    return TEV_ASH_RC_OK;
+    return route("reset", find(app_type), [&](tev_ash_observer& observer, long& result) {
+        observer.notify_reset(service_type, handler_id, result);
+    });
 }
 
 }  // namespace velmora

@@ -39,12 +39,15 @@ void notify(unsigned int code, const char* file, const char* function, int line)
 // Trace from the current source line.
 #define TEV_ASH_TRACE(file, function, ...) \
     ::velmora::tev_ash_trace::write((file), __LINE__, (function), __VA_ARGS__)
+// A failure exit from the current source line: one trace line, then `code`
+// (`return TEV_ASH_FAIL(...)`).
+#define TEV_ASH_FAIL(code, file, function, ...) \
+    ::velmora::tev_ash_trace::fail((code), (file), __LINE__, (function), __VA_ARGS__)
 // The control layer's failure exit (a store call or a step that failed): one
-// trace line in tev_ash_control from the current source line, then 0xC1030001.
-#define TEV_ASH_CONTROL_FAILED(function, ...)                                                    \
-    ::velmora::tev_ash_trace::fail(::velmora::TEV_ASH_RC_FAILURE,                                \
-                                   ::velmora::tev_ash_trace::FILE_CONTROL, __LINE__, (function), \
-                                   __VA_ARGS__)
+// trace line in tev_ash_control, then 0xC1030001.
+#define TEV_ASH_CONTROL_FAILED(function, ...)                                           \
+    TEV_ASH_FAIL(::velmora::TEV_ASH_RC_FAILURE, ::velmora::tev_ash_trace::FILE_CONTROL, \
+                 (function), __VA_ARGS__)
 #define TEV_ASH_NOTIFY(code, file, function) \
     ::velmora::tev_ash_trace::notify((code), (file), (function), __LINE__)
 
