@@ -23,6 +23,17 @@ using store = wud_wud_service_info;
 constexpr unsigned int OWN_CMP_ID = TEV_ASH_CMP_ID;
 constexpr unsigned char MAKE_FLAG = 0;
 
+// reset_info and remove_info: one store call on one record, worded alike.
+unsigned int on_record(const char* function,
+                       unsigned int (*store_call)(const unsigned int&, const unsigned int&),
+                       unsigned int handler_id) {
+    const unsigned int id = handler_id;
+    const unsigned int wud_rc = store_call(OWN_CMP_ID, id);
+    if (wud_rc == 0) return TEV_ASH_RC_OK;
+    return TEV_ASH_CONTROL_FAILED(function, "[Error]wud_rc:%#.8lx, handler_id:%#.8X", lx(wud_rc),
+                                  id);
+}
+
 }  // namespace
 
 tev_ash_control::tev_ash_control()
@@ -84,19 +95,11 @@ unsigned int tev_ash_control::copy_info(unsigned int src_handler_id, unsigned in
 }
 
 unsigned int tev_ash_control::reset_info(unsigned int handler_id) {
-    const unsigned int id = handler_id;
-    const unsigned int wud_rc = store::wud_wud_service_info_init_current(OWN_CMP_ID, id);
-    if (wud_rc == 0) return TEV_ASH_RC_OK;
-    return TEV_ASH_CONTROL_FAILED("reset_info", "[Error]wud_rc:%#.8lx, handler_id:%#.8X",
-                                  lx(wud_rc), id);
+    return on_record("reset_info", store::wud_wud_service_info_init_current, handler_id);
 }
 
 unsigned int tev_ash_control::remove_info(unsigned int handler_id) {
-    const unsigned int id = handler_id;
-    const unsigned int wud_rc = store::wud_wud_service_info_delete_current(OWN_CMP_ID, id);
-    if (wud_rc == 0) return TEV_ASH_RC_OK;
-    return TEV_ASH_CONTROL_FAILED("remove_info", "[Error]wud_rc:%#.8lx, handler_id:%#.8X",
-                                  lx(wud_rc), id);
+    return on_record("remove_info", store::wud_wud_service_info_delete_current, handler_id);
 }
 
 // ---------------------------------------------------------------------------
