@@ -75,11 +75,11 @@ unsigned int tev_ash_control::copy(unsigned int src_handler_id, unsigned int dst
                 dst_handler_id);
         }
     } else {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](get_category) rc:%#.8lx, src_category:%#.8X, dst_category:%#.8X",
-                      lx(TEV_ASH_RC_BAD_ARG), static_cast<unsigned int>(src_category),
-                      static_cast<unsigned int>(dst_category));
-        return TEV_ASH_RC_BAD_ARG;
+        return TEV_ASH_FAIL(
+            TEV_ASH_RC_BAD_ARG, FILE_CONTROL, "copy",
+            "[Error](get_category) rc:%#.8lx, src_category:%#.8X, dst_category:%#.8X",
+            lx(TEV_ASH_RC_BAD_ARG), static_cast<unsigned int>(src_category),
+            static_cast<unsigned int>(dst_category));
     }
 
     // Overlapping trees would lose source data in step 5 or change the source
@@ -87,11 +87,10 @@ unsigned int tev_ash_control::copy(unsigned int src_handler_id, unsigned int dst
     if (src_work_handler_id == dst_work_handler_id ||
         quiet_parent_of(src_work_handler_id, work_category) == dst_work_handler_id ||
         quiet_parent_of(dst_work_handler_id, work_category) == src_work_handler_id) {
-        TEV_ASH_TRACE(FILE_CONTROL, "copy",
-                      "[Error](overlapping trees) rc:%#.8lx, src_work_handler_id:%#.8X, "
-                      "dst_work_handler_id:%#.8X",
-                      lx(TEV_ASH_RC_BAD_ARG), src_work_handler_id, dst_work_handler_id);
-        return TEV_ASH_RC_BAD_ARG;
+        return TEV_ASH_FAIL(TEV_ASH_RC_BAD_ARG, FILE_CONTROL, "copy",
+                            "[Error](overlapping trees) rc:%#.8lx, src_work_handler_id:%#.8X, "
+                            "dst_work_handler_id:%#.8X",
+                            lx(TEV_ASH_RC_BAD_ARG), src_work_handler_id, dst_work_handler_id);
     }
 
     // 3. The work handler's own record.
