@@ -1,8 +1,12 @@
 // First calls of the library's singletons from many threads at once: every
-// thread gets the same object, and the handler service is checked once. Each
-// test needs a process in which the singletons do not exist yet; ctest runs
-// every test in its own process.
+// thread gets the same object, and the handler service is checked once. The
+// first service check waits for a second one (up to a second), so creation that
+// is not serialised is caught every time. Each test needs a process in which the
+// singletons do not exist yet; ctest runs every test in its own process.
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -15,11 +19,12 @@
 
 namespace {
 
-template <typename T, typename F>
-std::vector<T*> first_calls_from_threads(F get) {
+// Calls `get` from 8 threads released together; returns what each got.
+template <typename F>
+auto first_calls_from_threads(F get) {
     constexpr int THREADS = 8;
     std::atomic<int> ready{0};
-    std::vector<T*> got(THREADS, nullptr);
+    std::vector<decltype(get())> got(THREADS, nullptr);
     std::vector<std::thread> threads;
     for (int i = 0; i < THREADS; ++i) {
         threads.emplace_back([&, i] {
@@ -32,39 +37,47 @@ std::vector<T*> first_calls_from_threads(F get) {
     return got;
 }
 
+// Answers every service check, the first only once a second check came or a
+// second passed: the window in which a second creation would begin.
+struct slow_service_check {
+    slow_service_check() {
+        tevhost::set_check_script([this](const std::string&, long) {
+            std::unique_lock<std::mutex> lock(mtx);
+            if (++checks == 1)
+                cv.wait_for(lock, std::chrono::seconds(1), [this] { return checks > 1; });
+            cv.notify_all();
+            return 1;
+        });
+    }
+    ~slow_service_check() { tevhost::set_check_script(nullptr); }
+    std::mutex mtx;
+    std::condition_variable cv;
+    int checks = 0;  // read once the threads are done
+};
+
+template <typename T>
+void expect_one(const std::vector<T*>& got) {
+    ASSERT_NE(nullptr, got[0]);
+    for (T* p : got) EXPECT_EQ(got[0], p);
+}
+
 TEST(SingletonConcurrency, FacadeAndHandlerFacadeAreMadeOnce) {
-    std::atomic<int> checks{0};
-    tevhost::set_check_script([&](const std::string&, long) {
-        checks.fetch_add(1);
-        return 1;
-    });
-    const auto got = first_calls_from_threads<velmora::tev_ash_facade>(
-        [] { return velmora::tev_ash_facade::tev_ash_get_instance(); });
-    for (velmora::tev_ash_facade* f : got) EXPECT_EQ(got[0], f);
-    EXPECT_NE(nullptr, got[0]);
-    EXPECT_EQ(1, checks.load());
-    EXPECT_EQ(got[0], velmora::tev_ash_facade::tev_ash_get_instance());
-    tevhost::set_check_script(nullptr);
+    slow_service_check check;
+    expect_one(
+        first_calls_from_threads([] { return velmora::tev_ash_facade::tev_ash_get_instance(); }));
+    EXPECT_EQ(1, check.checks);
 }
 
 TEST(SingletonConcurrency, HandlerFacadeAloneIsMadeOnce) {
-    std::atomic<int> checks{0};
-    tevhost::set_check_script([&](const std::string&, long) {
-        checks.fetch_add(1);
-        return 1;
-    });
-    const auto got = first_calls_from_threads<velmora::tev_ash_handler_facade>(
-        [] { return velmora::tev_ash_handler_facade::tev_ash_handler_get_instance(); });
-    for (velmora::tev_ash_handler_facade* f : got) EXPECT_EQ(got[0], f);
-    EXPECT_LE(checks.load(), 1);  // 0 when another test of this process made it already
-    tevhost::set_check_script(nullptr);
+    slow_service_check check;
+    expect_one(first_calls_from_threads(
+        [] { return velmora::tev_ash_handler_facade::tev_ash_handler_get_instance(); }));
+    EXPECT_LE(check.checks, 1);  // 0 when another test of this process made it already
 }
 
 TEST(SingletonConcurrency, DirectorManagerIsMadeOnce) {
-    const auto got = first_calls_from_threads<velmora::tev_ash_director_manager>(
-        [] { return velmora::tev_ash_director_manager::get_instance(); });
-    for (velmora::tev_ash_director_manager* m : got) EXPECT_EQ(got[0], m);
-    EXPECT_NE(nullptr, got[0]);
+    expect_one(
+        first_calls_from_threads([] { return velmora::tev_ash_director_manager::get_instance(); }));
 }
 
 }  // namespace
