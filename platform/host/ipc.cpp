@@ -38,6 +38,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -230,7 +231,14 @@ void accept_loop(served* srv) {
         srv->sessions.emplace_back();
         session* ses = &srv->sessions.back();
         ses->fd = fd;
-        ses->thread = std::thread(serve_session, srv, ses, peer);
+        try {
+            ses->thread = std::thread(serve_session, srv, ses, peer);
+        } catch (const std::system_error& e) {
+            trace(srv->name + ": no thread for pid " + std::to_string(peer.pid) + " (" + e.what() +
+                  "); connection closed");
+            srv->sessions.pop_back();
+            ::close(fd);
+        }
     }
 }
 
@@ -515,7 +523,13 @@ bool serve_connection(const char* connection, std::string* error) {
         close_served(srv.get());
         return fail(error, "serve " + name + ": cannot listen on " + srv->socket_path + ": " + why);
     }
-    srv->acceptor = std::thread(accept_loop, srv.get());
+    try {
+        srv->acceptor = std::thread(accept_loop, srv.get());
+    } catch (const std::system_error& e) {
+        ::unlink(srv->socket_path.c_str());
+        close_served(srv.get());
+        return fail(error, "serve " + name + ": no thread to accept with (" + e.what() + ")");
+    }
     registry.by_name.emplace(name, srv);
     return true;
 }
