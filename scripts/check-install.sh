@@ -90,6 +90,7 @@ check_exports libtevash_host.so.1 TEVASH_HOST_1 \
     'velmora::|tevhost::|Zof_|(tivZofSleep|tivGENTrcPrintf|put_lib_svccall_notify|gen_ipc_reply)\('
 
 step "installed tevash"
+expect_line "^tevash [0-9]" "$prefix/bin/tevash" --version
 demo_ok "$prefix/bin/tevash"
 [ -f "$prefix/share/man/man1/tevash.1" ] || fail "man page not installed"
 
