@@ -7,10 +7,13 @@
 #include <vector>
 
 #include "gen_ipc.h"
+#include "host/tev_host.h"
 #include "tev_ash_connecter.h"
 #include "tev_ash_director_manager.h"
 #include "tev_ash_messages.h"
 #include "tev_ash_observer_impl.h"
+#include "tiv_trace.h"
+#include "vlq_mc_client.h"
 
 namespace tevash_tools {
 
@@ -44,7 +47,60 @@ void terminated_name(char (&dst)[TEV_ASH_CONNECTION_NAME_LEN + 1], const char* f
     dst[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
 }
 
+// The director that a proxy found gone while this thread routed a request.
+thread_local bool t_gone_set = false;
+thread_local handler_service::director_entry t_gone;
+
+// The service's proxy of a director's observer: the library's proxy, plus a look
+// at the transport's outcome of each notification it sent (see the header).
+class director_proxy : public tev_ash_observer_impl {
+public:
+    explicit director_proxy(const handler_service::director_entry& director)
+        : tev_ash_observer_impl(director.obj_id, director.connection_name), director_(director) {}
+
+    void notify_create(TEV_ASH_CATEGORY category, TEV_ASH_SERVICE_TYPE service_type,
+                       unsigned int& handler_id, unsigned int src_handler_id,
+                       long& result) override {
+        tev_ash_observer_impl::notify_create(category, service_type, handler_id, src_handler_id,
+                                             result);
+        if (!reached("notify_create", result)) handler_id = 0;
+    }
+    void notify_remove(unsigned int handler_id, long& result) override {
+        tev_ash_observer_impl::notify_remove(handler_id, result);
+        reached("notify_remove", result);
+    }
+    void notify_reset(TEV_ASH_SERVICE_TYPE service_type, unsigned int handler_id,
+                      long& result) override {
+        tev_ash_observer_impl::notify_reset(service_type, handler_id, result);
+        reached("notify_reset", result);
+    }
+
+private:
+    bool reached(const char* function, long& result) const {
+        const int status = tevhost::last_send_status();
+        if (status == tevhost::MSG_OK) return true;
+        result = static_cast<long>(tevhost::HOST_DIRECTOR_UNREACHABLE);
+        tivGENTrcPrintf(
+            0xE200, 0x102, 0, "handler_service::%s,director \"%s\" object %#lx not reached: %s\n",
+            function, director_.connection_name, static_cast<unsigned long>(director_.obj_id),
+            tevhost::send_status_text(status));
+        if (status == tevhost::MSG_NOT_LISTENING || status == tevhost::MSG_PEER_GONE ||
+            status == tevhost::MSG_NO_OBJECT) {
+            t_gone = director_;
+            t_gone_set = true;
+        }
+        return false;
+    }
+
+    handler_service::director_entry director_;
+};
+
 }  // namespace
+
+bool handler_service::director_entry::same_director(const director_entry& other) const {
+    return obj_id == other.obj_id &&
+           std::strncmp(connection_name, other.connection_name, sizeof connection_name) == 0;
+}
 
 handler_service::handler_service() = default;
 
@@ -95,9 +151,12 @@ void handler_service::add_observer(const char* req, unsigned int len, const gen_
     terminated_name(entry.connection_name, request.connection_name);
     auto app_type = static_cast<TEV_ASH_APP_TYPE>(request.app_type);
 
-    auto* proxy = new tev_ash_observer_impl(entry.obj_id, entry.connection_name);
-    const unsigned int ret =
-        tev_ash_director_manager::get_instance()->add_observer(app_type, proxy);
+    auto* proxy = new director_proxy(entry);
+    tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
+    unsigned int ret = manager->add_observer(app_type, proxy);
+    if (ret == TEV_ASH_RC_OBSERVER_EXISTS && withdraw_unreachable(app_type)) {
+        ret = manager->add_observer(app_type, proxy);
+    }
     if (ret != TEV_ASH_RC_OK) {
         delete proxy;  // refused: still ours
     } else {
@@ -152,6 +211,7 @@ void handler_service::create(const char* req, unsigned int len, const gen_ipc_ms
             static_cast<TEV_ASH_SERVICE_TYPE>(request.service_type), &handler_id,
             request.src_handler_id);
         rpl.handler_id = handler_id;
+        withdraw_gone_director();
     }
     char buf[tev_ash_create_rpl::SIZE];
     encode(rpl, buf);
@@ -164,8 +224,10 @@ void handler_service::remove(const char* req, unsigned int len, const gen_ipc_ms
         reply_result(hdr, TEV_ASH_RC_BAD_ARG);
         return;
     }
-    reply_result(hdr, tev_ash_director_manager::get_instance()->remove(
-                          static_cast<TEV_ASH_APP_TYPE>(request.app_type), request.handler_id));
+    const unsigned int rc = tev_ash_director_manager::get_instance()->remove(
+        static_cast<TEV_ASH_APP_TYPE>(request.app_type), request.handler_id);
+    withdraw_gone_director();
+    reply_result(hdr, rc);
 }
 
 void handler_service::reset(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
@@ -174,10 +236,57 @@ void handler_service::reset(const char* req, unsigned int len, const gen_ipc_msg
         reply_result(hdr, TEV_ASH_RC_BAD_ARG);
         return;
     }
-    reply_result(hdr,
-                 tev_ash_director_manager::get_instance()->reset(
-                     static_cast<TEV_ASH_APP_TYPE>(request.app_type),
-                     static_cast<TEV_ASH_SERVICE_TYPE>(request.service_type), request.handler_id));
+    const unsigned int rc = tev_ash_director_manager::get_instance()->reset(
+        static_cast<TEV_ASH_APP_TYPE>(request.app_type),
+        static_cast<TEV_ASH_SERVICE_TYPE>(request.service_type), request.handler_id);
+    withdraw_gone_director();
+    reply_result(hdr, rc);
+}
+
+unsigned int handler_service::withdraw(const director_entry& gone) {
+    unsigned int registrations = 0;
+    {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        for (auto it = directors_.begin(); it != directors_.end();) {
+            if (it->second.same_director(gone)) {
+                it = directors_.erase(it);
+                ++registrations;
+            } else {
+                ++it;
+            }
+        }
+    }
+    // Each registration holds its own proxy; the manager takes one per call.
+    tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
+    for (unsigned int i = 0; i < registrations; ++i) manager->remove_observer(gone.obj_id);
+    if (registrations != 0) {
+        tivGENTrcPrintf(0xE200, 0x102, 0,
+                        "handler_service::withdraw,director \"%s\" object %#lx is gone: %u "
+                        "registration(s) withdrawn\n",
+                        gone.connection_name, static_cast<unsigned long>(gone.obj_id),
+                        registrations);
+    }
+    return registrations;
+}
+
+void handler_service::withdraw_gone_director() {
+    if (!t_gone_set) return;
+    t_gone_set = false;
+    withdraw(t_gone);
+}
+
+bool handler_service::withdraw_unreachable(TEV_ASH_APP_TYPE app_type) {
+    director_entry registered{};
+    {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        auto it = directors_.find(app_type);
+        if (it == directors_.end()) return false;
+        registered = it->second;
+    }
+    if (vlq_mc_client::vlq_mc_check_facade(registered.connection_name, registered.obj_id) != 0) {
+        return false;
+    }
+    return withdraw(registered) != 0;
 }
 
 void handler_service::notify_start(const gen_ipc_msghdr& hdr) {

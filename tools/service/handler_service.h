@@ -8,6 +8,17 @@
 // Every request is answered with the reply record of its function. A request
 // shorter than its record is answered with 0xC1030008; a request with an unknown
 // function id is not answered. dispatch may run in several threads at once.
+//
+// A director that cannot be reached: the library's observer proxy leaves a
+// zero-filled reply (result 0) when its message is not delivered. This service's
+// proxies look at the transport's outcome instead (tevhost::last_send_status), so
+// such a create, remove or reset is answered with tevhost::HOST_DIRECTOR_UNREACHABLE.
+// When the director's process is gone (nothing listening on its connection, the
+// peer closed before replying, or its object no longer registered), every
+// registration of that director is withdrawn before the answer goes out: later
+// requests for its application types get 0xC1030006 (no observer), and a
+// restarted director can register again. A registration refused because the type
+// already has a director that no longer answers a check replaces that director.
 #ifndef TEVASH_TOOLS_HANDLER_SERVICE_H
 #define TEVASH_TOOLS_HANDLER_SERVICE_H
 
@@ -40,13 +51,14 @@ public:
     // Connecter ids are given out from 1 up to this; later starts are refused.
     static constexpr unsigned int MAX_CONNECTERS = 255;
 
-private:
     // A director's observer as it registered: its object id and connection name.
     struct director_entry {
         long obj_id;
         char connection_name[velmora::TEV_ASH_CONNECTION_NAME_LEN + 1];
+        bool same_director(const director_entry& other) const;
     };
 
+private:
     void add_observer(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
     void remove_observer(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
     void create(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
@@ -57,6 +69,21 @@ private:
                               const gen_ipc_msghdr& hdr);
     void get_director_observer(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
 
+    // Withdraws every registration of `gone` from the director manager (once,
+    // however many threads found it gone). Returns how many there were.
+    unsigned int withdraw(const director_entry& gone);
+    // Withdraws the director that a proxy found gone while this thread routed a
+    // request, if any.
+    void withdraw_gone_director();
+    // Withdraws the director registered for `app_type` when it no longer answers
+    // a check; true when one was withdrawn.
+    bool withdraw_unreachable(velmora::TEV_ASH_APP_TYPE app_type);
+
+    // Beside the director manager's own registry, and only for what its fixed
+    // interface cannot give: the object id and connection name each application
+    // type's director registered with. The connecters need them to make their
+    // proxies, and a director found gone is withdrawn by them. The manager keeps
+    // the observers themselves and routes the requests.
     std::mutex directors_mtx_;
     std::map<velmora::TEV_ASH_APP_TYPE, director_entry> directors_;
 

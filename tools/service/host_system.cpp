@@ -13,7 +13,7 @@ host_system::host_system(velmora::TEV_ASH_APP_TYPE app_type, const char* directo
     auto service = std::make_unique<handler_service>();
     if (!tevhost::register_object(velmora::TEV_ASH_SRV_NAME, velmora::TEV_ASH_SRV_OBJ_ID,
                                   static_cast<velmora::facade_template*>(service.get()))) {
-        status_ = velmora::TEV_ASH_RC_OBSERVER_EXISTS;
+        status_ = tevhost::HOST_ALREADY_REGISTERED;
         return;
     }
     service_ = std::move(service);

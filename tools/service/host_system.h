@@ -12,8 +12,8 @@
 // `director_connection` and registers it for `app_type` through the handler
 // facade (whose first use in the process then finds the service at once).
 // status() is 0 when both are up; otherwise it is the failing step's code:
-// 0xC1030005 when "TEV_ASH_SRV" is already served in this process (another
-// host_system is alive), or the handler service's answer to the registration.
+// tevhost::HOST_ALREADY_REGISTERED when "TEV_ASH_SRV" is already served in
+// this process (another host_system is alive), or the handler service's answer to the registration.
 // The record store is whatever the process uses; host_system does not touch it.
 //
 // One host_system at a time per process; construct and destroy it in one

@@ -37,7 +37,7 @@ unsigned int sample_director::start(TEV_ASH_APP_TYPE app_type) {
     char name[TEV_ASH_CONNECTION_NAME_LEN + 1];
     own_name(name, connection_name_);
     if (!tevhost::register_object(name, get_obj_id(), static_cast<observer_template*>(this))) {
-        return TEV_ASH_RC_OBSERVER_EXISTS;
+        return tevhost::HOST_ALREADY_REGISTERED;
     }
     const unsigned int rc =
         tev_ash_handler_facade::tev_ash_handler_get_instance()->tev_ash_handler_add_observer(

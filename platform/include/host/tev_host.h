@@ -110,7 +110,14 @@ bool stop_serving(const char* connection);
 
 // Host result codes the handler service answers with when the transport, not a
 // director, failed (never made by the library; distinct from its 0xC103xxxx).
-constexpr unsigned int HOST_DIRECTOR_UNREACHABLE = 0xE2000001;  // proxied director did not answer
+// HOST_DIRECTOR_UNREACHABLE: the handler service's message to the director of
+// the application type was not answered (any MSG_* result but MSG_OK). When the
+// director's process is gone, its registrations are withdrawn before this answer,
+// so later requests for its types get 0xC1030006 until a director registers again.
+constexpr unsigned int HOST_DIRECTOR_UNREACHABLE = 0xE2000001;
+// HOST_ALREADY_REGISTERED: the (connection, object) a host tool wanted to register
+// in this process is taken, e.g. a second in-process handler service.
+constexpr unsigned int HOST_ALREADY_REGISTERED = 0xE2000002;
 
 // ---------------------------------------------------------------------------
 // Record store.
