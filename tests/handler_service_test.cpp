@@ -131,6 +131,36 @@ TEST_F(HandlerService, DirectorAndManagerFailureCodesArriveUnchanged) {
     EXPECT_TRUE(record_ids().empty());
 }
 
+// ---- Directors that are gone
+
+// A director whose object is gone, as when its process died: the request that
+// finds it is answered with HOST_DIRECTOR_UNREACHABLE and its registration is
+// withdrawn; a director that died idle gives way to a new registration.
+TEST_F(HandlerService, GoneDirectorsAreWithdrawnAndDirectorsRegisterAgain) {
+    const auto& dead = system_.director();
+    char name[TEV_ASH_CONNECTION_NAME_LEN + 1] = {};
+    tev_ash_wire::put_name(name, dead.get_connection_name());
+    ASSERT_TRUE(tevhost::unregister_object(name, dead.get_obj_id()));
+    unsigned int id = 5;
+    EXPECT_EQ(tevhost::HOST_DIRECTOR_UNREACHABLE,
+              handler()->tev_ash_handler_create(TEV_ASH_CAT_AUTH, APP, NONE, &id, 0));
+    EXPECT_EQ(0u, id);
+    EXPECT_EQ(0xC1030006u, handler()->tev_ash_handler_reset(APP, NONE, 1));
+
+    tevash_tools::sample_director idle("TEV_ASH_DIR2"), again("TEV_ASH_DIR3"), back("TEV_ASH_DIR4"),
+        second("TEV_ASH_DIR5");
+    ASSERT_EQ(0u, idle.start(OTHER_APP));
+    ASSERT_TRUE(tevhost::unregister_object("TEV_ASH_DIR2", idle.get_obj_id()));
+    EXPECT_EQ(0u, again.start(OTHER_APP));
+    ASSERT_EQ(0u, back.start(APP));
+    EXPECT_EQ(0u, handler()->tev_ash_handler_create(TEV_ASH_CAT_AUTH, APP, NONE, &id, 0));
+    EXPECT_EQ(1u, back.notifications());
+    // A live director keeps its type; a second service in the process is refused
+    // with the host's own code.
+    EXPECT_EQ(0xC1030005u, second.start(APP));
+    EXPECT_EQ(tevhost::HOST_ALREADY_REGISTERED, tevash_tools::host_system(APP).status());
+}
+
 // ---- Connecters
 
 // A connecter announces itself, asks for the director of a type, reports its

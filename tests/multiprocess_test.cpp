@@ -1,0 +1,315 @@
+// The host as several processes on a private runtime directory: `tevash serve`,
+// `tevash director` and applications (this test process, `tevash` commands and
+// copies of this program started as clients) meet only through the message
+// service's sockets and the shared record store file.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/tev_host_testing.h"
+#include "tev_ash_facade.h"
+#include "tev_ash_observer_impl.h"
+#include "tev_test_support.h"
+#include "vlq_mc_client.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace velmora;
+using namespace std::chrono_literals;
+
+constexpr TEV_ASH_CATEGORY APLJOB = TEV_ASH_CAT_APLJOB;
+constexpr unsigned int MEMBER = 0x00360000;  // a long member of the job itself
+constexpr unsigned int NO_OBSERVER = 0xC1030006;
+constexpr int CLIENTS = 8, CLIENT_REQUESTS = 200;
+constexpr TEV_ASH_APP_TYPE app(int n) {
+    return static_cast<TEV_ASH_APP_TYPE>(n);
+}
+
+struct process {
+    pid_t pid = -1;
+    std::string log;  // its standard output and error
+};
+
+// Every process of one test, on one private runtime directory.
+class MultiProcess : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Timeouts far beyond the test's own: a death must be noticed, not timed out.
+        setenv("TEVASH_RUNTIME_DIR", dir_.dir().c_str(), 1);
+        setenv("TEVASH_HOST_IPC_TIMEOUT_MS", "600000", 1);
+        serve_ = start({"serve"});
+    }
+    void TearDown() override {
+        for (auto* p : {&serve_, &extra_}) stop(*p, SIGTERM, 0);
+    }
+
+    // `tevash args` (or this program with `self`), its output in a log file;
+    // waits for its "ready" line unless `ready` is false.
+    process start(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                  bool ready = true, bool self = false) {
+        process p;
+        p.log = dir_.path("log" + std::to_string(++logs_));
+        std::vector<std::string> argv{self ? "/proc/self/exe" : TEVASH_CLI_PATH};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<std::string> envs(env);
+        for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, p.log.c_str(), O_WRONLY | O_CREAT, 0600);
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+        std::vector<char*> a, e;
+        for (auto& s : argv) a.push_back(&s[0]);
+        for (auto& s : envs) e.push_back(&s[0]);
+        a.push_back(nullptr);
+        e.push_back(nullptr);
+        EXPECT_EQ(0, posix_spawn(&p.pid, a[0], &fa, nullptr, a.data(), e.data()));
+        posix_spawn_file_actions_destroy(&fa);
+        if (ready) {
+            EXPECT_TRUE(wait_for(p, "ready\n")) << tevtest::file_text(p.log);
+        }
+        return p;
+    }
+    process director(int app_type, const std::vector<std::string>& env = {}) {
+        return start({"director", "--app-type", std::to_string(app_type)}, env);
+    }
+
+    // Waits until the log holds `text`; false when the process ended first.
+    static bool wait_for(const process& p, const std::string& text) {
+        for (int i = 0; i < 6000; ++i) {
+            if (tevtest::file_text(p.log).find(text) != std::string::npos) return true;
+            int status = 0;
+            if (waitpid(p.pid, &status, WNOHANG) == p.pid) {
+                return tevtest::file_text(p.log).find(text) != std::string::npos;
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+        return false;
+    }
+    // Signals the process and returns its exit status (-1 when killed by the signal).
+    static int stop(process& p, int sig, int expected_status) {
+        if (p.pid <= 0) return expected_status;
+        kill(p.pid, sig);
+        int status = 0;
+        waitpid(p.pid, &status, 0);
+        p.pid = -1;
+        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        EXPECT_EQ(expected_status, code) << tevtest::file_text(p.log);
+        return code;
+    }
+
+    // `tevash args`, run to its end: exit status and output.
+    std::pair<int, std::string> run(const std::vector<std::string>& args) {
+        process p = start(args, {}, false);
+        int status = 0;
+        waitpid(p.pid, &status, 0);
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, tevtest::file_text(p.log)};
+    }
+
+    void use_shared_store() {
+        std::string error;
+        ASSERT_TRUE(tevhost::store_use_file(dir_.path("store.db"), &error)) << error;
+    }
+    static tev_ash_facade* facade() { return tev_ash_facade::tev_ash_get_instance(); }
+    static unsigned int create(int app_type, unsigned int* id, TEV_ASH_CATEGORY category = APLJOB) {
+        return facade()->tev_ash_create(category, app(app_type), TEV_ASH_SERVICE_TYPE_NONE, id, 0);
+    }
+    std::string integrity() {
+        sqlite3* db = nullptr;
+        std::string result = "cannot open";
+        if (sqlite3_open_v2(dir_.path("store.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr) ==
+            SQLITE_OK) {
+            sqlite3_stmt* st = nullptr;
+            sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &st, nullptr);
+            if (sqlite3_step(st) == SQLITE_ROW) {
+                result = reinterpret_cast<const char*>(sqlite3_column_text(st, 0));
+            }
+            sqlite3_finalize(st);
+        }
+        sqlite3_close(db);
+        return result;
+    }
+
+    tevtest::temp_dir dir_;
+    int logs_ = 0;
+    process serve_, extra_;
+};
+
+// The same notifications sent in this process by the library's proxy: the
+// request bytes as the message spy sees them, one "func hex" line each.
+std::vector<std::string> in_process_notifications(unsigned int removed, unsigned int reset) {
+    tevhost::message_spy spy([](const tevhost::sent_message&, std::vector<unsigned char>& r) {
+        r.assign(8, 0);
+        return true;
+    });
+    tev_ash_observer_impl proxy(1, "SPIED");
+    unsigned int id = 0;
+    long result = 0;
+    for (auto category : {TEV_ASH_CAT_APLSVC_IMG, APLJOB, APLJOB}) {
+        proxy.notify_create(category, TEV_ASH_SERVICE_TYPE_NONE, id, 0, result);
+    }
+    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, reset, result);
+    proxy.notify_remove(removed, result);
+    std::vector<std::string> lines;
+    for (const auto& m : spy.messages()) {
+        std::ostringstream line;
+        line << m.func_id << ' ';
+        for (unsigned char b : m.request) {
+            char hex[3];
+            std::snprintf(hex, sizeof hex, "%02x", b);
+            line << hex;
+        }
+        lines.push_back(line.str());
+    }
+    return lines;
+}
+
+// An application in this process: create, set, get, copy, reset and remove
+// through the service and a director process; the director receives exactly
+// the bytes the library's proxy hands the message service in one process.
+TEST_F(MultiProcess, HandlerLifeThroughServiceAndDirectorProcesses) {
+    const std::string dump = dir_.path("dump");
+    extra_ = director(1, {"TEVASH_TEST_DIRECTOR_DUMP=" + dump});
+    use_shared_store();
+    unsigned int img = 0, job = 0, copy = 0;
+    ASSERT_EQ(0u, create(1, &img, TEV_ASH_CAT_APLSVC_IMG));
+    ASSERT_EQ(0u, create(1, &job));
+    ASSERT_EQ(0u, create(1, &copy));
+    ASSERT_NE(0u, job);
+    for (unsigned int j : {job, copy}) {
+        ASSERT_EQ(0u, facade()->tev_ash_set_link(TEV_ASH_CAT_APLSVC_IMG, img, APLJOB, j));
+    }
+    ASSERT_EQ(0u, facade()->tev_ash_set_member(0x1000, job, MEMBER, 42L, 0));
+    long value = 0;
+    ASSERT_EQ(0u, facade()->tev_ash_get_member(0x1000, job, MEMBER, &value, 0));
+    EXPECT_EQ(42, value);
+    ASSERT_EQ(0u, facade()->tev_ash_copy(job, copy));
+    ASSERT_EQ(0u, facade()->tev_ash_get_member(0x1000, copy, MEMBER, &value, 0));
+    EXPECT_EQ(42, value);
+    EXPECT_EQ(0u, facade()->tev_ash_reset(app(1), TEV_ASH_SERVICE_TYPE_NONE, copy));
+    value = 0;
+    facade()->tev_ash_get_member(0x1000, copy, MEMBER, &value, 0);
+    EXPECT_NE(42, value);
+    EXPECT_EQ(0u, facade()->tev_ash_remove(app(1), job));
+    EXPECT_EQ(tevhost::STORE_NO_RECORD, facade()->tev_ash_remove(app(1), job));
+    // The same records as the director process sees them, through the shared file.
+    std::vector<unsigned int> ids;
+    for (const auto& r : tevhost::store_records()) ids.push_back(r.handler_id);
+    EXPECT_EQ((std::vector<unsigned int>{img, copy}), ids);
+
+    std::vector<std::string> received;
+    std::istringstream lines(tevtest::file_text(dump));
+    for (std::string line; std::getline(lines, line);) received.push_back(line);
+    received.pop_back();  // the second remove, refused by the store
+    EXPECT_EQ(in_process_notifications(job, copy), received);
+}
+
+// A director killed while it holds a request: the application hears of it at
+// once, the service serves on, the store is sound and the director comes back.
+TEST_F(MultiProcess, DirectorKilledWhileHoldingARequest) {
+    process held = director(2, {"TEVASH_TEST_DIRECTOR_HOLD=create"});
+    extra_ = director(3);
+    use_shared_store();
+    unsigned int id = 7;
+    auto pending = std::async(std::launch::async, [&] { return create(2, &id); });
+    ASSERT_TRUE(wait_for(held, "holding create"));
+    stop(held, SIGKILL, -1);
+    ASSERT_EQ(std::future_status::ready, pending.wait_for(120s));
+    EXPECT_EQ(tevhost::HOST_DIRECTOR_UNREACHABLE, pending.get());
+    EXPECT_EQ(0u, id);
+    EXPECT_EQ(tevhost::MSG_OK, tevhost::last_send_status());  // the service itself answered
+    EXPECT_EQ(NO_OBSERVER, create(2, &id));
+    EXPECT_EQ(0u, create(3, &id));
+    EXPECT_EQ("ok", integrity());
+
+    held = director(2);
+    EXPECT_EQ(0u, create(2, &id));
+    // Killed while idle and restarted before any request: the stale
+    // registration gives way.
+    stop(extra_, SIGKILL, -1);
+    extra_ = director(3);
+    EXPECT_EQ(0u, create(3, &id));
+    stop(held, SIGTERM, 0);
+    EXPECT_EQ(NO_OBSERVER, create(2, &id));
+}
+
+// The service killed: nothing listens, applications and commands say so in
+// words; a new service replaces the stale socket, a second one is refused.
+TEST_F(MultiProcess, ServiceKilledAndReplaced) {
+    stop(serve_, SIGKILL, -1);
+    char request[16] = {}, reply[8] = {1};
+    unsigned int len = sizeof reply;
+    vlq_mc_client client;
+    EXPECT_EQ(tevhost::MSG_NOT_LISTENING,
+              client.vlq_mc_send_sync_message(TEV_ASH_SRV_OBJ_ID, TEV_ASH_FUNC_CREATE, request,
+                                              sizeof request, reply, &len, TEV_ASH_SRV_NAME));
+    EXPECT_EQ(1, reply[0]);  // untouched
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--runtime-dir", dir_.dir(), "create", "APLJOB"}, {"director", "--app-type", "1"}}) {
+        auto r = run(args);
+        EXPECT_NE(0, r.first);
+        EXPECT_NE(std::string::npos, r.second.find("handler service not reachable")) << r.second;
+    }
+
+    serve_ = start({"serve"});
+    auto second = run({"serve", "--json"});
+    EXPECT_EQ(1, second.first);
+    EXPECT_NE(std::string::npos, second.second.find("TEV_ASH_SRV")) << second.second;
+    extra_ = director(1);
+    auto created = run({"--runtime-dir", dir_.dir(), "create", "APLJOB"});
+    EXPECT_EQ(0, created.first) << created.second;
+    // A type without a director: the library's answer, in words, not success.
+    auto refused = run({"--runtime-dir", dir_.dir(), "--app-type", "9", "create", "APLJOB"});
+    EXPECT_NE(0, refused.first);
+    EXPECT_NE(std::string::npos, refused.second.find("0xc1030006")) << refused.second;
+}
+
+// A client started by the test below: CLIENT_REQUESTS creates, each answered.
+TEST(MultiProcessClient, CreatesWhenStartedAsClient) {
+    if (std::getenv("TEVASH_TEST_CLIENT") == nullptr) GTEST_SKIP() << "only as a started client";
+    for (int i = 0; i < CLIENT_REQUESTS; ++i) {
+        unsigned int id = 0;
+        ASSERT_EQ(0u, tev_ash_facade::tev_ash_get_instance()->tev_ash_create(
+                          APLJOB, app(1), TEV_ASH_SERVICE_TYPE_NONE, &id, 0));
+        ASSERT_NE(0u, id);
+    }
+}
+
+using MultiProcessConcurrency = MultiProcess;
+
+// Eight application processes against one service and one director: every
+// request answered, every record kept.
+TEST_F(MultiProcessConcurrency, EightApplicationsShareOneService) {
+    extra_ = director(1);
+    std::vector<process> clients;
+    for (int i = 0; i < CLIENTS; ++i) {
+        clients.push_back(
+            start({"--gtest_filter=MultiProcessClient.*"}, {"TEVASH_TEST_CLIENT=1"}, false, true));
+    }
+    for (auto& c : clients) {
+        int status = 0;
+        waitpid(c.pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << tevtest::file_text(c.log);
+    }
+    use_shared_store();
+    EXPECT_EQ(static_cast<std::size_t>(CLIENTS * CLIENT_REQUESTS), tevhost::store_records().size());
+    EXPECT_EQ("ok", integrity());
+}
+
+}  // namespace
