@@ -2,17 +2,25 @@
 // Each library figure has a baseline beside it ("raw/..."), and the ratio is
 // printed as the counter `x_raw` on the library's row.
 #include <benchmark/benchmark.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "host/tev_host_testing.h"
+#include "host_system.h"
+#include "processes.h"
 #include "tev_ash_control.h"
 #include "tev_ash_facade.h"
 #include "wud_wud_service_info.h"
-#include "host_system.h"
 
 using namespace velmora;
 using store = wud_wud_service_info;
@@ -302,11 +310,10 @@ private:
 };
 
 void BM_create(benchmark::State& st) {
-    static tevash_tools::host_system* sys = [] {
-        auto* made = new tevash_tools::host_system(static_cast<TEV_ASH_APP_TYPE>(1));
-        return made;
-    }();
-    if (sys->status() != 0) {
+    // Up for this run only, so that between runs the handler service of the
+    // process benchmarks below is the one other processes serve.
+    tevash_tools::host_system sys(static_cast<TEV_ASH_APP_TYPE>(1));
+    if (sys.status() != 0) {
         st.SkipWithError("host system did not start");
         return;
     }
@@ -334,4 +341,116 @@ void BM_raw_create(benchmark::State& st) {
 BENCHMARK(BM_create);
 BENCHMARK(BM_raw_create);
 
-BENCHMARK_MAIN();
+// ---- The same create with application, handler service and director each in
+// its own process: this one, and two copies of this program started as
+// `--as-service` and `--as-director` on a private runtime directory. The
+// director keeps its records in its own memory, as BM_create does, so the
+// difference is the two round trips between processes.
+
+namespace {
+
+class service_processes {
+public:
+    service_processes() {
+        char dir[] = "/tmp/tevash_bench_XXXXXX";
+        if (mkdtemp(dir) == nullptr) return;
+        dir_ = dir;
+        setenv("TEVASH_RUNTIME_DIR", dir, 1);
+        ok_ = start("--as-service") && start("--as-director");
+    }
+    ~service_processes() {
+        for (auto it = pids_.rbegin(); it != pids_.rend(); ++it) {
+            kill(*it, SIGTERM);
+            waitpid(*it, nullptr, 0);
+        }
+        if (!dir_.empty()) {
+            std::system(("rm -rf '" + dir_ + "'").c_str());
+        }
+    }
+    bool ok() const { return ok_; }
+
+private:
+    // Starts this program in `role` and waits for its ready line.
+    bool start(const char* role) {
+        int out[2];
+        if (pipe(out) != 0) return false;
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_adddup2(&fa, out[1], 1);
+        posix_spawn_file_actions_addclose(&fa, out[0]);
+        char self[] = "/proc/self/exe";
+        char* argv[] = {self, const_cast<char*>(role), nullptr};
+        pid_t pid = -1;
+        const bool spawned = posix_spawn(&pid, self, &fa, nullptr, argv, environ) == 0;
+        posix_spawn_file_actions_destroy(&fa);
+        close(out[1]);
+        if (spawned) pids_.push_back(pid);
+        char line[16] = {};
+        const bool ready =
+            spawned && read(out[0], line, sizeof line - 1) > 0 && std::string(line) == "ready\n";
+        close(out[0]);
+        return ready;
+    }
+
+    std::string dir_;
+    std::vector<pid_t> pids_;
+    bool ok_ = false;
+};
+
+service_processes* g_processes = nullptr;
+
+service_processes* processes() {
+    if (g_processes == nullptr) g_processes = new service_processes();
+    return g_processes;
+}
+
+void BM_create_processes(benchmark::State& st) {
+    if (!processes()->ok()) {
+        st.SkipWithError("handler service or director process did not start");
+        return;
+    }
+    facade();
+    for (auto _ : st) {
+        unsigned int id = 0;
+        benchmark::DoNotOptimize(
+            facade()->tev_ash_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_APP_TYPE>(1),
+                                     static_cast<TEV_ASH_SERVICE_TYPE>(0), &id, 0));
+    }
+    if (tevhost::last_send_status() != tevhost::MSG_OK) st.SkipWithError("service not reached");
+}
+// One of the two round trips alone: a create for a type without a director,
+// answered by the service's director manager.
+void BM_create_processes_no_director(benchmark::State& st) {
+    if (!processes()->ok()) {
+        st.SkipWithError("handler service or director process did not start");
+        return;
+    }
+    facade();
+    for (auto _ : st) {
+        unsigned int id = 0;
+        benchmark::DoNotOptimize(
+            facade()->tev_ash_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_APP_TYPE>(2),
+                                     static_cast<TEV_ASH_SERVICE_TYPE>(0), &id, 0));
+    }
+}
+BENCHMARK(BM_create_processes)->UseRealTime();
+BENCHMARK(BM_create_processes_no_director)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 2 && std::string(argv[1]) == "--as-service") {
+        return tevash_tools::run_service({});
+    }
+    if (argc == 2 && std::string(argv[1]) == "--as-director") {
+        tevash_tools::process_options opt;
+        opt.memory_store = true;
+        return tevash_tools::run_director(1, "", opt);
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    delete g_processes;
+    return 0;
+}
