@@ -78,6 +78,11 @@ void print_ready(bool json, const std::string& fields) {
 // Opens the shared store; the runtime directory is created when missing.
 bool open_store(const char* who, const process_options& opt, std::string* path) {
     std::string error;
+    if (opt.memory_store) {
+        *path = ":memory:";
+        tevhost::store_use_memory();
+        return true;
+    }
     if (!shared_store_path(opt.store, path, &error)) {
         fail(who, error);
         return false;

@@ -25,6 +25,9 @@ namespace tevash_tools {
 struct process_options {
     std::string store;  // empty: <runtime dir>/store.db
     bool json = false;  // the ready line as a JSON object
+    // A director's records in its own memory instead of the shared store (for
+    // benchmarks that measure the processes without the store file).
+    bool memory_store = false;
 };
 
 // Stops accepting on a signal, finishes the calls in flight, removes its socket.
