@@ -46,7 +46,7 @@ int run_create(context& ctx, const create_options& o) {
         if (int rc = ctx.check_handler(parent, &parent_category)) return rc;
     }
     unsigned int rc = f->tev_ash_create(category, ctx.app(), TEV_ASH_SERVICE_TYPE_NONE, &id, 0);
-    if (rc != 0)
+    if (rc != 0 || !ctx.reached_service())
         return ctx.fail_service("cannot create a " + category_name(category) + " handler", rc);
     if (!o.parent.empty()) {
         rc = f->tev_ash_set_link(parent_category, parent, category, id);
@@ -112,10 +112,11 @@ int run_reset_or_remove(context& ctx, const std::string& text, bool reset) {
     auto* f = context::facade();
     const unsigned int rc = reset ? f->tev_ash_reset(ctx.app(), TEV_ASH_SERVICE_TYPE_NONE, id)
                                   : f->tev_ash_remove(ctx.app(), id);
-    return rc ? ctx.fail_service(std::string("cannot ") + (reset ? "reset" : "remove") +
-                                     " handler " + std::to_string(id),
-                                 rc)
-              : 0;
+    return rc != 0 || !ctx.reached_service()
+               ? ctx.fail_service(std::string("cannot ") + (reset ? "reset" : "remove") +
+                                      " handler " + std::to_string(id),
+                                  rc)
+               : 0;
 }
 
 }  // namespace

@@ -13,6 +13,7 @@ void add_handler_commands(CLI::App& app, context& ctx);   // create link unlink 
 void add_member_commands(CLI::App& app, context& ctx);    // get set members
 void add_tree_commands(CLI::App& app, context& ctx);      // tree
 void add_transfer_commands(CLI::App& app, context& ctx);  // export import
+void add_process_commands(CLI::App& app, context& ctx);   // serve director
 
 }  // namespace tevash_cli
 

@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "processes.h"
 #include "util.h"
+#include "vlq_mc_client.h"
 
 namespace tevash_cli {
 
@@ -17,6 +19,18 @@ int context::open_store() {
 }
 
 int context::start_system() {
+    if (!runtime_dir.empty()) {
+        setenv("TEVASH_RUNTIME_DIR", runtime_dir.c_str(), 1);
+        std::string error;
+        if (!tevash_tools::shared_store_path(store, &store, &error)) return fail(error);
+        if (int rc = open_store()) return rc;
+        if (velmora::vlq_mc_client::vlq_mc_check_facade(velmora::TEV_ASH_SRV_NAME,
+                                                        velmora::TEV_ASH_SRV_OBJ_ID) == 0)
+            return fail("handler service not reachable: nothing listening in " + runtime_dir +
+                        " (start `tevash serve` there)");
+        capture.reset(new tevhost::trace_capture);
+        return 0;
+    }
     if (int rc = open_store()) return rc;
     system.reset(new tevash_tools::host_system(app()));
     if (system->status() != 0)
@@ -50,7 +64,13 @@ int context::fail_service(const std::string& words, unsigned int rc) const {
         return fail_code(
             std::string("handler service not reachable (") + tevhost::send_status_text(sent) + ")",
             rc);
-    return fail_code(words, rc);
+    std::string meaning;
+    if (rc == velmora::TEV_ASH_RC_NO_OBSERVER)
+        meaning = " (no director registered for application type " + std::to_string(app_type) + ")";
+    if (rc == tevhost::HOST_DIRECTOR_UNREACHABLE)
+        meaning =
+            " (the director of application type " + std::to_string(app_type) + " did not answer)";
+    return fail_code(words + meaning, rc);
 }
 
 int context::check_handler(unsigned int id, unsigned int* category) const {
@@ -61,8 +81,10 @@ int context::check_handler(unsigned int id, unsigned int* category) const {
     return 0;
 }
 
-void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body) {
-    sub->callback([&ctx, access, body] {
+void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body,
+                     bool embedded) {
+    sub->callback([&ctx, access, body, embedded] {
+        if (embedded) ctx.runtime_dir.clear();
         (void)access;
         ctx.exit_code = ctx.start_system();
         if (ctx.exit_code == 0) ctx.exit_code = body();

@@ -33,6 +33,10 @@ struct context {
     std::string store;  // empty: a fresh in-memory store
     bool verbose = false;
     int app_type = 1;
+    // Set (--runtime-dir or TEVASH_RUNTIME_DIR): create, reset and remove go to
+    // the handler service running there, and records are read from its shared
+    // store. Empty: the service and a director run in this process.
+    std::string runtime_dir;
 
     int exit_code = 0;
     std::unique_ptr<tevash_tools::host_system> system;
@@ -49,8 +53,12 @@ struct context {
     // Routes trace lines (standard error only with --verbose) and opens --store.
     // 0 when done; otherwise the message is printed and the exit code returned.
     int open_store();
-    // open_store, then the handler service and director of --app-type in this process.
+    // open_store, then the handler service and director of --app-type in this
+    // process; with runtime_dir, the shared store and a check that the service answers.
     int start_system();
+    // Whether the calling thread's last request reached the handler service (a
+    // request that did not leaves the library a zero reply: result 0).
+    static bool reached_service() { return tevhost::last_send_status() == tevhost::MSG_OK; }
 
     // Prints "tevash: <message>" to standard error; returns the exit code 1.
     static int fail(const std::string& message);
@@ -68,8 +76,10 @@ struct context {
 enum class store_access { read, write };
 
 // Gives `sub` the body `body`, run once the store is open and the system is up;
-// its return value becomes the exit code.
-void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body);
+// its return value becomes the exit code. An `embedded` body always runs on the
+// system in this process, whatever the runtime directory says.
+void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body,
+                     bool embedded = false);
 
 }  // namespace tevash_cli
 

@@ -24,12 +24,18 @@ int main(int argc, char** argv) {
     app.add_flag("-v,--verbose", ctx.verbose, "Also write trace lines to standard error");
     app.add_option("--app-type", ctx.app_type, "Application type of the director")
         ->capture_default_str();
+    app.add_option("--runtime-dir", ctx.runtime_dir,
+                   "Send create, reset and remove to the handler service running in DIR "
+                   "(`tevash serve`) and use its shared store")
+        ->type_name("DIR")
+        ->envname("TEVASH_RUNTIME_DIR");
 
     add_demo_commands(app, ctx);
     add_handler_commands(app, ctx);
     add_member_commands(app, ctx);
     add_tree_commands(app, ctx);
     add_transfer_commands(app, ctx);
+    add_process_commands(app, ctx);
 
     CLI11_PARSE(app, argc, argv);
     return ctx.exit_code;
