@@ -17,7 +17,8 @@ struct process_command {
 
 void add_store_options(CLI::App* sub, process_command& c) {
     sub->add_option("--store", c.opt.store,
-                    "Record store file shared by the processes (default: <runtime dir>/store.db)");
+                    "Record store file shared by the processes (default: <runtime dir>/store.db)")
+        ->type_name("FILE");
     sub->add_flag("--json", c.opt.json, "Print the ready line as a JSON object");
 }
 
@@ -25,12 +26,13 @@ void add_store_options(CLI::App* sub, process_command& c) {
 
 void add_process_commands(CLI::App& app, context& ctx) {
     auto c = std::make_shared<process_command>();
-    auto* serve = app.add_subcommand(
-        "serve",
-        "Run the handler service in the foreground until SIGTERM or SIGINT. Applications, "
-        "directors and `tevash --runtime-dir DIR ...` commands of the same runtime directory "
-        "(TEVASH_RUNTIME_DIR, default $XDG_RUNTIME_DIR/tevash or /tmp/tevash-<uid>) reach it. "
-        "Prints `ready` when serving; traces go to standard error.");
+    auto* serve = app.add_subcommand("serve", "Run the handler service for other processes");
+    serve->footer(
+        "Runs in the foreground until SIGTERM or SIGINT, then finishes the calls in flight, "
+        "removes its socket and exits 0. Directors and applications of the same runtime "
+        "directory (--runtime-dir or TEVASH_RUNTIME_DIR; default $XDG_RUNTIME_DIR/tevash, "
+        "else /tmp/tevash-<uid>) reach it. Prints `ready` once serving; traces go to standard "
+        "error. Refuses to start when a service already runs there.");
     add_store_options(serve, *c);
     serve->callback([&ctx, c] {
         if (c->opt.store.empty()) c->opt.store = ctx.store;
@@ -38,11 +40,12 @@ void add_process_commands(CLI::App& app, context& ctx) {
         ctx.exit_code = tevash_tools::run_service(c->opt);
     });
 
-    auto* director = app.add_subcommand(
-        "director",
-        "Run a sample director for one application type in the foreground: it registers with "
-        "the running handler service, creates, resets and removes handlers in the shared "
-        "store, and withdraws on SIGTERM or SIGINT. Prints `ready` once registered.");
+    auto* director =
+        app.add_subcommand("director", "Run a sample director for one application type");
+    director->footer(
+        "Registers with the handler service of the runtime directory, then creates, resets and "
+        "removes handlers in the shared store for it, in the foreground. Prints `ready` once "
+        "registered; withdraws and exits 0 on SIGTERM or SIGINT.");
     director->add_option("--app-type", c->app_type, "Application type it directs")->required();
     director->add_option("--connection", c->connection,
                          "Its connection name (default TEV_ASH_DIR<app type>)");

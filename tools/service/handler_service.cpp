@@ -81,8 +81,8 @@ private:
         if (status == tevhost::MSG_OK) return true;
         result = static_cast<long>(tevhost::HOST_DIRECTOR_UNREACHABLE);
         tivGENTrcPrintf(
-            0xE200, 0x102, 0, "handler_service::%s,director \"%s\" object %#lx not reached: %s\n",
-            function, director_.connection_name, static_cast<unsigned long>(director_.obj_id),
+            0xE200, 0x102, 0, "handler_service::%s,director \"%s\" object %#x not reached: %s\n",
+            function, director_.connection_name, static_cast<unsigned int>(director_.obj_id),
             tevhost::send_status_text(status));
         if (status == tevhost::MSG_NOT_LISTENING || status == tevhost::MSG_PEER_GONE ||
             status == tevhost::MSG_NO_OBJECT) {
@@ -261,9 +261,9 @@ unsigned int handler_service::withdraw(const director_entry& gone) {
     for (unsigned int i = 0; i < registrations; ++i) manager->remove_observer(gone.obj_id);
     if (registrations != 0) {
         tivGENTrcPrintf(0xE200, 0x102, 0,
-                        "handler_service::withdraw,director \"%s\" object %#lx is gone: %u "
+                        "handler_service::withdraw,director \"%s\" object %#x is gone: %u "
                         "registration(s) withdrawn\n",
-                        gone.connection_name, static_cast<unsigned long>(gone.obj_id),
+                        gone.connection_name, static_cast<unsigned int>(gone.obj_id),
                         registrations);
     }
     return registrations;
