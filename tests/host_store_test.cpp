@@ -289,6 +289,85 @@ TEST_P(Store, InjectedFailuresHitTheChosenCallOnceAndChangeNothing) {
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, b));
 }
 
+// Every record with its category, parent, children in order and members: two
+// stores with the same snapshot hold the same trees.
+std::string snapshot() {
+    std::string out;
+    for (const record_info& r : store_records()) {
+        out += std::to_string(r.handler_id) + "/" + std::to_string(r.category) + "^" +
+               std::to_string(r.parent_id) + " [";
+        for (unsigned int c : children(r.handler_id)) out += std::to_string(c) + " ";
+        out += "]";
+        for (const member_value& m : record_members(r.handler_id)) {
+            out += " " + std::to_string(m.member_id) + ":" + std::to_string(int(m.kind)) + "=" +
+                   std::string(m.value.begin(), m.value.end());
+        }
+        out += "\n";
+    }
+    return out;
+}
+
+TEST_P(Store, TransactionsKeepAllOrNothing) {
+    unsigned int job = make(JOB), a = make(SET_A), b = make(SET_A);
+    link(job, a);
+    link(job, b);
+    ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, a, 1, 5ul));
+    // A command's worth of changes; a call failing inside does not spoil the rest.
+    auto work = [&] {
+        unsigned int made = make(SET_B), cat = 0;
+        link(job, made);
+        EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, a));
+        EXPECT_EQ(0u, S::wud_wud_service_info_set_current(CMP, b, 2, 9ul));
+        EXPECT_EQ(STORE_CYCLE, S::wud_wud_service_info_set_link(CMP, SET_B, made, JOB, job));
+        EXPECT_EQ(0u, S::wud_wud_service_info_get_job_category_by_id(CMP, made, &cat));
+        EXPECT_EQ(0u, S::wud_wud_service_info_copy_current(CMP, b, job));
+    };
+    enum { COMMIT, DROP };
+    const struct {
+        const char* name;
+        int outer, inner;  // what each scope does; inner -1: no inner scope
+        unsigned int rc;   // of the outer commit
+        bool kept;
+    } cases[] = {
+        {"dropped", DROP, -1, 0, false},
+        {"inner committed, outer dropped", DROP, COMMIT, 0, false},
+        {"inner dropped, outer committed", COMMIT, DROP, STORE_ROLLED_BACK, false},
+        {"committed", COMMIT, -1, 0, true},  // last: it changes the store
+    };
+    const std::string before = snapshot();
+    for (const auto& c : cases) {
+        {
+            store_transaction outer;
+            if (c.inner == -1) {
+                work();
+            } else {
+                store_transaction inner;
+                work();
+                if (c.inner == COMMIT) {
+                    EXPECT_EQ(0u, inner.commit()) << c.name;
+                }
+            }
+            if (c.inner == DROP) {  // later calls in the doomed scope fail
+                unsigned int out = SENTINEL;
+                EXPECT_EQ(STORE_ROLLED_BACK,
+                          S::wud_wud_service_info_make_current(CMP, JOB, FLAG, &out));
+                EXPECT_EQ(SENTINEL, out);
+            }
+            if (c.outer == COMMIT) {
+                EXPECT_EQ(c.rc, outer.commit()) << c.name;
+            }
+        }
+        reopen();
+        if (c.kept) {
+            EXPECT_NE(before, snapshot()) << c.name;
+            EXPECT_EQ(9u, read_u32(job, 2)) << c.name;
+            EXPECT_EQ(2u, children(job).size()) << c.name;
+            return;  // the last case
+        }
+        EXPECT_EQ(before, snapshot()) << c.name;
+    }
+}
+
 // Threads making, linking, writing and deleting records under one parent while
 // another reads the parent's last child: every call succeeds, a child read is
 // always whole, and the parent ends with exactly the children that were kept.
@@ -349,6 +428,41 @@ TEST_P(StoreConcurrency, WritersAndReadersKeepTreesConsistent) {
     for (unsigned int id : linked) EXPECT_EQ(id, read_u32(id, 1));
     EXPECT_EQ(children_of(root, JOB, SET_A).size() + children_of(root, JOB, SET_B).size(),
               linked.size());
+}
+
+// One thread links pairs of children inside transactions, keeping every other
+// pair; readers in other threads wait for each scope to end, so they never see
+// half a pair, and what is left is exactly the kept pairs.
+TEST_P(StoreConcurrency, OtherThreadsWaitForTheWholeTransaction) {
+    const unsigned int root = make(JOB);
+    std::atomic<bool> reading{true};
+    std::atomic<int> odd{0}, reads{0};
+    std::thread reader([&] {
+        while (reading.load() || reads.load() == 0) {
+            unsigned int n = 0;
+            EXPECT_EQ(0u, S::wud_wud_service_info_get_child_link_num_direct(CMP, root, &n));
+            if (n % 2 != 0) odd.fetch_add(1);
+            reads.fetch_add(1);
+        }
+    });
+    std::vector<unsigned int> kept;
+    for (int round = 0; round < 60; ++round) {
+        store_transaction txn;
+        unsigned int pair[2] = {make(SET_A), make(SET_B)};
+        for (unsigned int c : pair) {
+            store_transaction nested;  // the owner's calls and scopes re-enter
+            link(root, c);
+            ASSERT_EQ(0u, nested.commit());
+        }
+        if (round % 2 == 0) {
+            ASSERT_EQ(0u, txn.commit());
+            kept.insert(kept.end(), pair, pair + 2);
+        }
+    }
+    reading = false;
+    reader.join();
+    EXPECT_EQ(0, odd.load());
+    EXPECT_EQ(kept, children(root));
 }
 
 }  // namespace

@@ -400,6 +400,35 @@ public:
         });
     }
 
+    unsigned int begin() override {
+        std::lock_guard<std::mutex> lock(mtx_);
+        if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            return STORE_IO;
+        }
+        outer_ = true;
+        outer_failed_ = false;
+        return 0;
+    }
+
+    unsigned int commit() override {
+        std::lock_guard<std::mutex> lock(mtx_);
+        if (!outer_) return STORE_IO;
+        outer_ = false;
+        if (!outer_failed_ && !sqlite3_get_autocommit(db_) &&
+            sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK) {
+            return 0;
+        }
+        if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return STORE_IO;
+    }
+
+    void rollback() override {
+        std::lock_guard<std::mutex> lock(mtx_);
+        if (!outer_) return;
+        outer_ = false;
+        if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+
     std::vector<record_info> records() override {
         std::vector<record_info> out;
         unsigned int rc = read([&] {
@@ -418,17 +447,18 @@ public:
 
 private:
     // Runs `body` in one transaction and commits when it returns 0; rolls back
-    // on a store failure code or a database failure (STORE_IO).
+    // on a store failure code or a database failure (STORE_IO). Inside an open
+    // store transaction a change runs in a savepoint instead, so that a failed
+    // call still changes nothing.
     template <typename Body>
-    unsigned int transact(const char* begin, Body body) {
+    unsigned int transact(bool writes, Body body) {
         std::lock_guard<std::mutex> lock(mtx_);
-        if (sqlite3_exec(db_, begin, nullptr, nullptr, nullptr) != SQLITE_OK) return STORE_IO;
-        unsigned int rc = STORE_IO;
-        try {
-            rc = body();
-        } catch (const db_failure&) {
-            rc = STORE_IO;
+        if (outer_) return joined(writes, body);
+        if (sqlite3_exec(db_, writes ? "BEGIN IMMEDIATE" : "BEGIN", nullptr, nullptr, nullptr) !=
+            SQLITE_OK) {
+            return STORE_IO;
         }
+        unsigned int rc = guarded(body);
         if (rc == 0 && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK) {
             return 0;
         }
@@ -437,12 +467,39 @@ private:
         return rc;
     }
     template <typename Body>
+    unsigned int joined(bool writes, Body body) {
+        // SQLite rolls a transaction back by itself on some errors: then the
+        // calls must not go on outside it.
+        if (sqlite3_get_autocommit(db_)) return STORE_IO;
+        if (!writes) return guarded(body);
+        if (sqlite3_exec(db_, "SAVEPOINT call", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            return STORE_IO;
+        }
+        unsigned int rc = guarded(body);
+        if (rc != 0 &&
+            sqlite3_exec(db_, "ROLLBACK TO call", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            outer_failed_ = true;
+        }
+        if (sqlite3_exec(db_, "RELEASE call", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            outer_failed_ = true;
+        }
+        return outer_failed_ && rc == 0 ? STORE_IO : rc;
+    }
+    template <typename Body>
+    unsigned int guarded(Body body) {
+        try {
+            return body();
+        } catch (const db_failure&) {
+            return STORE_IO;
+        }
+    }
+    template <typename Body>
     unsigned int write(Body body) {
-        return transact("BEGIN IMMEDIATE", body);
+        return transact(true, body);
     }
     template <typename Body>
     unsigned int read(Body body) {
-        return transact("BEGIN", body);
+        return transact(false, body);
     }
 
     // REQUIRES: mtx_ is held. `text` is a string literal (its address keys the cache).
@@ -522,6 +579,8 @@ private:
 
     std::mutex mtx_;
     sqlite3* db_;
+    bool outer_ = false;         // a store transaction is open
+    bool outer_failed_ = false;  // and cannot be committed
     std::vector<std::pair<const char*, sqlite3_stmt*>> cache_;
 };
 

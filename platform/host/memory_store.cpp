@@ -35,6 +35,7 @@ public:
         if (category == 0) return STORE_BAD_CATEGORY;
         unsigned int id = take_handler_id(1);
         if (id == 0) return STORE_IO;
+        save(id);
         records_[id].category = category;
         *handler_id = id;
         return 0;
@@ -50,6 +51,7 @@ public:
         made.members = src->members;
         unsigned int id = take_handler_id(1);
         if (id == 0) return STORE_IO;
+        save(id);
         records_.emplace(id, std::move(made));
         *handler_id = id;
         return 0;
@@ -59,6 +61,7 @@ public:
         const record* src = find(src_handler_id);
         record* dst = find(dst_handler_id);
         if (src == nullptr || dst == nullptr) return STORE_NO_RECORD;
+        save(dst_handler_id);
         if (src != dst) dst->members = src->members;
         return 0;
     }
@@ -66,6 +69,7 @@ public:
     unsigned int init(unsigned int handler_id) override {
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
+        save(handler_id);
         r->members.clear();
         return 0;
     }
@@ -74,9 +78,16 @@ public:
         auto it = records_.find(handler_id);
         if (it == records_.end()) return STORE_NO_RECORD;
         record& r = it->second;
-        if (r.parent != 0) unlink_from_parent(handler_id, r.parent);
-        for (unsigned int child : r.children) records_[child].parent = 0;
-        records_.erase(it);
+        save(handler_id);
+        if (r.parent != 0) {
+            save(r.parent);
+            unlink_from_parent(handler_id, r.parent);
+        }
+        for (unsigned int child : r.children) {
+            save(child);
+            records_[child].parent = 0;
+        }
+        records_.erase(handler_id);
         return 0;
     }
 
@@ -93,6 +104,8 @@ public:
         for (unsigned int id = parent_handler_id; id != 0; id = records_[id].parent) {
             if (id == child_handler_id) return STORE_CYCLE;
         }
+        save(parent_handler_id);
+        save(child_handler_id);
         parent->children.push_back(child_handler_id);
         child->parent = parent_handler_id;
         return 0;
@@ -103,6 +116,8 @@ public:
         if (r == nullptr) return STORE_NO_RECORD;
         if (r->category != category) return STORE_BAD_CATEGORY;
         if (r->parent == 0) return STORE_NO_LINK;
+        save(handler_id);
+        save(r->parent);
         unlink_from_parent(handler_id, r->parent);
         r->parent = 0;
         return 0;
@@ -208,6 +223,7 @@ public:
         } else if (known != 0 && known != width) {
             return STORE_WIDTH;
         }
+        save(handler_id);
         stored_value& v = r->members[member_id];
         v.kind = kind;
         v.bytes.assign(bytes, bytes + width);
@@ -247,7 +263,32 @@ public:
         return out;
     }
 
-    void clear() override { records_.clear(); }
+    void clear() override {
+        for (const auto& entry : records_) save(entry.first);
+        records_.clear();
+    }
+
+    unsigned int begin() override {
+        journaling_ = true;
+        undo_.clear();
+        return 0;
+    }
+    unsigned int commit() override {
+        journaling_ = false;
+        undo_.clear();
+        return 0;
+    }
+    void rollback() override {
+        for (auto& entry : undo_) {
+            if (entry.second.kept) {
+                records_[entry.first] = std::move(entry.second.before);
+            } else {
+                records_.erase(entry.first);
+            }
+        }
+        journaling_ = false;
+        undo_.clear();
+    }
 
     std::vector<record_info> records() override {
         std::vector<record_info> out;
@@ -273,7 +314,21 @@ private:
         siblings.erase(std::remove(siblings.begin(), siblings.end(), child_id), siblings.end());
     }
 
+    // Inside a transaction: keeps a record as it was before its first change.
+    void save(unsigned int handler_id) {
+        if (!journaling_ || undo_.count(handler_id) != 0) return;
+        auto it = records_.find(handler_id);
+        undo_[handler_id] = it == records_.end() ? saved{false, record{}} : saved{true, it->second};
+    }
+
+    struct saved {
+        bool kept;  // false: the record did not exist
+        record before;
+    };
+
     std::unordered_map<unsigned int, record> records_;  // nodes never move
+    bool journaling_ = false;                           // a transaction is open
+    std::unordered_map<unsigned int, saved> undo_;      // the records it changed
 };
 
 }  // namespace

@@ -35,8 +35,12 @@ struct store_state {
     // operations that only read, exclusive for the others, for declaring members
     // and for switching backends.
     tevhost::detail::sharded_shared_mutex mtx;
-    std::unique_ptr<store_backend> backend;
+    std::unique_ptr<store_backend> backend;  // null once closed at exit
     std::unordered_map<unsigned int, member_decl> schema;
+    // The open transaction, touched only by the thread that holds it (with the
+    // lock held exclusively): whether every store call in it must fail (the
+    // backend could not begin, or an inner scope ended without committing).
+    bool txn_broken = false;
 
     std::mutex seam_mtx;
     std::atomic<bool> seams_on{false};  // logging or a failure is armed
@@ -58,13 +62,63 @@ void open_initial_backend(store_state& s) {
     if (!s.backend) s.backend = tevhost::detail::make_memory_backend();
 }
 
+// Scopes of store_transaction open in this thread; above 0 only in the thread
+// that holds the transaction, which then holds the store's lock exclusively.
+__attribute__((tls_model("initial-exec"))) thread_local unsigned int t_txn_depth = 0;
+
+void close_at_exit();
+
 store_state& state() {
     static store_state* s = [] {
         auto* made = new store_state;  // never destroyed: the store lives until exit
         open_initial_backend(*made);
+        std::atexit(close_at_exit);
         return made;
     }();
     return *s;
+}
+
+// The store's lock for one call: shared or exclusive, none in the thread that
+// holds the transaction (it holds the lock exclusively already).
+class call_lock {
+public:
+    call_lock(store_state& s, bool exclusive)
+        : s_(s), mode_(t_txn_depth > 0 ? int{NONE} : (exclusive ? int{EXCLUSIVE} : int{SHARED})) {
+        if (mode_ == SHARED) s_.mtx.lock_shared();
+        if (mode_ == EXCLUSIVE) s_.mtx.lock();
+    }
+    ~call_lock() {
+        if (mode_ == SHARED) s_.mtx.unlock_shared();
+        if (mode_ == EXCLUSIVE) s_.mtx.unlock();
+    }
+    call_lock(const call_lock&) = delete;
+    call_lock& operator=(const call_lock&) = delete;
+
+    // The backend to use, or null with *rc set when there is none to use: the
+    // store was closed at exit, or the open transaction is broken.
+    store_backend* backend(unsigned int* rc) const {
+        if (mode_ == NONE && s_.txn_broken) {
+            *rc = tevhost::STORE_ROLLED_BACK;
+            return nullptr;
+        }
+        if (!s_.backend) *rc = tevhost::STORE_IO;
+        return s_.backend.get();
+    }
+
+private:
+    enum mode_t { SHARED = 0, EXCLUSIVE = 1, NONE = 2 };
+    store_state& s_;
+    const int mode_;
+};
+
+// At a normal exit the persistent store is closed, which writes the log back
+// into the database file and removes it, so the file alone holds every record.
+// A thread still using the store (or holding a transaction) keeps it open.
+void close_at_exit() {
+    store_state& s = state();
+    if (!s.mtx.try_lock()) return;
+    s.backend.reset();
+    s.mtx.unlock();
 }
 
 void update_seams_on(store_state& s) {
@@ -113,12 +167,10 @@ unsigned int run(store_op op, unsigned int cmp_id, Body body) {
     store_state& s = state();
     unsigned int injected = enter(s, op, cmp_id);
     if (injected != 0) return injected;
-    if (only_reads(op)) {
-        std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-        return body(*s.backend);
-    }
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    return body(*s.backend);
+    call_lock lock(s, !only_reads(op));
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b == nullptr ? rc : body(*b);
 }
 
 const member_decl* find_decl(store_state& s, unsigned int member_id) {
@@ -410,21 +462,36 @@ bool declare_member(unsigned int member_id, member_kind kind, unsigned int byte_
     if (width == 0) return false;
     initial.resize(width, 0);
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
+    call_lock lock(s, true);
     s.schema[member_id] = member_decl{kind, width, std::move(initial)};
     return true;
 }
 
 void clear_schema() {
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
+    call_lock lock(s, true);
     s.schema.clear();
 }
 
-void store_use_memory() {
+namespace {
+
+// Replaces the backend, unless this thread holds a transaction on the current one.
+bool switch_backend(std::unique_ptr<detail::store_backend> next, std::string* error) {
+    if (t_txn_depth > 0) {
+        if (error != nullptr) *error = "a store transaction is open in this thread";
+        tivGENTrcPrintf(0, 0, 0, "host store: not switched, a store transaction is open\n");
+        return false;
+    }
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    s.backend = detail::make_memory_backend();
+    call_lock lock(s, true);
+    s.backend = std::move(next);
+    return true;
+}
+
+}  // namespace
+
+void store_use_memory() {
+    switch_backend(detail::make_memory_backend(), nullptr);
 }
 
 bool store_use_file(const std::string& path, std::string* error) {
@@ -434,44 +501,88 @@ bool store_use_file(const std::string& path, std::string* error) {
         if (error != nullptr) *error = reason;
         return false;
     }
-    store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    s.backend = std::move(opened);
-    return true;
+    return switch_backend(std::move(opened), error);
 }
 
 void store_clear() {
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    s.backend->clear();
+    call_lock lock(s, true);
+    unsigned int rc = 0;
+    if (store_backend* b = lock.backend(&rc)) b->clear();
+}
+
+std::vector<record_info> store_records() {
+    store_state& s = state();
+    call_lock lock(s, false);
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b == nullptr ? std::vector<record_info>{} : b->records();
 }
 
 unsigned int member_info(unsigned int handler_id, unsigned int member_id, member_value* out) {
     if (out == nullptr) return STORE_BAD_ARG;
     store_state& s = state();
-    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    return s.backend->member(handler_id, member_id, find_decl(s, member_id), out);
+    call_lock lock(s, false);
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b == nullptr ? rc : b->member(handler_id, member_id, find_decl(s, member_id), out);
 }
 
 std::vector<member_value> record_members(unsigned int handler_id) {
     store_state& s = state();
-    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    return s.backend->members(handler_id);
+    call_lock lock(s, false);
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b == nullptr ? std::vector<member_value>{} : b->members(handler_id);
 }
 
 unsigned int set_member_value(unsigned int handler_id, const member_value& v) {
     unsigned int width = width_of(v.kind, v.size);
     if (v.size == 0 || width != v.size || v.value.size() != v.size) return STORE_BAD_ARG;
     store_state& s = state();
-    std::unique_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    return s.backend->set(handler_id, v.member_id, find_decl(s, v.member_id), v.value.data(),
-                          v.size, v.kind, true);
+    call_lock lock(s, true);
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b == nullptr ? rc
+                        : b->set(handler_id, v.member_id, find_decl(s, v.member_id), v.value.data(),
+                                 v.size, v.kind, true);
 }
 
-std::vector<record_info> store_records() {
+// ---- Transactions. The outermost scope takes the store's lock exclusively
+// and begins the backend's transaction; inner scopes only count. The thread's
+// store calls skip the lock while its depth is above 0 (call_lock).
+
+store_transaction::store_transaction() {
     store_state& s = state();
-    std::shared_lock<tevhost::detail::sharded_shared_mutex> lock(s.mtx);
-    return s.backend->records();
+    if (t_txn_depth++ > 0) return;
+    s.mtx.lock();
+    s.txn_broken = !s.backend || s.backend->begin() != 0;
+    if (s.txn_broken) {
+        tivGENTrcPrintf(0, 0, 0, "host store: cannot begin a transaction; its calls will fail\n");
+    }
+}
+
+store_transaction::~store_transaction() {
+    store_state& s = state();
+    if (!done_) s.txn_broken = true;  // ended without commit: nothing is kept
+    if (--t_txn_depth > 0) return;
+    if (s.backend) s.backend->rollback();  // nothing to undo after a commit
+    s.txn_broken = false;
+    s.mtx.unlock();
+}
+
+unsigned int store_transaction::commit() {
+    store_state& s = state();
+    if (done_) return STORE_BAD_ARG;
+    done_ = true;
+    if (t_txn_depth > 1) return s.txn_broken ? STORE_ROLLED_BACK : 0u;
+    if (s.txn_broken) {
+        if (s.backend) s.backend->rollback();
+        return STORE_ROLLED_BACK;
+    }
+    unsigned int rc = s.backend->commit();
+    if (rc != 0) s.txn_broken = true;
+    return rc;
 }
 
 }  // namespace tevhost

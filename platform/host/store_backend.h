@@ -38,6 +38,14 @@ public:
     void lock() {
         for (std::size_t i = 0; i < used_; ++i) slots_[i].mtx.lock();
     }
+    bool try_lock() {
+        for (std::size_t i = 0; i < used_; ++i) {
+            if (slots_[i].mtx.try_lock()) continue;
+            while (i > 0) slots_[--i].mtx.unlock();
+            return false;
+        }
+        return true;
+    }
     void unlock() {
         for (std::size_t i = 0; i < used_; ++i) slots_[i].mtx.unlock();
     }
@@ -142,6 +150,13 @@ public:
                                 const member_decl* decl, member_value* out) = 0;
     // The stored values, ascending member id; empty when there is no such record.
     virtual std::vector<member_value> members(unsigned int handler_id) = 0;
+
+    // A transaction that the following calls join (see store_transaction):
+    // begin returns 0 or STORE_IO; commit returns 0, or STORE_IO after rolling
+    // back; rollback undoes everything since begin (nothing when none is open).
+    virtual unsigned int begin() = 0;
+    virtual unsigned int commit() = 0;
+    virtual void rollback() = 0;
 
     virtual void clear() = 0;
     virtual std::vector<record_info> records() = 0;

@@ -142,8 +142,10 @@ constexpr unsigned int STORE_HAS_PARENT = 0xE1000005;    // child already linked
 constexpr unsigned int STORE_CYCLE = 0xE1000006;         // link would make a cycle
 constexpr unsigned int STORE_NO_LINK = 0xE1000007;       // no parent / no child at order
 constexpr unsigned int STORE_BAD_ARG = 0xE1000008;       // null out-pointer or buffer
-constexpr unsigned int STORE_IO = 0xE1000009;        // persistent backend failed, or ids used up
-constexpr unsigned int STORE_INJECTED = 0xE100000F;  // default code of an injected failure
+constexpr unsigned int STORE_IO = 0xE1000009;           // persistent backend failed, or ids used up
+constexpr unsigned int STORE_ROLLED_BACK = 0xE100000A;  // the open transaction is rolled back
+constexpr unsigned int STORE_READ_ONLY = 0xE100000B;    // the store is open read-only
+constexpr unsigned int STORE_INJECTED = 0xE100000F;     // default code of an injected failure
 
 // Backends. The in-memory store is the default. TEVASH_HOST_STORE=<file> in the
 // environment opens a persistent store on that file at first use; when the file
@@ -198,11 +200,32 @@ std::vector<member_value> record_members(unsigned int handler_id);
 // (size 0, a size that does not fit the kind, or value.size() != size).
 unsigned int set_member_value(unsigned int handler_id, const member_value& v);
 
-// A transaction scope on the current store. Store calls made by this thread
-// while it is open join it; a scope opened inside another joins the outer one.
-// Other threads' store calls wait until the outermost scope ends. Nothing is
-// kept unless the outermost scope commits; destruction without commit rolls
-// back (on both backends).
+// A transaction scope on the current store: the store calls made by this
+// thread while it is open are kept all together or not at all.
+//
+//     tevhost::store_transaction txn;
+//     ... store calls, through the library or directly ...
+//     if (everything_went_well) rc = txn.commit();   // else: the destructor rolls back
+//
+// - The calls join it: on the persistent store the scope is one SQLite
+//   transaction (begun at once as a writer), on the in-memory store the changes
+//   are undone when it does not commit. Each call inside still fails alone: a
+//   call that fails changes nothing, and the scope goes on.
+// - A scope opened inside another joins the outer one; only the outermost
+//   commit keeps anything. An inner scope that ends without commit dooms the
+//   whole transaction: later calls in it fail with STORE_ROLLED_BACK and the
+//   outermost commit rolls back and returns STORE_ROLLED_BACK.
+// - Other threads' store calls (and their scopes) wait until the outermost scope
+//   ends, so keep scopes short. The owning thread's calls do not wait.
+// - Nothing is kept if the process dies before the outermost commit returned.
+//
+// What it cannot cover: work done by another process. A call whose store work
+// is carried out by another process (for example a handler service or director
+// running in another process) is not part of the scope; worse, that process
+// waits for this transaction (up to 10 s, then it fails with STORE_IO) while
+// the scope is open on the persistent store. Hold a scope only around store
+// work done in this process. Switching the backend (store_use_memory,
+// store_use_file) inside a scope is refused.
 class store_transaction {
 public:
     store_transaction();
@@ -210,8 +233,13 @@ public:
     store_transaction(const store_transaction&) = delete;
     store_transaction& operator=(const store_transaction&) = delete;
     // 0 when committed (an inner scope only marks itself done); STORE_IO when
-    // the persistent backend could not commit (then nothing was kept).
+    // the persistent backend could not begin or commit, STORE_ROLLED_BACK when
+    // an inner scope ended without commit (in both cases nothing was kept);
+    // STORE_BAD_ARG when this scope was committed already.
     unsigned int commit();
+
+private:
+    bool done_ = false;
 };
 
 }  // namespace tevhost
