@@ -55,3 +55,28 @@ for name, b in sorted(runs.items(), key=lambda item: row_order(item[0])):
         n = int(name.split("/")[1])
         raw_per_child = f"{raw['cpu_time'] / n:10.1f}" if raw else ""
         print(f"{'  per child':44} {t / n:10.1f} {raw_per_child}")
+
+# Scale of the record store (bench/scale_bench.cpp), when built beside the main
+# binary: cost per child of building, drawing and copying a job of 1k, 10k and
+# 100k children, and the ratio 100k / 1k (flat is 1.0). CPU time per child: on a
+# shared machine the wall time of the persistent store also holds other
+# processes' turns and the disk.
+import os
+scale = os.path.join(os.path.dirname(binary), "tevash_scale_bench")
+if os.path.exists(scale):
+    out = subprocess.run([scale, "--benchmark_format=json"], check=True, capture_output=True,
+                         text=True).stdout
+    rows = {}
+    for b in json.loads(out)["benchmarks"]:
+        if b.get("aggregate_name") != "median":
+            continue
+        op, file_arg, children = b["run_name"].split("/")[:3]
+        key = (op.replace("BM_scale_", ""), "file" if file_arg.endswith(":1") else "memory")
+        rows.setdefault(key, {})[int(children.split(":")[1])] = b["per_child"] * 1e6
+    print()
+    print(f"{'scale: us per child':28} {'1k':>10} {'10k':>10} {'100k':>10} {'100k/1k':>8}")
+    for (op, store_kind), by_n in sorted(rows.items()):
+        cells = [by_n.get(n) for n in (1000, 10000, 100000)]
+        text = " ".join(f"{c:10.3f}" if c is not None else f"{'':>10}" for c in cells)
+        ratio = f"{cells[2] / cells[0]:8.2f}" if cells[0] and cells[2] else ""
+        print(f"{op + ', ' + store_kind:28} {text} {ratio}")

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <iterator>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -287,6 +288,59 @@ TEST_P(Store, InjectedFailuresHitTheChosenCallOnceAndChangeNothing) {
     store_fail_op(store_op::delete_current);
     store_fail_clear();
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, b));
+}
+
+// Link order against a plain list while children are linked, unlinked from the
+// front, the back and the middle, deleted, and linked again: enough holes for
+// the lists to be packed several times, inside a transaction too.
+TEST_P(Store, OrderStaysRightThroughDeletesAndRelinks) {
+    const unsigned int job = make(JOB);
+    std::vector<unsigned int> model, spare;  // spare: unlinked, to link again
+    std::map<unsigned int, unsigned int> category;
+    unsigned int seed = 7;
+    auto next = [&](size_t n) { return (seed = seed * 1103515245u + 12345u) / 65536 % n; };
+    auto check = [&](int round) {
+        ASSERT_EQ(model, children(job)) << round;
+        for (unsigned int cat : {SET_A, SET_B}) {
+            std::vector<unsigned int> want;
+            for (unsigned int id : model) {
+                if (category[id] == cat) want.push_back(id);
+            }
+            ASSERT_EQ(want, children_of(job, JOB, cat)) << round;
+        }
+    };
+    for (int round = 0; round < 12; ++round) {
+        store_transaction txn;  // on the file, one transaction keeps this test quick
+        for (int i = 0; i < 40; ++i) {
+            unsigned int id = 0;
+            if (!spare.empty() && next(3) == 0) {
+                id = spare.back();
+                spare.pop_back();
+            } else {
+                id = make(next(4) == 0 ? SET_B : SET_A);
+                category[id] = store_records().back().category;
+            }
+            link(job, id);
+            model.push_back(id);
+        }
+        for (int i = 0; i < 30; ++i) {  // from the front, the back, anywhere
+            const size_t at = round % 3 == 0   ? 0
+                              : round % 3 == 1 ? model.size() - 1
+                                               : next(model.size());
+            const unsigned int id = model[at];
+            model.erase(model.begin() + at);
+            if (i % 2) {
+                ASSERT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, id));
+            } else {
+                ASSERT_EQ(0u, S::wud_wud_service_info_delete_link(CMP, category[id], id));
+                spare.push_back(id);
+            }
+        }
+        check(round);
+        ASSERT_EQ(0u, txn.commit());
+    }
+    reopen();
+    check(-1);
 }
 
 // Every record with its category, parent, children in order and members: two

@@ -7,14 +7,20 @@
 // under a mutex. Out-values are written only after the transaction committed.
 //
 // Layout (PRAGMA user_version 2, PRAGMA application_id 'TEVS'):
-//   meta(key, value)            next_id: the first id not handed out yet;
-//                               next_seq: the next link sequence number
-//   records(id, category, parent, seq)
-//                               parent 0 when unlinked; children of a parent are
-//                               in ascending seq, which records link order
+//   meta(key, value)            next_id: the first id not handed out yet
+//   records(id, category, parent, slot, category_slot)
+//                               parent 0 when unlinked; slot orders a parent's
+//                               children, category_slot those of one category
+//   lists(parent, category, used, live, top, skipped, head)
+//                               one per parent with children (category 0) and
+//                               per category among them: its order_state
+//   holes(parent, category, node, count)
+//                               its nodes that count a hole (others are 0)
 //   members(record, member, kind, value)
 //                               the stored bytes of one member (their length is
 //                               the member's width) and its member_kind
+// Link order is kept as described at order_state (store_backend.h): the
+// child at an order, a child count and a parent each cost O(log n) index reads.
 #include <sqlite3.h>
 
 #include <cstring>
@@ -35,10 +41,19 @@ constexpr int kBusyTimeoutMs = 10000;
 
 const char* const kCreateSchema =
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-    "INSERT INTO meta VALUES('next_id', 1), ('next_seq', 1);"
+    "INSERT INTO meta VALUES('next_id', 1);"
     "CREATE TABLE records(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"
-    " parent INTEGER NOT NULL DEFAULT 0, seq INTEGER NOT NULL DEFAULT 0);"
-    "CREATE INDEX records_by_parent ON records(parent, seq);"
+    " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"
+    " category_slot INTEGER NOT NULL DEFAULT 0);"
+    "CREATE INDEX records_by_slot ON records(parent, slot);"
+    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot);"
+    "CREATE TABLE lists(parent INTEGER NOT NULL, category INTEGER NOT NULL,"
+    " used INTEGER NOT NULL, live INTEGER NOT NULL, top INTEGER NOT NULL,"
+    " skipped INTEGER NOT NULL, head INTEGER NOT NULL,"
+    " PRIMARY KEY(parent, category)) WITHOUT ROWID;"
+    "CREATE TABLE holes(parent INTEGER NOT NULL, category INTEGER NOT NULL,"
+    " node INTEGER NOT NULL, count INTEGER NOT NULL,"
+    " PRIMARY KEY(parent, category, node)) WITHOUT ROWID;"
     "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
     " kind INTEGER NOT NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
 
@@ -104,6 +119,8 @@ private:
 struct record_row {
     unsigned int category;
     unsigned int parent;
+    long long slot;
+    long long category_slot;
 };
 
 class file_backend final : public store_backend {
@@ -170,10 +187,13 @@ public:
         return write([&] {
             record_row row;
             if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            if (row.parent != 0) unlink(handler_id, row);
             sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
-            sql("UPDATE records SET parent = 0, seq = 0 WHERE parent = ?")
+            sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE parent = ?")
                 .bind(1, handler_id)
                 .run();
+            sql("DELETE FROM lists WHERE parent = ?").bind(1, handler_id).run();
+            sql("DELETE FROM holes WHERE parent = ?").bind(1, handler_id).run();
             sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
             return 0u;
         });
@@ -196,11 +216,13 @@ public:
                 if (id == child_handler_id) return STORE_CYCLE;
                 if (!find(id, &up)) break;
             }
-            long long seq = take_meta("next_seq");
-            sql("UPDATE records SET parent = ?, seq = ? WHERE id = ?")
+            const long long slot = append(parent_handler_id, 0);
+            const long long category_slot = append(parent_handler_id, child_category);
+            sql("UPDATE records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
                 .bind(1, parent_handler_id)
-                .bind(2, seq)
-                .bind(3, child_handler_id)
+                .bind(2, slot)
+                .bind(3, category_slot)
+                .bind(4, child_handler_id)
                 .run();
             return 0u;
         });
@@ -212,7 +234,7 @@ public:
             if (!find(handler_id, &row)) return STORE_NO_RECORD;
             if (row.category != category) return STORE_BAD_CATEGORY;
             if (row.parent == 0) return STORE_NO_LINK;
-            sql("UPDATE records SET parent = 0, seq = 0 WHERE id = ?").bind(1, handler_id).run();
+            unlink(handler_id, row);
             return 0u;
         });
     }
@@ -225,11 +247,14 @@ public:
             record_row parent;
             if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
             if (parent.category != parent_category) return STORE_BAD_CATEGORY;
-            query q =
-                sql("SELECT id FROM records WHERE parent = ? AND category = ?"
-                    " ORDER BY seq LIMIT 1 OFFSET ?");
-            q.bind(1, parent_handler_id).bind(2, child_category).bind(3, order);
-            if (!q.step()) return STORE_NO_LINK;
+            const order_state list = load_list(parent_handler_id, child_category);
+            if (order >= list.live) return STORE_NO_LINK;
+            query q = sql(
+                "SELECT id FROM records WHERE parent = ? AND category = ? AND category_slot = ?");
+            q.bind(1, parent_handler_id)
+                .bind(2, child_category)
+                .bind(3, slot_of(parent_handler_id, child_category, list, order));
+            if (!q.step()) throw db_failure{};
             found = static_cast<unsigned int>(q.integer(0));
             return 0u;
         });
@@ -244,10 +269,7 @@ public:
             record_row parent;
             if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
             if (parent.category != parent_category) return STORE_BAD_CATEGORY;
-            query q = sql("SELECT count(*) FROM records WHERE parent = ? AND category = ?");
-            q.bind(1, parent_handler_id).bind(2, child_category);
-            if (!q.step()) throw db_failure{};
-            n = static_cast<unsigned int>(q.integer(0));
+            n = static_cast<unsigned int>(load_list(parent_handler_id, child_category).live);
             return 0u;
         });
         if (rc == 0) *count = n;
@@ -260,9 +282,11 @@ public:
         unsigned int rc = read([&] {
             record_row parent;
             if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
-            query q = sql("SELECT id FROM records WHERE parent = ? ORDER BY seq LIMIT 1 OFFSET ?");
-            q.bind(1, parent_handler_id).bind(2, order);
-            if (!q.step()) return STORE_NO_LINK;
+            const order_state list = load_list(parent_handler_id, 0);
+            if (order >= list.live) return STORE_NO_LINK;
+            query q = sql("SELECT id FROM records WHERE parent = ? AND slot = ?");
+            q.bind(1, parent_handler_id).bind(2, slot_of(parent_handler_id, 0, list, order));
+            if (!q.step()) throw db_failure{};
             found = static_cast<unsigned int>(q.integer(0));
             return 0u;
         });
@@ -275,10 +299,7 @@ public:
         unsigned int rc = read([&] {
             record_row parent;
             if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
-            query q = sql("SELECT count(*) FROM records WHERE parent = ?");
-            q.bind(1, parent_handler_id);
-            if (!q.step()) throw db_failure{};
-            n = static_cast<unsigned int>(q.integer(0));
+            n = static_cast<unsigned int>(load_list(parent_handler_id, 0).live);
             return 0u;
         });
         if (rc == 0) *count = n;
@@ -287,7 +308,7 @@ public:
 
     unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
                         unsigned int* parent_handler_id) override {
-        record_row row{0, 0};
+        record_row row{0, 0, 0, 0};
         unsigned int rc = read([&] {
             if (!find(child_handler_id, &row)) return STORE_NO_RECORD;
             if (row.category != child_category) return STORE_BAD_CATEGORY;
@@ -299,7 +320,7 @@ public:
     }
 
     unsigned int category(unsigned int handler_id, unsigned int* category) override {
-        record_row row{0, 0};
+        record_row row{0, 0, 0, 0};
         unsigned int rc = read([&] { return find(handler_id, &row) ? 0u : STORE_NO_RECORD; });
         if (rc == 0) *category = row.category;
         return rc;
@@ -396,6 +417,8 @@ public:
         write([&] {
             sql("DELETE FROM members").run();
             sql("DELETE FROM records").run();
+            sql("DELETE FROM lists").run();
+            sql("DELETE FROM holes").run();
             return 0u;
         });
     }
@@ -519,12 +542,155 @@ private:
 
     // REQUIRES: inside a transaction.
     bool find(unsigned int handler_id, record_row* row) {
-        query q = sql("SELECT category, parent FROM records WHERE id = ?");
+        query q = sql("SELECT category, parent, slot, category_slot FROM records WHERE id = ?");
         q.bind(1, handler_id);
         if (!q.step()) return false;
         *row = record_row{static_cast<unsigned int>(q.integer(0)),
-                          static_cast<unsigned int>(q.integer(1))};
+                          static_cast<unsigned int>(q.integer(1)), q.integer(2), q.integer(3)};
         return true;
+    }
+
+    // ---- Link order (lists and holes). Category 0 is the list of all children.
+    // REQUIRES: inside a transaction (a write one to change anything).
+
+    order_state load_list(unsigned int parent, unsigned int category) {
+        query q = sql(
+            "SELECT used, live, top, skipped, head FROM lists WHERE parent = ? AND category = ?");
+        q.bind(1, parent).bind(2, category);
+        order_state st;
+        if (!q.step()) return st;
+        st.used = count(q, 0);
+        st.live = count(q, 1);
+        st.top = count(q, 2);
+        st.skipped = count(q, 3);
+        st.head = count(q, 4);
+        return st;
+    }
+    static unsigned long long count(const query& q, int column) {
+        return static_cast<unsigned long long>(q.integer(column));
+    }
+
+    void store_list(unsigned int parent, unsigned int category, const order_state& st) {
+        sql("INSERT OR REPLACE INTO lists(parent, category, used, live, top, skipped, head)"
+            " VALUES(?, ?, ?, ?, ?, ?, ?)")
+            .bind(1, parent)
+            .bind(2, category)
+            .bind(3, static_cast<long long>(st.used))
+            .bind(4, static_cast<long long>(st.live))
+            .bind(5, static_cast<long long>(st.top))
+            .bind(6, static_cast<long long>(st.skipped))
+            .bind(7, static_cast<long long>(st.head))
+            .run();
+    }
+
+    // The node storage of one list for order_state.
+    struct list_nodes {
+        file_backend& b;
+        unsigned int parent, category;
+
+        unsigned long long holes(unsigned long long node) const {
+            query q =
+                b.sql("SELECT count FROM holes WHERE parent = ? AND category = ? AND node = ?");
+            q.bind(1, parent).bind(2, category).bind(3, static_cast<long long>(node));
+            return q.step() ? count(q, 0) : 0;
+        }
+        void add_holes(unsigned long long node, unsigned long long n) {
+            b.sql(
+                 "INSERT INTO holes(parent, category, node, count) VALUES(?, ?, ?, ?)"
+                 " ON CONFLICT(parent, category, node) DO UPDATE SET count = count + "
+                 "excluded.count")
+                .bind(1, parent)
+                .bind(2, category)
+                .bind(3, static_cast<long long>(node))
+                .bind(4, static_cast<long long>(n))
+                .run();
+        }
+        unsigned long long next_child(unsigned long long slot) const {
+            query q = category == 0
+                          ? b.sql("SELECT min(slot) FROM records WHERE parent = ? AND slot > ?")
+                          : b.sql(
+                                "SELECT min(category_slot) FROM records WHERE parent = ?"
+                                " AND category = ? AND category_slot > ?");
+            q.bind(1, parent);
+            if (category != 0) q.bind(2, category);
+            q.bind(category == 0 ? 2 : 3, static_cast<long long>(slot));
+            if (!q.step()) throw db_failure{};
+            return count(q, 0);
+        }
+    };
+
+    // The slot of the child at `order` (< st.live).
+    long long slot_of(unsigned int parent, unsigned int category, const order_state& st,
+                      unsigned int order) {
+        const list_nodes nodes{*this, parent, category};
+        return static_cast<long long>(order_slot(st, order, nodes));
+    }
+
+    // Returns the slot for a child appended to the list.
+    long long append(unsigned int parent, unsigned int category) {
+        order_state st = load_list(parent, category);
+        list_nodes nodes{*this, parent, category};
+        const unsigned long long slot = order_append(st, nodes);
+        store_list(parent, category, st);
+        return static_cast<long long>(slot);
+    }
+
+    // Takes the child at `slot` out of the list. REQUIRES: its record no longer
+    // lists it there.
+    void erase(unsigned int parent, unsigned int category, long long slot) {
+        order_state st = load_list(parent, category);
+        if (st.live <= 1) {
+            sql("DELETE FROM lists WHERE parent = ? AND category = ?")
+                .bind(1, parent)
+                .bind(2, category)
+                .run();
+            sql("DELETE FROM holes WHERE parent = ? AND category = ?")
+                .bind(1, parent)
+                .bind(2, category)
+                .run();
+            return;
+        }
+        list_nodes nodes{*this, parent, category};
+        if (order_erase(st, static_cast<unsigned long long>(slot), nodes)) {
+            st = pack(parent, category, st.live);
+        }
+        store_list(parent, category, st);
+    }
+
+    // Renumbers the children in the list 1..live and drops its holes.
+    order_state pack(unsigned int parent, unsigned int category, unsigned long long live) {
+        std::vector<long long> ids;
+        {
+            query q = category == 0 ? sql("SELECT id FROM records WHERE parent = ? AND slot > 0"
+                                          " ORDER BY slot")
+                                    : sql("SELECT id FROM records WHERE parent = ? AND category = ?"
+                                          " AND category_slot > 0 ORDER BY category_slot");
+            q.bind(1, parent);
+            if (category != 0) q.bind(2, category);
+            while (q.step()) ids.push_back(q.integer(0));
+        }
+        if (ids.size() != live) throw db_failure{};
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            (category == 0 ? sql("UPDATE records SET slot = ? WHERE id = ?")
+                           : sql("UPDATE records SET category_slot = ? WHERE id = ?"))
+                .bind(1, static_cast<long long>(i + 1))
+                .bind(2, ids[i])
+                .run();
+        }
+        sql("DELETE FROM holes WHERE parent = ? AND category = ?")
+            .bind(1, parent)
+            .bind(2, category)
+            .run();
+        return packed_order(live);
+    }
+
+    // Takes a linked record out of its parent's lists and clears its link.
+    void unlink(unsigned int handler_id, const record_row& row) {
+        sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE id = ?")
+            .bind(1, handler_id)
+            .run();
+        erase(row.parent, 0, row.slot);
+        erase(row.parent, row.category, row.category_slot);
     }
 
     // REQUIRES: inside a transaction.
@@ -676,7 +842,10 @@ bool prepare_file(sqlite3* db, std::string* error) {
     }
     // In WAL mode NORMAL keeps every committed operation across a crash of the
     // process; only a power loss may lose the last ones.
-    return exec(db, "PRAGMA synchronous = NORMAL", error) && create_schema(db, error);
+    // A page cache of up to 32 MiB keeps the indexes of a job with 100k children
+    // in memory through a command (SQLite's default is 2 MiB).
+    return exec(db, "PRAGMA synchronous = NORMAL", error) &&
+           exec(db, "PRAGMA cache_size = -32768", error) && create_schema(db, error);
 }
 
 }  // namespace

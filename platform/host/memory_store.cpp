@@ -4,8 +4,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <deque>
 #include <memory>
+#include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "store_backend.h"
@@ -18,15 +21,115 @@ namespace {
 std::atomic<unsigned int> g_next_handler_id{1};
 
 struct stored_value {
-    member_kind kind;
-    std::vector<unsigned char> bytes;
+    member_kind kind = member_kind::bytes;
+    std::string bytes;  // short values stay inside the string, with no allocation
+    std::vector<unsigned char> copy() const { return {bytes.begin(), bytes.end()}; }
+};
+
+// A record's stored values, ascending member id, in one small array: records
+// hold few members, and a store of many records stays compact in memory.
+class member_map {
+public:
+    using entry = std::pair<unsigned int, stored_value>;
+    using iterator = std::vector<entry>::iterator;
+    using const_iterator = std::vector<entry>::const_iterator;
+
+    iterator find(unsigned int id) {
+        auto it = lower(id);
+        return it != entries_.end() && it->first == id ? it : entries_.end();
+    }
+    const_iterator find(unsigned int id) const { return const_cast<member_map*>(this)->find(id); }
+    stored_value& operator[](unsigned int id) {
+        auto it = lower(id);
+        if (it == entries_.end() || it->first != id) it = entries_.insert(it, entry{id, {}});
+        return it->second;
+    }
+    iterator begin() { return entries_.begin(); }
+    iterator end() { return entries_.end(); }
+    const_iterator begin() const { return entries_.begin(); }
+    const_iterator end() const { return entries_.end(); }
+    std::size_t size() const { return entries_.size(); }
+    void clear() { entries_.clear(); }
+
+private:
+    iterator lower(unsigned int id) {
+        return std::lower_bound(entries_.begin(), entries_.end(), id,
+                                [](const entry& e, unsigned int key) { return e.first < key; });
+    }
+    std::vector<entry> entries_;
+};
+
+// The children of one parent, or those of one category, in link order (see
+// order_state in store_backend.h).
+class order_list {
+public:
+    unsigned int size() const { return static_cast<unsigned int>(st_.live); }
+    const std::vector<unsigned int>& slots() const { return ids_; }  // 0: a hole
+
+    // Returns the slot of `id`, appended.
+    unsigned int append(unsigned int id) {
+        ids_.push_back(id);
+        const unsigned long long slot = order_append(st_, *this);
+        if (holes_.size() < st_.top + 1) holes_.resize(st_.top + 1, 0);
+        return static_cast<unsigned int>(slot);
+    }
+
+    // Removes the child at `slot`; `renumber(id, slot)` is called for each
+    // child that moves when the list is packed.
+    template <typename Renumber>
+    void erase(unsigned int slot, Renumber renumber) {
+        if (st_.live == 1) {
+            *this = order_list();
+            return;
+        }
+        ids_[slot - 1] = 0;
+        const bool pack_now = order_erase(st_, slot, *this);
+        ids_.resize(st_.used);
+        if (pack_now) pack(renumber);
+    }
+
+    unsigned int at(unsigned int order) const { return ids_[order_slot(st_, order, *this) - 1]; }
+
+    // The node storage for order_state.
+    unsigned long long holes(unsigned long long node) const { return holes_[node]; }
+    void add_holes(unsigned long long node, unsigned long long n) {
+        if (holes_.size() <= node) holes_.resize(node + 1, 0);
+        holes_[node] += static_cast<unsigned int>(n);
+    }
+    unsigned long long next_child(unsigned long long slot) const {
+        while (ids_[slot] == 0) ++slot;  // slot + 1 is at index slot
+        return slot + 1;
+    }
+
+private:
+    template <typename Renumber>
+    void pack(Renumber renumber) {
+        std::vector<unsigned int> ids;
+        ids.reserve(st_.live);
+        for (unsigned int id : ids_) {
+            if (id == 0) continue;
+            ids.push_back(id);
+            renumber(id, static_cast<unsigned int>(ids.size()));
+        }
+        ids_.swap(ids);
+        st_ = packed_order(ids_.size());
+        holes_.assign(st_.top + 1, 0);
+    }
+
+    std::vector<unsigned int> ids_;    // the child in each slot (slot i at i - 1)
+    std::vector<unsigned int> holes_;  // Fenwick nodes 1..top; [0] unused
+    order_state st_;
 };
 
 struct record {
     unsigned int category = 0;
-    unsigned int parent = 0;                                 // 0 when unlinked
-    std::vector<unsigned int> children;                      // link order
-    std::unordered_map<unsigned int, stored_value> members;  // stored values
+    unsigned int parent = 0;  // 0 when unlinked
+    unsigned int slot = 0;    // in the parent's children, and in those of its category
+    unsigned int category_slot = 0;
+    order_list children;
+    std::unordered_map<unsigned int, order_list> by_category;
+    member_map members;
+    unsigned int saved_in = 0;  // the transaction that saved it last (see save)
 };
 
 class memory_backend final : public store_backend {
@@ -37,6 +140,7 @@ public:
         if (id == 0) return STORE_IO;
         save(id);
         records_[id].category = category;
+        records_[id].saved_in = txn_;
         *handler_id = id;
         return 0;
     }
@@ -52,6 +156,7 @@ public:
         unsigned int id = take_handler_id(1);
         if (id == 0) return STORE_IO;
         save(id);
+        made.saved_in = txn_;
         records_.emplace(id, std::move(made));
         *handler_id = id;
         return 0;
@@ -83,9 +188,11 @@ public:
             save(r.parent);
             unlink_from_parent(handler_id, r.parent);
         }
-        for (unsigned int child : r.children) {
+        for (unsigned int child : r.children.slots()) {
+            if (child == 0) continue;
             save(child);
-            records_[child].parent = 0;
+            record& c = records_[child];
+            c.parent = c.slot = c.category_slot = 0;
         }
         records_.erase(handler_id);
         return 0;
@@ -106,7 +213,8 @@ public:
         }
         save(parent_handler_id);
         save(child_handler_id);
-        parent->children.push_back(child_handler_id);
+        child->slot = parent->children.append(child_handler_id);
+        child->category_slot = parent->by_category[child_category].append(child_handler_id);
         child->parent = parent_handler_id;
         return 0;
     }
@@ -119,7 +227,6 @@ public:
         save(handler_id);
         save(r->parent);
         unlink_from_parent(handler_id, r->parent);
-        r->parent = 0;
         return 0;
     }
 
@@ -129,15 +236,12 @@ public:
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (parent->category != parent_category) return STORE_BAD_CATEGORY;
-        unsigned int seen = 0;
-        for (unsigned int id : parent->children) {
-            if (find(id)->category != child_category) continue;
-            if (seen++ == order) {
-                *child_handler_id = id;
-                return 0;
-            }
+        auto list = parent->by_category.find(child_category);
+        if (list == parent->by_category.end() || order >= list->second.size()) {
+            return STORE_NO_LINK;
         }
-        return STORE_NO_LINK;
+        *child_handler_id = list->second.at(order);
+        return 0;
     }
 
     unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
@@ -145,11 +249,8 @@ public:
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (parent->category != parent_category) return STORE_BAD_CATEGORY;
-        unsigned int n = 0;
-        for (unsigned int id : parent->children) {
-            if (find(id)->category == child_category) ++n;
-        }
-        *count = n;
+        auto list = parent->by_category.find(child_category);
+        *count = list == parent->by_category.end() ? 0 : list->second.size();
         return 0;
     }
 
@@ -158,14 +259,14 @@ public:
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
         if (order >= parent->children.size()) return STORE_NO_LINK;
-        *child_handler_id = parent->children[order];
+        *child_handler_id = parent->children.at(order);
         return 0;
     }
 
     unsigned int child_count_direct(unsigned int parent_handler_id, unsigned int* count) override {
         const record* parent = find(parent_handler_id);
         if (parent == nullptr) return STORE_NO_RECORD;
-        *count = static_cast<unsigned int>(parent->children.size());
+        *count = parent->children.size();
         return 0;
     }
 
@@ -191,15 +292,16 @@ public:
         const record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
-        const std::vector<unsigned char>* bytes = nullptr;
         if (stored != r->members.end()) {
-            bytes = &stored->second.bytes;
+            const std::string& bytes = stored->second.bytes;
+            if (!bytes.empty()) std::memcpy(value, bytes.data(), bytes.size());
         } else if (decl != nullptr) {
-            bytes = &decl->initial;
+            if (!decl->initial.empty()) {
+                std::memcpy(value, decl->initial.data(), decl->initial.size());
+            }
         } else {
             return STORE_NO_MEMBER;
         }
-        if (!bytes->empty()) std::memcpy(value, bytes->data(), bytes->size());
         return 0;
     }
 
@@ -226,7 +328,7 @@ public:
         save(handler_id);
         stored_value& v = r->members[member_id];
         v.kind = kind;
-        v.bytes.assign(bytes, bytes + width);
+        v.bytes.assign(reinterpret_cast<const char*>(bytes), width);
         return 0;
     }
 
@@ -238,7 +340,7 @@ public:
         if (stored != r->members.end()) {
             *out = member_value{member_id, stored->second.kind,
                                 static_cast<unsigned int>(stored->second.bytes.size()),
-                                stored->second.bytes};
+                                stored->second.copy()};
         } else if (decl != nullptr) {
             *out = member_value{member_id, decl->kind, decl->width, decl->initial};
         } else {
@@ -255,12 +357,9 @@ public:
         for (const auto& entry : r->members) {
             out.push_back(member_value{entry.first, entry.second.kind,
                                        static_cast<unsigned int>(entry.second.bytes.size()),
-                                       entry.second.bytes});
+                                       entry.second.copy()});
         }
-        std::sort(out.begin(), out.end(), [](const member_value& a, const member_value& b) {
-            return a.member_id < b.member_id;
-        });
-        return out;
+        return out;  // ascending member id, as member_map keeps them
     }
 
     void clear() override {
@@ -270,24 +369,25 @@ public:
 
     unsigned int begin() override {
         journaling_ = true;
+        ++txn_;
         undo_.clear();
+        made_.clear();
         return 0;
     }
     unsigned int commit() override {
         journaling_ = false;
         undo_.clear();
+        made_.clear();
         return 0;
     }
     void rollback() override {
-        for (auto& entry : undo_) {
-            if (entry.second.kept) {
-                records_[entry.first] = std::move(entry.second.before);
-            } else {
-                records_.erase(entry.first);
-            }
+        for (unsigned int id : made_) records_.erase(id);
+        for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) {
+            records_[it->id] = std::move(it->before);
         }
         journaling_ = false;
         undo_.clear();
+        made_.clear();
     }
 
     std::vector<record_info> records() override {
@@ -308,27 +408,49 @@ private:
         return it == records_.end() ? nullptr : &it->second;
     }
 
-    // REQUIRES: `parent_id` names an existing record.
+    // Takes the child out of its parent's lists and clears its link.
+    // REQUIRES: the child is linked; both are saved.
     void unlink_from_parent(unsigned int child_id, unsigned int parent_id) {
-        std::vector<unsigned int>& siblings = records_[parent_id].children;
-        siblings.erase(std::remove(siblings.begin(), siblings.end(), child_id), siblings.end());
+        record& child = records_[child_id];
+        record& parent = records_[parent_id];
+        parent.children.erase(child.slot, [&](unsigned int id, unsigned int slot) {
+            save(id);
+            records_[id].slot = slot;
+        });
+        auto list = parent.by_category.find(child.category);
+        list->second.erase(child.category_slot, [&](unsigned int id, unsigned int slot) {
+            save(id);
+            records_[id].category_slot = slot;
+        });
+        if (list->second.size() == 0) parent.by_category.erase(list);
+        child.parent = child.slot = child.category_slot = 0;
     }
 
-    // Inside a transaction: keeps a record as it was before its first change.
+    // Inside a transaction: keeps a record as it was before its first change
+    // (or that it did not exist). A record saved in this transaction carries
+    // its number, so saving again costs no lookup in the log; rollback
+    // restores the log backwards, so the oldest entry of a record wins.
     void save(unsigned int handler_id) {
-        if (!journaling_ || undo_.count(handler_id) != 0) return;
+        if (!journaling_) return;
         auto it = records_.find(handler_id);
-        undo_[handler_id] = it == records_.end() ? saved{false, record{}} : saved{true, it->second};
+        if (it == records_.end()) {
+            made_.push_back(handler_id);
+        } else if (it->second.saved_in != txn_) {
+            undo_.push_back(saved{handler_id, it->second});
+            it->second.saved_in = txn_;
+        }
     }
 
     struct saved {
-        bool kept;  // false: the record did not exist
+        unsigned int id;
         record before;
     };
 
     std::unordered_map<unsigned int, record> records_;  // nodes never move
     bool journaling_ = false;                           // a transaction is open
-    std::unordered_map<unsigned int, saved> undo_;      // the records it changed
+    unsigned int txn_ = 0;                              // its number
+    std::deque<saved> undo_;                            // the records it changed, as they were
+    std::vector<unsigned int> made_;                    // the records it made
 };
 
 }  // namespace
