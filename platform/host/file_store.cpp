@@ -22,6 +22,11 @@
 // Link order is kept as described at order_state (store_backend.h): the
 // child at an order, a child count and a parent each cost O(log n) index reads.
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
 
 #include <cstring>
 #include <memory>
@@ -61,6 +66,10 @@ member_kind kind_of(long long stored) {
     return stored >= 0 && stored <= static_cast<long long>(member_kind::bytes)
                ? static_cast<member_kind>(stored)
                : member_kind::bytes;
+}
+
+std::string describe(sqlite3* db, int rc) {
+    return db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
 }
 
 // A failed SQLite call inside an operation; the transaction is rolled back.
@@ -125,7 +134,7 @@ struct record_row {
 
 class file_backend final : public store_backend {
 public:
-    explicit file_backend(sqlite3* db) : db_(db) {}
+    file_backend(sqlite3* db, bool read_only) : db_(db), read_only_(read_only) {}
     ~file_backend() override {
         for (auto& entry : cache_) sqlite3_finalize(entry.second);
         sqlite3_close(db_);
@@ -425,7 +434,9 @@ public:
 
     unsigned int begin() override {
         std::lock_guard<std::mutex> lock(mtx_);
-        if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        // Read-only: a read transaction, so that the scope reads one snapshot.
+        if (sqlite3_exec(db_, read_only_ ? "BEGIN" : "BEGIN IMMEDIATE", nullptr, nullptr,
+                         nullptr) != SQLITE_OK) {
             return STORE_IO;
         }
         outer_ = true;
@@ -452,6 +463,52 @@ public:
         if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     }
 
+    bool read_only() const override { return read_only_; }
+
+    // SQLite's online backup, in one step: it reads one snapshot (other
+    // processes go on writing meanwhile) into a new file beside the target,
+    // which is renamed into place once complete.
+    bool backup(const std::string& path, std::string* error) override {
+        struct stat st;
+        if (path.empty() || stat(path.c_str(), &st) == 0) {
+            *error = path.empty() ? "empty path" : path + " exists; name a new file";
+            return false;
+        }
+        const std::string part = path + ".part";
+        sqlite3* dst = nullptr;
+        int rc = sqlite3_open_v2(part.c_str(), &dst,
+                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                     SQLITE_OPEN_EXCLUSIVE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr);
+        if (rc == SQLITE_OK) {
+            std::lock_guard<std::mutex> lock(mtx_);
+            sqlite3_backup* b = sqlite3_backup_init(dst, "main", db_, "main");
+            if (b == nullptr) {
+                rc = sqlite3_errcode(dst);
+            } else {
+                rc = sqlite3_backup_step(b, -1);
+                rc = rc == SQLITE_DONE ? sqlite3_backup_finish(b) : (sqlite3_backup_finish(b), rc);
+            }
+        }
+        if (rc == SQLITE_OK) {
+            // The copy is left as one file in the ordinary journal mode.
+            rc = sqlite3_exec(dst, "PRAGMA journal_mode = DELETE", nullptr, nullptr, nullptr);
+        }
+        std::string reason = rc == SQLITE_OK ? "" : describe(dst, rc);
+        if (sqlite3_close(dst) != SQLITE_OK && rc == SQLITE_OK) {
+            rc = SQLITE_ERROR;
+            reason = "cannot close the copy";
+        }
+        if (rc == SQLITE_OK && std::rename(part.c_str(), path.c_str()) != 0) {
+            rc = SQLITE_ERROR;
+            reason = std::string("cannot rename the copy: ") + std::strerror(errno);
+        }
+        if (rc == SQLITE_OK) return true;
+        std::remove(part.c_str());
+        *error = reason;
+        return false;
+    }
+
     std::vector<record_info> records() override {
         std::vector<record_info> out;
         unsigned int rc = read([&] {
@@ -476,6 +533,7 @@ private:
     template <typename Body>
     unsigned int transact(bool writes, Body body) {
         std::lock_guard<std::mutex> lock(mtx_);
+        if (writes && read_only_) return STORE_READ_ONLY;
         if (outer_) return joined(writes, body);
         if (sqlite3_exec(db_, writes ? "BEGIN IMMEDIATE" : "BEGIN", nullptr, nullptr, nullptr) !=
             SQLITE_OK) {
@@ -745,16 +803,13 @@ private:
 
     std::mutex mtx_;
     sqlite3* db_;
+    const bool read_only_;
     bool outer_ = false;         // a store transaction is open
     bool outer_failed_ = false;  // and cannot be committed
     std::vector<std::pair<const char*, sqlite3_stmt*>> cache_;
 };
 
 // ---- Opening
-
-std::string describe(sqlite3* db, int rc) {
-    return db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-}
 
 bool pragma_int(sqlite3* db, const char* text, long long* value) {
     sqlite3_stmt* stmt = nullptr;
@@ -850,22 +905,92 @@ bool prepare_file(sqlite3* db, std::string* error) {
 
 }  // namespace
 
-std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error) {
-    std::string reason;
-    sqlite3* db = nullptr;
-    int rc = path.empty()
-                 ? SQLITE_CANTOPEN
-                 : sqlite3_open_v2(path.c_str(), &db,
-                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                                   nullptr);
-    if (rc != SQLITE_OK) {
-        reason = path.empty() ? "empty path" : describe(db, rc);
-    } else if (sqlite3_db_readonly(db, "main") == 1) {
-        reason = "file is read-only";
-    } else if (prepare_file(db, &reason)) {
-        return std::make_unique<file_backend>(db);
+// `path` as an SQLite URI (file:...), for opening with parameters.
+std::string uri_of(const std::string& path) {
+    std::string out = "file:";
+    for (char c : path) {
+        if (c == '?' || c == '#' || c == '%') {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%%%02X", static_cast<unsigned char>(c));
+            out += hex;
+        } else {
+            out += c;
+        }
     }
-    sqlite3_close(db);
+    return out;
+}
+
+// Opens an existing record store without writing anything to it. A store
+// whose write-ahead log cannot be shared (no -shm file and a directory this
+// user may not write to) can have no writer either, and is read as immutable.
+std::unique_ptr<store_backend> open_read_only(const std::string& path, std::string* error) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        *error = "unable to open database file (" + std::string(std::strerror(errno)) + ")";
+        return nullptr;
+    }
+    for (const char* params : {"?mode=ro", "?mode=ro&immutable=1"}) {
+        sqlite3* db = nullptr;
+        int rc =
+            sqlite3_open_v2((uri_of(path) + params).c_str(), &db,
+                            SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
+        if (rc == SQLITE_OK) {
+            sqlite3_extended_result_codes(db, 1);
+            sqlite3_busy_timeout(db, kBusyTimeoutMs);
+            switch (classify(db, error)) {
+                case file_kind::ours: return std::make_unique<file_backend>(db, true);
+                case file_kind::empty: *error = "not a record store file"; break;
+                case file_kind::foreign: break;
+            }
+        } else {
+            *error = describe(db, rc);
+        }
+        sqlite3_close(db);
+        const bool wal_unshared =
+            stat((path + "-wal").c_str(), &st) != 0 && stat((path + "-shm").c_str(), &st) != 0;
+        if (!wal_unshared || error->find("not a record store") != std::string::npos ||
+            error->find("version") != std::string::npos) {
+            break;
+        }
+    }
+    return nullptr;
+}
+
+// Whether this user may change `path` and make files beside it (the log).
+bool writable(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "."
+                            : slash == 0               ? "/"
+                                                       : path.substr(0, slash);
+    if (access(dir.c_str(), W_OK) != 0 && errno != ENOENT) return false;
+    return access(path.c_str(), W_OK) == 0 || errno == ENOENT;
+}
+
+std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error,
+                                                 bool read_only) {
+    std::string reason;
+    if (path.empty()) {
+        reason = "empty path";
+    } else if (read_only || !writable(path)) {
+        std::unique_ptr<store_backend> opened = open_read_only(path, &reason);
+        if (opened) return opened;
+    } else {
+        sqlite3* db = nullptr;
+        int rc = sqlite3_open_v2(path.c_str(), &db,
+                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr);
+        if (rc != SQLITE_OK) {
+            reason = describe(db, rc);
+        } else if (sqlite3_db_readonly(db, "main") == 1) {
+            sqlite3_close(db);
+            db = nullptr;
+            std::unique_ptr<store_backend> opened = open_read_only(path, &reason);
+            if (opened) return opened;
+        } else if (prepare_file(db, &reason)) {
+            return std::make_unique<file_backend>(db, false);
+        }
+        sqlite3_close(db);
+    }
     if (error != nullptr) *error = reason;
     return nullptr;
 }

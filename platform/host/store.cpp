@@ -494,14 +494,35 @@ void store_use_memory() {
     switch_backend(detail::make_memory_backend(), nullptr);
 }
 
-bool store_use_file(const std::string& path, std::string* error) {
+bool store_use_file(const std::string& path, std::string* error, store_access access) {
+    if (t_txn_depth > 0) return switch_backend(nullptr, error);
     std::string reason;
-    std::unique_ptr<detail::store_backend> opened = detail::make_file_backend(path, &reason);
+    std::unique_ptr<detail::store_backend> opened =
+        detail::make_file_backend(path, &reason, access == store_access::read_only);
     if (!opened) {
         if (error != nullptr) *error = reason;
         return false;
     }
     return switch_backend(std::move(opened), error);
+}
+
+bool store_read_only() {
+    store_state& s = state();
+    call_lock lock(s, false);
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b != nullptr && b->read_only();
+}
+
+bool store_backup(const std::string& path, std::string* error) {
+    store_state& s = state();
+    call_lock lock(s, false);
+    unsigned int rc = 0;
+    std::string reason = "the store is closed";
+    store_backend* b = lock.backend(&rc);
+    const bool ok = b != nullptr && b->backup(path, &reason);
+    if (!ok && error != nullptr) *error = reason;
+    return ok;
 }
 
 void store_clear() {

@@ -244,6 +244,15 @@ public:
     virtual void rollback() = 0;
 
     virtual void clear() = 0;
+    // Whether every change fails with STORE_READ_ONLY.
+    virtual bool read_only() const { return false; }
+    // Writes a consistent copy of the store to a new file at `path`; false with
+    // *error set when it cannot (nothing is left at `path` then).
+    virtual bool backup(const std::string& path, std::string* error) {
+        (void)path;
+        *error = "the in-memory store has no file to back up";
+        return false;
+    }
     virtual std::vector<record_info> records() = 0;
 };
 
@@ -257,8 +266,11 @@ unsigned int take_handler_id(unsigned int floor);
 std::unique_ptr<store_backend> make_memory_backend();
 
 // Opens the persistent backend on `path` (creating the file when missing); null
-// with *error set when it cannot.
-std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error);
+// with *error set when it cannot. A file this user may not write (or that sits
+// in a directory this user may not write), or `read_only`, is opened read-only:
+// it must exist and nothing is written to it.
+std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error,
+                                                 bool read_only = false);
 
 }  // namespace detail
 }  // namespace tevhost

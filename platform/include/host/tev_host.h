@@ -152,16 +152,34 @@ constexpr unsigned int STORE_INJECTED = 0xE100000F;     // default code of an in
 // cannot be opened a trace line says why and the in-memory store is used.
 //
 // The persistent store is one SQLite database file (WAL mode, with its -wal and
-// -shm companions while open). Each store operation is one transaction, so the
-// file stays sound when a process dies at any point, and several processes may
-// share it (a writer waits up to 10 s for another's transaction, then fails with
-// STORE_IO). Its ids are never reused, by this or any later process.
+// -shm companions while open). Each store operation is one transaction (or
+// joins an open store_transaction), so the file stays sound when a process dies
+// at any point, and several processes may share it (a writer waits up to 10 s
+// for another's transaction, then fails with STORE_IO). Its ids are never
+// reused, by this or any later process. At a normal exit (return from main, or
+// exit()) the store is closed: the log is written back into the file and
+// removed, so a copy of the file alone holds every record. While processes
+// have it open, copy it with store_backup instead.
 void store_use_memory();  // a fresh, empty in-memory store (ids still never reused)
+
+enum class store_access { read_write, read_only };
 // Opens (creating if needed) a persistent store on `path` and uses it from now
 // on. Returns false with *error set, and keeps the current store, when the path
 // cannot be opened or holds something other than a record store of this version;
-// such a file is left unchanged.
-bool store_use_file(const std::string& path, std::string* error = nullptr);
+// such a file is left unchanged. A file this user may not write (or in a
+// directory this user may not write), or `access` read_only, is opened
+// read-only: it must exist, nothing is ever written to it, and every change
+// fails with STORE_READ_ONLY (reads work, transactions read one snapshot).
+// Refused inside a store_transaction.
+bool store_use_file(const std::string& path, std::string* error = nullptr,
+                    store_access access = store_access::read_write);
+// Whether the current store refuses changes (a persistent store opened read-only).
+bool store_read_only();
+// Writes a consistent copy of the persistent store to a new file at `path`
+// with SQLite's online backup (one snapshot; other processes may go on writing).
+// Returns false with *error set when `path` exists, the current store is the
+// in-memory one, or the copy fails; nothing is left at `path` then.
+bool store_backup(const std::string& path, std::string* error = nullptr);
 // Drops every record (the schema stays).
 void store_clear();
 
