@@ -11,6 +11,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -48,15 +49,13 @@ protected:
 std::vector<std::string> raw_sql(const std::string& path, const std::string& sql) {
     sqlite3* db = nullptr;
     std::vector<std::string> rows;
-    char* error = nullptr;
     auto collect = [](void* out, int, char** values, char**) {
         static_cast<std::vector<std::string>*>(out)->push_back(values[0] ? values[0] : "NULL");
         return 0;
     };
     if (sqlite3_open(path.c_str(), &db) != SQLITE_OK ||
-        sqlite3_exec(db, sql.c_str(), collect, &rows, &error) != SQLITE_OK) {
-        rows = {std::string("error: ") + (error ? error : sqlite3_errmsg(db))};
-        sqlite3_free(error);
+        sqlite3_exec(db, sql.c_str(), collect, &rows, nullptr) != SQLITE_OK) {
+        rows = {std::string("error: ") + sqlite3_errmsg(db)};
     }
     sqlite3_close(db);
     return rows;
@@ -67,11 +66,6 @@ pid_t spawn(const std::function<bool()>& body) {
     pid_t pid = fork();
     if (pid == 0) _exit(body() ? 0 : 1);
     return pid;
-}
-
-bool exited_ok(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // Makes `count` records linked below `root`, each holding its own id in member
@@ -90,6 +84,30 @@ bool write_records(unsigned int root, unsigned int count, int progress = -1) {
         if (i == 20 && progress != -1 && write(progress, "x", 1) != 1) return false;
     }
     return true;
+}
+
+TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
+    const std::string text = dir_.path("notes.txt"), foreign = dir_.path("foreign.db");
+    std::ofstream(text) << "not a database at all, but long enough to look like one\n";
+    ASSERT_THAT(raw_sql(foreign, "CREATE TABLE t(x); INSERT INTO t VALUES(5)"), ElementsAre());
+    make(JOB);  // in the memory store, which must stay in use
+    const std::tuple<std::string, store_access, const char*> cases[] = {
+        {dir_.path("missing/store.db"), store_access::read_write, "unable to open"},
+        {dir_.path("missing.db"), store_access::read_only, "unable to open"},
+        {text, store_access::read_write, "not a database"},
+        {foreign, store_access::read_write, "not a record store"},
+        {foreign, store_access::read_only, "not a record store"},
+    };
+    for (const auto& [file, access, words] : cases) {
+        std::string before = file_text(file), error;
+        EXPECT_FALSE(store_use_file(file, &error, access)) << file;
+        EXPECT_THAT(error, HasSubstr(words)) << file;
+        EXPECT_EQ(before, file_text(file)) << file;
+        EXPECT_NE(0, ::access((file + "-wal").c_str(), F_OK)) << file;
+    }
+    EXPECT_THAT(raw_sql(foreign, "SELECT x FROM t"), ElementsAre("5"));
+    EXPECT_THAT(raw_sql(foreign, "PRAGMA journal_mode"), ElementsAre("delete"));
+    EXPECT_EQ(1u, store_records().size());
 }
 
 // A writer killed at many points while it replaces a job's children inside
@@ -186,7 +204,6 @@ TEST_F(FileStore, ReadOnlyStoresReadAndRefuseChanges) {
     store_use_memory();
     EXPECT_FALSE(store_read_only());
     EXPECT_EQ(before, file_text(path()));
-    EXPECT_FALSE(store_use_file(dir_.path("missing.db"), nullptr, store_access::read_only));
 }
 
 // A process that exits normally leaves the file whole (the log written back),
@@ -195,12 +212,14 @@ TEST_F(FileStore, ExitLeavesTheFileWholeAndBackupsAreConsistent) {
     open();
     const unsigned int root = make(JOB);
     store_use_memory();
-    ASSERT_TRUE(exited_ok(spawn([&] {
-        if (!store_use_file(path()) || !write_records(root, 60)) return false;
-        std::exit(0);  // a normal exit, with its exit handlers
-    })));
-    struct stat st;
-    EXPECT_NE(0, stat((path() + "-wal").c_str(), &st));
+    int status = 0;
+    waitpid(spawn([&] {
+                if (!store_use_file(path()) || !write_records(root, 60)) return false;
+                std::exit(0);  // a normal exit, with its exit handlers
+            }),
+            &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_NE(0, access((path() + "-wal").c_str(), F_OK));
     const std::string copy = dir_.path("copy.db"), backup = dir_.path("backup.db");
     std::ofstream(copy, std::ios::binary) << file_text(path());
     ASSERT_TRUE(store_use_file(copy));
@@ -224,7 +243,7 @@ TEST_F(FileStore, ExitLeavesTheFileWholeAndBackupsAreConsistent) {
     EXPECT_THAT(error, HasSubstr("exists"));
     store_use_memory();
     EXPECT_FALSE(store_backup(dir_.path("other.db"), &error));
-    EXPECT_NE(0, stat(dir_.path("other.db").c_str(), &st));
+    EXPECT_NE(0, access(dir_.path("other.db").c_str(), F_OK));
 
     EXPECT_THAT(raw_sql(backup, "PRAGMA integrity_check"), ElementsAre("ok"));
     ASSERT_TRUE(store_use_file(backup));
