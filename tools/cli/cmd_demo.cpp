@@ -91,8 +91,7 @@ int run_demo(context& ctx) {
 void add_demo_commands(CLI::App& app, context& ctx) {
     auto* demo =
         app.add_subcommand("demo", "Guided run of the typical flows on a fresh in-memory store");
-    run_with_system(
-        demo, ctx, store_access::write, [&ctx] { return run_demo(ctx); }, true);
+    run_with_system(demo, ctx, WRITES, run_mode::own_embedded, [&ctx] { return run_demo(ctx); });
 }
 
 }  // namespace tevash_cli

@@ -128,32 +128,36 @@ void add_handler_commands(CLI::App& app, context& ctx) {
     create->add_option("category", c->category, "Category name or number")->required();
     create->add_option("--parent", c->parent, "Parent handler id");
     create->add_flag("--json", c->json, "JSON output");
-    run_with_system(create, ctx, store_access::write, [&ctx, c] { return run_create(ctx, *c); });
+    run_with_system(create, ctx, WRITES, run_mode::sends,
+                    [&ctx, c] { return run_create(ctx, *c); });
 
     auto l = std::make_shared<pair_options>();
     auto* link = app.add_subcommand("link", "Link CHILD below PARENT");
     link->add_option("parent", l->a, "Parent handler id")->required();
     link->add_option("child", l->b, "Child handler id")->required();
-    run_with_system(link, ctx, store_access::write, [&ctx, l] { return run_link(ctx, *l); });
+    run_with_system(link, ctx, WRITES, run_mode::store_only,
+                    [&ctx, l] { return run_link(ctx, *l); });
 
     auto h = std::make_shared<std::string>();
     auto* unlink = app.add_subcommand("unlink", "Unlink a handler from its parent");
     unlink->add_option("handler", *h, "Handler id")->required();
-    run_with_system(unlink, ctx, store_access::write, [&ctx, h] { return run_unlink(ctx, *h); });
+    run_with_system(unlink, ctx, WRITES, run_mode::store_only,
+                    [&ctx, h] { return run_unlink(ctx, *h); });
 
     auto p = std::make_shared<pair_options>();
     auto* copy = app.add_subcommand("copy", "Copy a job's handler tree onto another");
     copy->add_option("src", p->a, "Source handler id")->required();
     copy->add_option("dst", p->b, "Destination handler id")->required();
-    run_with_system(copy, ctx, store_access::write, [&ctx, p] { return run_copy(ctx, *p); });
+    run_with_system(copy, ctx, WRITES, run_mode::store_only,
+                    [&ctx, p] { return run_copy(ctx, *p); });
 
     auto* reset = app.add_subcommand("reset", "Reset a handler");
     reset->add_option("handler", *h, "Handler id")->required();
-    run_with_system(reset, ctx, store_access::write,
+    run_with_system(reset, ctx, WRITES, run_mode::sends,
                     [&ctx, h] { return run_reset_or_remove(ctx, *h, true); });
     auto* remove = app.add_subcommand("remove", "Remove a handler");
     remove->add_option("handler", *h, "Handler id")->required();
-    run_with_system(remove, ctx, store_access::write,
+    run_with_system(remove, ctx, WRITES, run_mode::sends,
                     [&ctx, h] { return run_reset_or_remove(ctx, *h, false); });
 }
 

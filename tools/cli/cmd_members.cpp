@@ -238,7 +238,7 @@ void add_member_commands(CLI::App& app, context& ctx) {
     get->add_option("--order", g->order, "Child order for job-set members");
     get->add_option("--size", g->size, "Byte count for bytes (default: the member's size)");
     get->add_flag("--json", g->json, "JSON output");
-    run_with_system(get, ctx, store_access::read, [&ctx, g] { return run_get(ctx, *g); });
+    run_with_system(get, ctx, READS, run_mode::store_only, [&ctx, g] { return run_get(ctx, *g); });
 
     auto s = std::make_shared<member_options>();
     auto* set = app.add_subcommand("set", "Write a member");
@@ -246,13 +246,13 @@ void add_member_commands(CLI::App& app, context& ctx) {
     set->add_option("value", s->value, "Value (bytes: the text's characters)")->required();
     set->add_option("-t,--type", s->type, "i8,u8,i16,u16,i32,u32,bytes")->required();
     set->add_option("--order", s->order, "Child order for job-set members");
-    run_with_system(set, ctx, store_access::write, [&ctx, s] { return run_set(ctx, *s); });
+    run_with_system(set, ctx, WRITES, run_mode::store_only, [&ctx, s] { return run_set(ctx, *s); });
 
     auto m = std::make_shared<member_options>();
     auto* members = app.add_subcommand("members", "List a handler's members: kind, width, value");
     members->add_option("handler", m->handler, "Handler id")->required();
     members->add_flag("--json", m->json, "JSON output");
-    run_with_system(members, ctx, store_access::read,
+    run_with_system(members, ctx, READS, run_mode::store_only,
                     [&ctx, m] { return run_members(ctx, m->handler, m->json); });
 }
 

@@ -1,4 +1,4 @@
-// export, import: a handler tree as JSON and back.
+// export, import: a handler tree as JSON and back; backup: a copy of the store file.
 //
 //   {"tevash_tree": 1,
 //    "root": {"category": "APLJOB",
@@ -172,19 +172,36 @@ int run_import(context& ctx, const import_options& o) {
     return 0;
 }
 
+int run_backup(context& ctx, const std::string& file) {
+    if (int rc = ctx.open_store(READS)) return rc;
+    std::string error;
+    if (!tevhost::store_backup(file, &error))
+        return context::fail("cannot back up the store to '" + file + "': " + error);
+    return 0;
+}
+
 }  // namespace
 
 void add_transfer_commands(CLI::App& app, context& ctx) {
     auto h = std::make_shared<std::string>();
     auto* exp = app.add_subcommand("export", "Write the tree below a handler as JSON");
     exp->add_option("handler", *h, "Root handler id")->required();
-    run_with_system(exp, ctx, store_access::read, [&ctx, h] { return run_export(ctx, *h); });
+    run_with_system(exp, ctx, READS, run_mode::store_only,
+                    [&ctx, h] { return run_export(ctx, *h); });
 
     auto o = std::make_shared<import_options>();
     auto* imp = app.add_subcommand("import", "Make a tree from an export; prints its root's id");
     imp->add_option("file", o->file, "Export file")->required();
     imp->add_option("--parent", o->parent, "Link the new root below this handler");
-    run_with_system(imp, ctx, store_access::write, [&ctx, o] { return run_import(ctx, *o); });
+    run_with_system(imp, ctx, WRITES, run_mode::sends, [&ctx, o] { return run_import(ctx, *o); });
+
+    // Backup needs the store only, not the handler service.
+    auto f = std::make_shared<std::string>();
+    auto* backup = app.add_subcommand(
+        "backup",
+        "Write a consistent copy of the --store file to a new FILE, even while others write");
+    backup->add_option("file", *f, "New file")->required();
+    backup->callback([&ctx, f] { ctx.exit_code = run_backup(ctx, *f); });
 }
 
 }  // namespace tevash_cli

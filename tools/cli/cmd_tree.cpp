@@ -59,7 +59,8 @@ void add_tree_commands(CLI::App& app, context& ctx) {
     auto* tree = app.add_subcommand("tree", "Draw handler trees");
     tree->add_option("handler", o->handler, "Root of the drawing (default: every tree)");
     tree->add_flag("--json", o->json, "JSON output");
-    run_with_system(tree, ctx, store_access::read, [&ctx, o] { return run_tree(ctx, *o); });
+    run_with_system(tree, ctx, READS, run_mode::store_only,
+                    [&ctx, o] { return run_tree(ctx, *o); });
 }
 
 }  // namespace tevash_cli

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <sstream>
 
 #include "processes.h"
 #include "util.h"
@@ -9,21 +10,24 @@
 
 namespace tevash_cli {
 
-int context::open_store() {
+int context::open_store(tevhost::store_access access) {
     if (!verbose) setenv("TEVASH_HOST_TRACE", "none", 1);
     if (store.empty()) return 0;
     std::string error;
-    if (!tevhost::store_use_file(store, &error))
+    if (!tevhost::store_use_file(store, &error,
+                                 read_only ? tevhost::store_access::read_only : access))
         return fail("cannot open store '" + store + "': " + error);
+    if (access == tevhost::store_access::read_write && tevhost::store_read_only())
+        return fail("store '" + store + "' is read-only");
     return 0;
 }
 
-int context::start_system() {
+int context::start_system(tevhost::store_access access) {
     if (!runtime_dir.empty()) {
         setenv("TEVASH_RUNTIME_DIR", runtime_dir.c_str(), 1);
         std::string error;
         if (!tevash_tools::shared_store_path(store, &store, &error)) return fail(error);
-        if (int rc = open_store()) return rc;
+        if (int rc = open_store(access)) return rc;
         if (velmora::vlq_mc_client::vlq_mc_check_facade(velmora::TEV_ASH_SRV_NAME,
                                                         velmora::TEV_ASH_SRV_OBJ_ID) == 0)
             return fail("handler service not reachable: nothing listening in " + runtime_dir +
@@ -31,7 +35,7 @@ int context::start_system() {
         capture.reset(new tevhost::trace_capture);
         return 0;
     }
-    if (int rc = open_store()) return rc;
+    if (int rc = open_store(access)) return rc;
     system.reset(new tevash_tools::host_system(app()));
     if (system->status() != 0)
         return fail("cannot start the handler service and director: result " +
@@ -81,13 +85,29 @@ int context::check_handler(unsigned int id, unsigned int* category) const {
     return 0;
 }
 
-void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body,
-                     bool embedded) {
-    sub->callback([&ctx, access, body, embedded] {
-        if (embedded) ctx.runtime_dir.clear();
-        (void)access;
-        ctx.exit_code = ctx.start_system();
-        if (ctx.exit_code == 0) ctx.exit_code = body();
+void run_with_system(CLI::App* sub, context& ctx, tevhost::store_access access, run_mode mode,
+                     std::function<int()> body) {
+    sub->callback([&ctx, access, mode, body] {
+        if (mode == run_mode::own_embedded) ctx.runtime_dir.clear();
+        ctx.exit_code = ctx.start_system(access);
+        if (ctx.exit_code != 0) return;
+        if (mode == run_mode::own_embedded || (mode == run_mode::sends && !ctx.system)) {
+            ctx.exit_code = body();
+            return;
+        }
+        std::ostringstream held;
+        std::streambuf* out = std::cout.rdbuf(held.rdbuf());
+        unsigned int rc = 0;
+        {
+            tevhost::store_transaction txn;
+            ctx.exit_code = body();
+            if (ctx.exit_code == 0) rc = txn.commit();
+        }
+        std::cout.rdbuf(out);
+        if (rc != 0)
+            ctx.exit_code = ctx.fail_code("the store did not keep the command's changes", rc);
+        else
+            std::cout << held.str() << std::flush;
     });
 }
 

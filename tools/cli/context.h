@@ -30,7 +30,8 @@ constexpr unsigned int APP_CMP_ID = 0x1000;
 
 struct context {
     // Global options.
-    std::string store;  // empty: a fresh in-memory store
+    std::string store;       // empty: a fresh in-memory store
+    bool read_only = false;  // open --store read-only for every command
     bool verbose = false;
     int app_type = 1;
     // Set (--runtime-dir or TEVASH_RUNTIME_DIR): create, reset and remove go to
@@ -50,12 +51,14 @@ struct context {
         return velmora::tev_ash_facade::tev_ash_get_instance();
     }
 
-    // Routes trace lines (standard error only with --verbose) and opens --store.
+    // Routes trace lines (standard error only with --verbose) and opens --store
+    // for `access` (read-only with --read-only). A command that writes is refused
+    // with "store '<file>' is read-only" when the file may only be read.
     // 0 when done; otherwise the message is printed and the exit code returned.
-    int open_store();
+    int open_store(tevhost::store_access access);
     // open_store, then the handler service and director of --app-type in this
     // process; with runtime_dir, the shared store and a check that the service answers.
-    int start_system();
+    int start_system(tevhost::store_access access);
     // Whether the calling thread's last request reached the handler service (a
     // request that did not leaves the library a zero reply: result 0).
     static bool reached_service() { return tevhost::last_send_status() == tevhost::MSG_OK; }
@@ -72,14 +75,31 @@ struct context {
     int check_handler(unsigned int id, unsigned int* category = nullptr) const;
 };
 
-// What a command does to the store: read commands open it read-only.
-enum class store_access { read, write };
+// What a command opens the store for: read commands open it read-only.
+constexpr auto READS = tevhost::store_access::read_only;
+constexpr auto WRITES = tevhost::store_access::read_write;
 
-// Gives `sub` the body `body`, run once the store is open and the system is up;
-// its return value becomes the exit code. An `embedded` body always runs on the
-// system in this process, whatever the runtime directory says.
-void run_with_system(CLI::App* sub, context& ctx, store_access access, std::function<int()> body,
-                     bool embedded = false);
+// How a command runs. Each runs inside one tevhost::store_transaction, its
+// standard output held back until the transaction committed: every store call
+// of the command - its own, and those of the handler service and the director
+// when they run in this process (and so in this thread) - is kept together or
+// not at all. A create --parent whose link fails, or a copy or import stopped
+// at any point (kill -9 too), leaves the store as it was.
+//
+// What a transaction cannot cover is store work done by another process: with
+// --runtime-dir, create, reset and remove are carried out by the director of a
+// running service. That work is not part of the transaction, and that process
+// would wait for it; commands that send to the service then run without one.
+enum class run_mode {
+    store_only,    // store calls only: always one transaction
+    sends,         // also sends to the handler service: one transaction unless it runs elsewhere
+    own_embedded,  // always on the system in this process, on its own store: no transaction
+};
+
+// Gives `sub` the body `body`, run once the store is open for `access` and the
+// system is up; its return value becomes the exit code.
+void run_with_system(CLI::App* sub, context& ctx, tevhost::store_access access, run_mode mode,
+                     std::function<int()> body);
 
 }  // namespace tevash_cli
 

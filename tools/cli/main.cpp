@@ -21,6 +21,8 @@ int main(int argc, char** argv) {
     context ctx;
     app.add_option("--store", ctx.store,
                    "Persistent record store file (default: fresh in-memory store)");
+    app.add_flag("--read-only", ctx.read_only,
+                 "Open the store read-only (commands that write are refused)");
     app.add_flag("-v,--verbose", ctx.verbose, "Also write trace lines to standard error");
     app.add_option("--app-type", ctx.app_type, "Application type of the director")
         ->capture_default_str();
