@@ -52,36 +52,24 @@ std::string job_export(int depth) {
 }
 
 TEST(CliNumbers, DecimalOrHexALeadingZeroIsDecimal) {
-    struct {
-        const char* text;
-        bool ok;
-        long long value;
-    } const cases[] = {{"010", true, 10},
-                       {"08", true, 8},
-                       {"0", true, 0},
-                       {"0x10", true, 16},
-                       {"0X1f", true, 31},
-                       {"4294967295", true, 4294967295LL},
-                       {"0xFFFFFFFF", true, 4294967295LL},
-                       {"-2147483648", true, -2147483648LL},
-                       {"4294967296", false, 0},
-                       {"0x100000000", false, 0},
-                       {"", false, 0},
-                       {"0x", false, 0},
-                       {"-", false, 0},
-                       {"1x", false, 0},
-                       {" 1", false, 0},
-                       {"+1", false, 0},
-                       {"0x0x1", false, 0},
-                       {"1e3", false, 0},
-                       {"09a", false, 0},
-                       {"12 ", false, 0}};
-    for (const auto& c : cases) {
+    const std::pair<const char*, long long> good[] = {{"010", 10},
+                                                      {"08", 8},
+                                                      {"0", 0},
+                                                      {"0x10", 16},
+                                                      {"0X1f", 31},
+                                                      {"4294967295", 4294967295LL},
+                                                      {"0xFFFFFFFF", 4294967295LL},
+                                                      {"-2147483648", -2147483648LL}};
+    for (const auto& g : good) {
         long long v = -99;
-        EXPECT_EQ(tevash_cli::parse_number(c.text, &v), c.ok) << c.text;
-        if (c.ok) {
-            EXPECT_EQ(v, c.value) << c.text;
-        }
+        EXPECT_TRUE(tevash_cli::parse_number(g.first, &v)) << g.first;
+        EXPECT_EQ(v, g.second) << g.first;
+    }
+    for (const char* bad : {"4294967296", "0x100000000", "", "0x", "-", "1x", " 1", "+1", "0x0x1",
+                            "1e3", "09a", "12 "}) {
+        long long v = -99;
+        EXPECT_FALSE(tevash_cli::parse_number(bad, &v)) << bad;
+        EXPECT_EQ(v, -99) << bad;
     }
     unsigned int u = 5;
     EXPECT_FALSE(tevash_cli::parse_u32("-1", &u));
@@ -206,7 +194,14 @@ TEST_F(Cli, FailuresSayWhatIsWrongFirst) {
         {"members 0x4D", "no handler 77", "  result 0xC1030001"},
         {"tree 08", "no handler 8", "  result 0xC1030001"},
         {"export 9", "no handler 9", "  result 0xC1030001"},
+        // Import stores a member twice with another width: the whole import is undone.
+        {"import " + dir_.path("twice.json"), "cannot store member 0x00360000 on handler 4",
+         "  result 0xE1000004"},
     };
+    std::ofstream(dir_.path("twice.json"))
+        << R"({"tevash_tree":1,"root":{"category":"APLJOB","children":[],"members":[)"
+           R"({"member":"0x00360000","kind":"i32","value":1},)"
+           R"({"member":"0x00360000","kind":"u8","value":1}]}})";
     const std::string before = run(store_ + "tree").out;
     for (const auto& c : cases) {
         run_result r = run(store_ + c.args);
@@ -332,6 +327,18 @@ TEST_F(Cli, PersistentStoreAcrossInvocations) {
     EXPECT_EQ(run(s + "reset " + dst).status, 0);
     EXPECT_NE(run(s + "get " + dst + " 0x00360000 --type i32").status, 0);
     EXPECT_EQ(run(s + "tree").out, tree.out);
+
+    // A backup is a store of its own; --read-only refuses writes; a read never
+    // makes a store file.
+    const std::string backup = dir_.path("backup.db"), none = dir_.path("none.db");
+    EXPECT_EQ(run(s + "backup " + backup).status, 0);
+    EXPECT_EQ(run("--read-only --store " + backup + " tree").out, tree.out);
+    EXPECT_EQ(run(s + "backup " + backup).err.rfind("tevash: cannot back up the store to '", 0),
+              0u);
+    EXPECT_EQ(line(run("--read-only --store " + backup + " create AUTH").err, 0),
+              "tevash: store '" + backup + "' is read-only");
+    EXPECT_NE(run("--store " + none + " tree").status, 0);
+    EXPECT_FALSE(std::ifstream(none).good());
 
     // Remove goes through the director, which takes the subtree with it.
     EXPECT_EQ(run(s + "remove " + img).status, 0);
