@@ -218,38 +218,35 @@ TEST_F(Control, StoreFailuresBecomeOneCodeWithTheStoresCodeInTheLine) {
               trace_calls());
 }
 
-// A lookup that first reads the parent's category stops there when it fails:
-// the category read's line (about a local of the lookup), then the lookup's.
+// A lookup that first reads the parent's category stops there when it fails,
+// after the category read's line (about a local of the lookup).
 TEST_F(Control, TwoStepLookupsStopAfterAFailedCategoryRead) {
     unsigned int out = 0;
-    tevhost::store_log_begin();
-    EXPECT_EQ(0xC1030001u, control.get_child_id(0xBAD, TEV_ASH_CAT_JOBSET_03, &out, 2));
-    EXPECT_EQ(0xC1030001u, control.get_parent_id(0xBAD, &out));
-    EXPECT_EQ(0xC1030001u, control.get_child_count(0xBAD, &out, TEV_ASH_CAT_JOBSET_03));
-    EXPECT_EQ(lines(3, "get_job_category_by_id/c103"), store_calls());
-    const std::string p = ptr(&out);
-    const lines got = trace_calls();
-    ASSERT_EQ(6u, got.size());
-    for (std::size_t i : {0, 2, 4}) {
-        EXPECT_EQ(0u, got[i].rfind("tev_ash_control::get_category,[Error] wud_rc:0xe1000001, "
-                                   "handler_id:0X00000BAD, &category:",
-                                   0));
+    const std::string p = ptr(&out), c = "tev_ash_control::", e = ",[Error](get_category) rc:0";
+    const std::pair<std::function<unsigned int()>, std::string> lookups[] = {
+        {[&] { return control.get_child_id(0xBAD, TEV_ASH_CAT_JOBSET_03, &out, 2); },
+         c + "get_child_id" + e +
+             "XC1030001, parent_handler_id:0X00000BAD, child_category:8, "
+             "&child_handler_id:" +
+             p + ", order:2"},
+        {[&] { return control.get_parent_id(0xBAD, &out); },
+         c + "get_parent_id" + e +
+             "xc1030001, child_handler_id:0X00000BAD, &parent_handler_id:" + p},
+        {[&] { return control.get_child_count(0xBAD, &out, TEV_ASH_CAT_JOBSET_03); },
+         c + "get_child_count" + e + "xc1030001, parent_handler_id:0X00000BAD, &count:" + p +
+             ", child_category:0X00000008"},
+    };
+    for (const auto& [call, line] : lookups) {
+        trace_.clear();
+        tevhost::store_log_begin();
+        EXPECT_EQ(0xC1030001u, call());
+        EXPECT_EQ(lines{"get_job_category_by_id/c103"}, store_calls());
+        const lines got = trace_calls();
+        ASSERT_EQ(2u, got.size());
+        EXPECT_EQ(0u, got[0].rfind(
+                          c + "get_category,[Error] wud_rc:0xe1000001, handler_id:0X00000BAD", 0));
+        EXPECT_EQ(line, got[1]);
     }
-    EXPECT_EQ(
-        "tev_ash_control::get_child_id,[Error](get_category) rc:0XC1030001, "
-        "parent_handler_id:0X00000BAD, child_category:8, &child_handler_id:" +
-            p + ", order:2",
-        got[1]);
-    EXPECT_EQ(
-        "tev_ash_control::get_parent_id,[Error](get_category) rc:0xc1030001, "
-        "child_handler_id:0X00000BAD, &parent_handler_id:" +
-            p,
-        got[3]);
-    EXPECT_EQ(
-        "tev_ash_control::get_child_count,[Error](get_category) rc:0xc1030001, "
-        "parent_handler_id:0X00000BAD, &count:" +
-            p + ", child_category:0X00000008",
-        got[5]);
 }
 
 TEST_F(Control, LinkLookupFailuresCarryTheStoresCode) {

@@ -141,22 +141,6 @@ protected:
     job_tree t = make_job_tree({0x8, 0x8});
 };
 
-TEST_F(MemberAccess, OnlyTheFinalAccessCarriesTheApplicationsComponentId) {
-    tevhost::store_log_begin();
-    ASSERT_EQ(0u, facade->tev_ash_set_member(5, t.job, AUTH_MEMBER, 77UL, 0));
-    ASSERT_EQ(0u, facade->tev_ash_set_member(6, t.job, JOBSET_MEMBER, 9L, 1));
-    const std::string category = "get_job_category_by_id/c103", parent = "get_parent_link/c103";
-    EXPECT_EQ((lines{category, category, parent, category, parent, "set_current/5",  // two links up
-                     category, category, "get_child_link/c103", "set_current/6"}),
-              store_calls());
-    unsigned long v = 0;
-    long in_child = 0;
-    ASSERT_EQ(0u, facade->tev_ash_get_member(5, t.auth, AUTH_MEMBER, &v, 0));
-    ASSERT_EQ(0u, facade->tev_ash_get_member(5, t.children[1], JOBSET_MEMBER, &in_child, 0));
-    EXPECT_EQ(77UL, v);
-    EXPECT_EQ(9, in_child);
-}
-
 // Every overload: values keep their width and sign on the way in and out, its
 // one store call carries the caller's component id (the read without one, the
 // library's), and both failure kinds are reported in its
@@ -251,43 +235,6 @@ TEST_F(MemberAccess, EveryOverloadUsesTheCallersIdAndReportsInItsOwnWords) {
     EXPECT_EQ(-2, c);
     EXPECT_EQ(0xFE, uc);
     EXPECT_STREQ("setting", back);
-}
-
-// Fails each store call of a read and of a write through the tree in turn: the
-// result is the resolution's or the access's code, the overload's whole line
-// comes last, the caller's variable and the stored value stay as they were.
-TEST_F(MemberAccess, FaultSweepThroughTheTreeChangesNothing) {
-    ASSERT_EQ(0u, facade->tev_ash_set_member(5, t.job, AUTH_MEMBER, 11UL, 0));
-    unsigned long v = 99;
-    for (const bool write : {false, true}) {
-        for (unsigned int n = 1; n <= 6; ++n) {
-            SCOPED_TRACE(std::string(write ? "write" : "read") + ", failing call " +
-                         std::to_string(n));
-            trace_.clear();
-            tevhost::store_fail_nth_call(n);
-            const unsigned int rc = write
-                                        ? facade->tev_ash_set_member(5, t.job, AUTH_MEMBER, 22UL, 0)
-                                        : facade->tev_ash_get_member(5, t.job, AUTH_MEMBER, &v, 0);
-            tevhost::store_fail_clear();
-            // Calls 2 to 5 walk the parent links: any failure there is a missing ancestor.
-            EXPECT_EQ(n >= 2 && n <= 5 ? 0xC1030003u : 0xC1030001u, rc);
-            const std::string cmp = write ? "cmp_id:5, " : "", job = "handler_id:" + hex8(t.job);
-            const std::string want =
-                std::string(write ? "tev_ash_control::set_member,[Error]("
-                                  : "tev_ash_control::get_member,[Error](") +
-                (n < 6 ? "serch_target_handler_id) rc:" + hex8(rc) + ", " + cmp + job +
-                             ", member_id:0X00260000, order:0, target_handler_id:00000000"
-                       : "set_current) rc:0XC1030001, " + cmp + job + (write ? ", order:0" : "") +
-                             ", target_handler_id:" + hex8(t.auth) + ", member_id:0X00260000") +
-                (write ? ", val:0X00000016" : ", &ret_p:" + ptr(&v));
-            ASSERT_FALSE(trace_calls().empty());
-            EXPECT_EQ(want, trace_calls().back());
-            EXPECT_EQ(99UL, v);
-            ASSERT_EQ(0u, facade->tev_ash_get_member(5, t.auth, AUTH_MEMBER, &v, 0));
-            EXPECT_EQ(11UL, v);
-            v = 99;
-        }
-    }
 }
 
 }  // namespace

@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "host/tev_host_testing.h"
-#include "tev_ash_director_manager.h"
 #include "tev_ash_facade.h"
 #include "tev_ash_handler_facade.h"
 
@@ -73,11 +72,6 @@ TEST(SingletonConcurrency, HandlerFacadeAloneIsMadeOnce) {
     expect_one(first_calls_from_threads(
         [] { return velmora::tev_ash_handler_facade::tev_ash_handler_get_instance(); }));
     EXPECT_LE(check.checks, 1);  // 0 when another test of this process made it already
-}
-
-TEST(SingletonConcurrency, DirectorManagerIsMadeOnce) {
-    expect_one(
-        first_calls_from_threads([] { return velmora::tev_ash_director_manager::get_instance(); }));
 }
 
 }  // namespace
