@@ -82,13 +82,19 @@ const bool g_server = [] {
 
 // A private runtime directory for the run, removed at exit.
 struct runtime_directory {
+    static constexpr const char* PREFIX = "/tmp/tevash_bench_";
     std::string path;
     runtime_directory() {
+        // A service or director process started by the create benchmark keeps
+        // the directory its parent made for it.
+        const char* inherited = getenv("TEVASH_RUNTIME_DIR");
+        if (inherited != nullptr && std::string(inherited).rfind(PREFIX, 0) == 0) return;
         char dir[] = "/tmp/tevash_bench_XXXXXX";
         if (mkdtemp(dir) != nullptr) path = dir;
         setenv("TEVASH_RUNTIME_DIR", path.c_str(), 1);
     }
     ~runtime_directory() {
+        if (path.empty()) return;
         for (const char* f : {"/BENCH_IPC.sock", "/BENCH_IPC.lock"}) ::unlink((path + f).c_str());
         ::rmdir(path.c_str());
     }
