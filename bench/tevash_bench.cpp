@@ -404,7 +404,10 @@ service_processes* processes() {
     return g_processes;
 }
 
-void BM_create_processes(benchmark::State& st) {
+// A create through the processes for application type `app_type`: type 1 has
+// the director process; type 2 has none, so the service answers it alone (one
+// of the two round trips).
+void create_through_processes(benchmark::State& st, int app_type) {
     if (!processes()->ok()) {
         st.SkipWithError("handler service or director process did not start");
         return;
@@ -413,25 +416,16 @@ void BM_create_processes(benchmark::State& st) {
     for (auto _ : st) {
         unsigned int id = 0;
         benchmark::DoNotOptimize(
-            facade()->tev_ash_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_APP_TYPE>(1),
+            facade()->tev_ash_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_APP_TYPE>(app_type),
                                      static_cast<TEV_ASH_SERVICE_TYPE>(0), &id, 0));
     }
     if (tevhost::last_send_status() != tevhost::MSG_OK) st.SkipWithError("service not reached");
 }
-// One of the two round trips alone: a create for a type without a director,
-// answered by the service's director manager.
+void BM_create_processes(benchmark::State& st) {
+    create_through_processes(st, 1);
+}
 void BM_create_processes_no_director(benchmark::State& st) {
-    if (!processes()->ok()) {
-        st.SkipWithError("handler service or director process did not start");
-        return;
-    }
-    facade();
-    for (auto _ : st) {
-        unsigned int id = 0;
-        benchmark::DoNotOptimize(
-            facade()->tev_ash_create(TEV_ASH_CAT_APLJOB, static_cast<TEV_ASH_APP_TYPE>(2),
-                                     static_cast<TEV_ASH_SERVICE_TYPE>(0), &id, 0));
-    }
+    create_through_processes(st, 2);
 }
 BENCHMARK(BM_create_processes)->UseRealTime();
 BENCHMARK(BM_create_processes_no_director)->UseRealTime();

@@ -134,27 +134,21 @@ int run_get(context& ctx, const member_options& o) {
     return 0;
 }
 
+// Writes the value as a variable of the member's own width.
+template <typename T>
+unsigned int write_as(const target& t, long long v) {
+    return context::facade()->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<T>(v),
+                                                 t.order);
+}
+
 unsigned int write_integer(const target& t, long long v) {
-    auto* f = context::facade();
     switch (t.type) {
-        case member_kind::i8:
-            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<char>(v),
-                                         t.order);
-        case member_kind::u8:
-            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member,
-                                         static_cast<unsigned char>(v), t.order);
-        case member_kind::i16:
-            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<short>(v),
-                                         t.order);
-        case member_kind::u16:
-            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member,
-                                         static_cast<unsigned short>(v), t.order);
-        case member_kind::i32:
-            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, static_cast<long>(v),
-                                         t.order);
-        case member_kind::u32:
-            return f->tev_ash_set_member(APP_CMP_ID, t.handler, t.member,
-                                         static_cast<unsigned long>(v), t.order);
+        case member_kind::i8: return write_as<char>(t, v);
+        case member_kind::u8: return write_as<unsigned char>(t, v);
+        case member_kind::i16: return write_as<short>(t, v);
+        case member_kind::u16: return write_as<unsigned short>(t, v);
+        case member_kind::i32: return write_as<long>(t, v);
+        case member_kind::u32: return write_as<unsigned long>(t, v);
         case member_kind::bytes: break;
     }
     return velmora::TEV_ASH_RC_BAD_ARG;
