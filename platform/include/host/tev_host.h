@@ -124,6 +124,21 @@ constexpr unsigned int HOST_ALREADY_REGISTERED = 0xE2000002;
 
 enum class member_kind { i8, u8, i16, u16, i32, u32, bytes };
 
+// The width in bytes of a value of `kind`: 1, 1, 2, 2, 4, 4, and `byte_size`
+// for a byte string.
+constexpr unsigned int member_width(member_kind kind, unsigned int byte_size = 0) {
+    switch (kind) {
+        case member_kind::i8:
+        case member_kind::u8: return 1;
+        case member_kind::i16:
+        case member_kind::u16: return 2;
+        case member_kind::i32:
+        case member_kind::u32: return 4;
+        case member_kind::bytes: return byte_size;
+    }
+    return 0;
+}
+
 // Declares a member: its kind, its size in bytes for `bytes` (ignored otherwise)
 // and its initial value (little-endian bytes; shorter is zero-padded, empty is
 // all zero). A member not declared takes the width of its first typed write; a
