@@ -6,27 +6,22 @@
 // counter cpu_ns the CPU time both processes spent per round trip (the sender's
 // thread and the whole server process), which a busy host disturbs far less.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <sched.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
-
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
-#include <vector>
 
+#include "child_process.h"
 #include "facade_template.h"
 #include "gen_ipc.h"
 #include "host/tev_host.h"
 #include "vlq_mc_client.h"
-
-extern char** environ;
 
 namespace {
 
@@ -82,21 +77,17 @@ const bool g_server = [] {
 
 // A private runtime directory for the run, removed at exit.
 struct runtime_directory {
-    static constexpr const char* PREFIX = "/tmp/tevash_bench_";
-    std::string path;
+    static constexpr const char* PREFIX = "tevash_bench_";
+    std::unique_ptr<tevtest::temp_dir> dir;
     runtime_directory() {
         // A service or director process started by the create benchmark keeps
         // the directory its parent made for it.
         const char* inherited = getenv("TEVASH_RUNTIME_DIR");
-        if (inherited != nullptr && std::string(inherited).rfind(PREFIX, 0) == 0) return;
-        char dir[] = "/tmp/tevash_bench_XXXXXX";
-        if (mkdtemp(dir) != nullptr) path = dir;
-        setenv("TEVASH_RUNTIME_DIR", path.c_str(), 1);
-    }
-    ~runtime_directory() {
-        if (path.empty()) return;
-        for (const char* f : {"/BENCH_IPC.sock", "/BENCH_IPC.lock"}) ::unlink((path + f).c_str());
-        ::rmdir(path.c_str());
+        if (inherited != nullptr &&
+            std::string(inherited).rfind(std::string("/tmp/") + PREFIX, 0) == 0)
+            return;
+        dir = std::make_unique<tevtest::temp_dir>(PREFIX);
+        tevhost::set_runtime_dir(dir->dir());
     }
 } g_runtime;
 
@@ -124,49 +115,29 @@ private:
 class server_process {
 public:
     server_process(const char* mode, int raw_fd = -1) {
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        if (raw_fd >= 0) posix_spawn_file_actions_adddup2(&actions, raw_fd, RAW_FD);
-        std::vector<std::string> env{std::string("TEVASH_BENCH_SERVE=") + mode};
-        for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
-        std::vector<char*> envp;
-        for (std::string& e : env) envp.push_back(&e[0]);
-        envp.push_back(nullptr);
-        char arg0[] = "tevash_bench_server";
-        char* argv[] = {arg0, nullptr};
-        if (posix_spawn(&pid_, "/proc/self/exe", &actions, nullptr, argv, envp.data()) != 0) {
-            pid_ = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(in[0]);
-        ::close(out[1]);
-        to_ = in[1];
-        from_ = out[0];
+        tevtest::child_options opt;
+        std::string dir;
+        tevhost::runtime_dir(&dir);
+        opt.env = {std::string("TEVASH_BENCH_SERVE=") + mode, "TEVASH_RUNTIME_DIR=" + dir};
+        opt.pipe_stdin = opt.pipe_stdout = true;
+        opt.fd3 = raw_fd;
+        child_ = tevtest::child_process({"/proc/self/exe"}, opt);
         char c = 0;
-        ready_ = pid_ > 0 && ::read(from_, &c, 1) == 1 && read_cpu(&start_cpu_);
+        ready_ = child_.started() && child_.read_stdout(&c, 1) && read_cpu(&start_cpu_);
     }
-    ~server_process() { finish(); }
     bool ready() const { return ready_; }
     // Stops the server; returns the CPU time it spent since it was ready.
     uint64_t finish() {
-        if (pid_ < 0) return 0;
-        ::close(to_);
+        child_.close_stdin();
         uint64_t end_cpu = start_cpu_;
         read_cpu(&end_cpu);
-        waitpid(pid_, nullptr, 0);
-        ::close(from_);
-        pid_ = -1;
+        child_.wait();
         return end_cpu - start_cpu_;
     }
 
 private:
-    bool read_cpu(uint64_t* ns) { return ::read(from_, ns, sizeof *ns) == sizeof *ns; }
-    pid_t pid_ = -1;
-    int to_ = -1, from_ = -1;
+    bool read_cpu(uint64_t* ns) { return child_.read_stdout(ns, sizeof *ns); }
+    tevtest::child_process child_;
     bool ready_ = false;
     uint64_t start_cpu_ = 0;
 };

@@ -5,11 +5,11 @@
 // must stay flat as the job grows (child access by order is O(log n)).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <string>
 #include <thread>
 
+#include "child_process.h"
 #include "host/tev_host_testing.h"
 #include "tev_ash_facade.h"
 #include "wud_wud_service_info.h"
@@ -47,9 +47,8 @@ unsigned int make(unsigned int category) {
 // database file; left empty and in memory at the end.
 class scale_store {
 public:
-    explicit scale_store(benchmark::State& st)
-        : path_("/tmp/tevash_scale_" + std::to_string(getpid()) + ".db") {
-        if (st.range(0) == 1 && !tevhost::store_use_file(path_)) {
+    explicit scale_store(benchmark::State& st) {
+        if (st.range(0) == 1 && !tevhost::store_use_file(dir_.path("store.db"))) {
             st.SkipWithError("cannot open the store file");
         }
         tevhost::store_clear();
@@ -57,11 +56,10 @@ public:
     ~scale_store() {
         tevhost::store_clear();
         tevhost::store_use_memory();
-        for (const char* suffix : {"", "-wal", "-shm"}) unlink((path_ + suffix).c_str());
     }
 
 private:
-    std::string path_;
+    tevtest::temp_dir dir_{"tevash_scale_"};
 };
 
 // An AUTH -> service image -> job chain (what a copy needs above the job) and

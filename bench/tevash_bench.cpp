@@ -3,9 +3,6 @@
 // printed as the counter `x_raw` on the library's row.
 #include <benchmark/benchmark.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -15,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "child_process.h"
 #include "host/tev_host_testing.h"
 #include "host_system.h"
 #include "processes.h"
@@ -352,48 +350,27 @@ namespace {
 class service_processes {
 public:
     service_processes() {
-        char dir[] = "/tmp/tevash_bench_XXXXXX";
-        if (mkdtemp(dir) == nullptr) return;
-        dir_ = dir;
-        setenv("TEVASH_RUNTIME_DIR", dir, 1);
+        tevhost::set_runtime_dir(dir_.dir());
         ok_ = start("--as-service") && start("--as-director");
     }
     ~service_processes() {
-        for (auto it = pids_.rbegin(); it != pids_.rend(); ++it) {
-            kill(*it, SIGTERM);
-            waitpid(*it, nullptr, 0);
-        }
-        if (!dir_.empty()) {
-            std::system(("rm -rf '" + dir_ + "'").c_str());
-        }
+        for (auto it = children_.rbegin(); it != children_.rend(); ++it) it->kill(SIGTERM);
     }
     bool ok() const { return ok_; }
 
 private:
     // Starts this program in `role` and waits for its ready line.
     bool start(const char* role) {
-        int out[2];
-        if (pipe(out) != 0) return false;
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_adddup2(&fa, out[1], 1);
-        posix_spawn_file_actions_addclose(&fa, out[0]);
-        char self[] = "/proc/self/exe";
-        char* argv[] = {self, const_cast<char*>(role), nullptr};
-        pid_t pid = -1;
-        const bool spawned = posix_spawn(&pid, self, &fa, nullptr, argv, environ) == 0;
-        posix_spawn_file_actions_destroy(&fa);
-        close(out[1]);
-        if (spawned) pids_.push_back(pid);
-        char line[16] = {};
-        const bool ready =
-            spawned && read(out[0], line, sizeof line - 1) > 0 && std::string(line) == "ready\n";
-        close(out[0]);
-        return ready;
+        tevtest::child_options opt;
+        opt.env = {"TEVASH_RUNTIME_DIR=" + dir_.dir()};
+        opt.pipe_stdout = true;
+        children_.emplace_back(std::vector<std::string>{"/proc/self/exe", role}, opt);
+        char line[7] = {};
+        return children_.back().read_stdout(line, 6) && std::string(line) == "ready\n";
     }
 
-    std::string dir_;
-    std::vector<pid_t> pids_;
+    tevtest::temp_dir dir_{"tevash_bench_"};
+    std::vector<tevtest::child_process> children_;
     bool ok_ = false;
 };
 

@@ -86,8 +86,17 @@ check_exports() {  # check_exports <library> <version node> <allowed name regex>
     echo "   $1: $(nm -D --defined-only "$libdir/$1" | grep -vc ' A ') symbols, all of its interface"
 }
 check_exports libtevash.so.1 TEVASH_1 'velmora::tev_ash_'
+# The host library's tevhost:: exports are exactly names the installed host
+# headers declare at namespace scope (functions, or classes with their members):
+# no tevhost::detail::, tevhost::ipc:: or other internal name.
+host_api=$(sed -n '/^namespace tevhost {/,/^}  \/\/ namespace tevhost/p' \
+        "$(find "$prefix" -path '*/host/tev_host.h')" "$(find "$prefix" -path '*/host/tev_host_testing.h')" |
+    grep -E '^[A-Za-z]' | grep -oE '(^class [a-z_]+|[a-z_0-9]+\()' | sed 's/^class //; s/($//' |
+    sort -u | paste -sd'|')
+[ -n "$host_api" ] || fail "no tevhost API found in the installed host headers"
 check_exports libtevash_host.so.1 TEVASH_HOST_1 \
-    'velmora::|tevhost::|Zof_|(tivZofSleep|tivGENTrcPrintf|put_lib_svccall_notify|gen_ipc_reply)\('
+    "velmora::|tevhost::($host_api)(\\(|::)|Zof_|(tivZofSleep|tivGENTrcPrintf|put_lib_svccall_notify|gen_ipc_reply)\\("
+
 
 step "installed tevash"
 expect_line "^tevash [0-9]" "$prefix/bin/tevash" --version

@@ -36,8 +36,20 @@ protected:
 
 using Observer = Traced;
 
-TEST_F(Observer, NullNameIsReportedAndLeftEmpty) {
-    test_observer unnamed(42, nullptr);
+// An observer, or a proxy, is the one its object id names and no other; a null
+// name is reported and left empty.
+TEST_F(Observer, EqualToItsOwnObjectIdOnlyANullNameReportedAndLeftEmpty) {
+    test_observer unnamed(42, nullptr), own;  // own: its address as object id
+    tev_ash_observer_impl proxy(0x1234, "DIR");
+    const long self = reinterpret_cast<long>(&own);
+    const struct {
+        tev_ash_observer* observer;
+        long id;
+        bool same;
+    } cases[] = {{&unnamed, 42, true}, {&unnamed, 43, false}, {&unnamed, 0, false},
+                 {&own, self, true},   {&own, 42, false},     {&proxy, 0x1234, true},
+                 {&proxy, self, false}};
+    for (const auto& c : cases) EXPECT_EQ(c.same, c.observer->equal(c.id)) << c.id;
     EXPECT_EQ(42, unnamed.get_obj_id());
     EXPECT_EQ(padded(""), field(unnamed.get_connection_name()));
     EXPECT_EQ(lines{"tev_ash_observer::tev_ash_observer,[Error:connection_name is NULL]"},

@@ -1,6 +1,7 @@
 // The message service in process and between processes: a child server, each
 // failure result, stale and live sockets, the runtime directory's checks, raw
-// malformed frames, peers of another uid, concurrent senders.
+// malformed frames, frame and connection bounds, peers of another uid,
+// concurrent senders.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -10,9 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -35,6 +39,9 @@ using namespace tevhost;
 using tevtest::bytes;
 using tevtest::join;
 using tevtest::le32;
+using namespace std::chrono_literals;
+
+constexpr long LARGEST_REQUEST = 65536 - 32, LARGEST_REPLY = 65536 - 20;  // a frame's payload
 
 // A served object whose dispatch runs `on_message`.
 class test_facade : public velmora::facade_template {
@@ -90,7 +97,10 @@ const bool g_child = [] {
 
 // Every socket of these tests lives in a private runtime directory.
 const tevtest::temp_dir g_dir;
-const bool g_dir_set = setenv("TEVASH_RUNTIME_DIR", g_dir.dir().c_str(), 1) == 0;
+const bool g_dir_set = [] {
+    set_runtime_dir(g_dir.dir());
+    return true;
+}();
 
 // This test binary run as a child server of `name`; killed or stopped at the end.
 class child_server {
@@ -102,8 +112,9 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, in[0], 0);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        std::string serve = "HOST_IPC_TEST_SERVE=" + name;
-        std::vector<char*> envp{&serve[0]};
+        std::string serve = "HOST_IPC_TEST_SERVE=" + name,
+                    dir = "TEVASH_RUNTIME_DIR=" + g_dir.dir();
+        std::vector<char*> envp{&serve[0], &dir[0]};
         for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
         envp.push_back(nullptr);
         char arg0[] = "host_ipc_test_server";
@@ -201,11 +212,14 @@ TEST(Message, DeliversInTheSendersThreadNestedSendsTooAndBoundsTheReply) {
     for (const char* name : {"INNER", "OUTER", "SILENT"}) EXPECT_TRUE(unregister_object(name, 1));
 }
 
-TEST(MessageConcurrency, ConcurrentSendersGetTheirOwnReplies) {
+// In this process, then (once unregistered here) from a child server of the name.
+TEST(MessageConcurrency, ConcurrentSendersGetTheirOwnRepliesHereAndFromAChildServer) {
     test_facade echo(reverse_echo);
     ASSERT_TRUE(register_object("MANY", 1, &echo));
     send_from_threads("MANY");
     EXPECT_TRUE(unregister_object("MANY", 1));
+    child_server child("MANY");
+    send_from_threads("MANY");
 }
 
 TEST(MessageConcurrency, UnregisterWaitsForRunningDelivery) {
@@ -253,9 +267,13 @@ TEST(MessageProcesses, RoundTripsAndEachFailureLeavesTheReplyUntouched) {
         std::string error;  // a live server's socket is not taken over
         EXPECT_FALSE(serve_connection("ECHO", &error));
         EXPECT_NE(std::string::npos, error.find("live process")) << error;
-        setenv("TEVASH_HOST_IPC_TIMEOUT_MS", "200", 1);
+        EXPECT_EQ(MSG_OK, send("ECHO", 1, 7, std::string(LARGEST_REQUEST, 'a'), &reply));
+        EXPECT_EQ(MSG_BAD_ARG, send("ECHO", 1, 7, std::string(LARGEST_REQUEST + 1, 'a')));
+        set_message_timeout_ms(200);  // applies to the connection open already
+        auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(MSG_TIMEOUT, send("ECHO", 2, 0, "abc", &reply));
-        unsetenv("TEVASH_HOST_IPC_TIMEOUT_MS");
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);  // not the default 30 s
+        set_message_timeout_ms(0);
         EXPECT_EQ('H', child.next());
         EXPECT_EQ(MSG_OK, send("ECHO", 1, 7, "abc", &reply));  // a new connection after it
         child.kill9();  // while idle, leaving its socket file and this thread's connection
@@ -273,20 +291,37 @@ TEST(MessageProcesses, RoundTripsAndEachFailureLeavesTheReplyUntouched) {
     EXPECT_STREQ("nothing listening", send_status_text(last_send_status()));
 }
 
-TEST(MessageProcesses, AMalformedReplyIsABadFrame) {
+// A raw server answers junk, the largest reply, and one a byte longer.
+TEST(MessageProcesses, RepliesUpToTheLargestFrameAreTakenOthersAreBadFrames) {
     int srv = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     sockaddr_un addr = socket_at("BADSRV");
     ASSERT_EQ(0, bind(srv, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
     ASSERT_EQ(0, listen(srv, 1));
-    std::thread answer([srv] {
-        int fd = accept(srv, nullptr, nullptr);
-        EXPECT_LT(0, recv(fd, nullptr, 0, MSG_TRUNC));
-        EXPECT_EQ(5, ::send(fd, "junk!", 5, 0));
-        close(fd);
-    });
-    std::string reply;
-    EXPECT_EQ(MSG_BAD_FRAME, send("BADSRV", 1, 0, "abc", &reply));
-    answer.join();
+    for (long size : {-1L, LARGEST_REPLY, LARGEST_REPLY + 1}) {  // -1: junk
+        const int status = size == LARGEST_REPLY ? MSG_OK : MSG_BAD_FRAME;
+        std::thread answer([&] {
+            int fd = accept(srv, nullptr, nullptr);
+            bytes in(128);
+            EXPECT_LT(0, recv(fd, in.data(), in.size(), 0));
+            bytes out = size < 0 ? bytes{'j', 'u', 'n', 'k'}
+                                 : join({le32(0x52564554), le32(1), bytes(&in[12], &in[16]),
+                                         le32(0), le32(size), bytes(size, 'r')});
+            ::send(fd, out.data(), out.size(), 0);
+            close(fd);
+        });
+        std::thread sender([&] {  // a thread of its own: a connection of its own
+            std::vector<char> rpl(LARGEST_REPLY + 1, 'x');
+            unsigned int len = LARGEST_REPLY + 1;
+            velmora::vlq_mc_client client;
+            EXPECT_EQ(status,
+                      client.vlq_mc_send_sync_message(1, 0, nullptr, 0, rpl.data(), &len, "BADSRV"))
+                << size;
+            EXPECT_EQ(status == MSG_OK ? LARGEST_REPLY : LARGEST_REPLY + 1,
+                      std::count(rpl.begin(), rpl.end(), status == MSG_OK ? 'r' : 'x'));
+        });
+        sender.join();
+        answer.join();
+    }
     close(srv);
     unlink(addr.sun_path);
 }
@@ -305,7 +340,7 @@ TEST(MessageProcesses, RuntimeDirectoryOpenToOthersOrOfAnotherUserIsRefused) {
                  {base.path("theirs"), root ? "owned by uid 65534" : ""},
                  {base.path("made"), ""}};
     for (const auto& c : cases) {
-        setenv("TEVASH_RUNTIME_DIR", c.dir.c_str(), 1);
+        set_runtime_dir(c.dir);
         std::string dir, error;
         EXPECT_EQ(c.error.empty(), runtime_dir(&dir, &error)) << c.dir;
         EXPECT_NE(std::string::npos, error.find(c.error)) << error;
@@ -317,7 +352,7 @@ TEST(MessageProcesses, RuntimeDirectoryOpenToOthersOrOfAnotherUserIsRefused) {
     EXPECT_EQ(0, stat(base.path("made").c_str(), &st));
     EXPECT_EQ(0700u, st.st_mode & 0777);
     for (const char* made : {"open", "theirs", "made"}) rmdir(base.path(made).c_str());
-    setenv("TEVASH_RUNTIME_DIR", g_dir.dir().c_str(), 1);
+    set_runtime_dir(g_dir.dir());
 }
 
 // A raw client connection to `name` in the runtime directory (-1 when refused).
@@ -328,7 +363,7 @@ int raw_connect(const char* name) {
 }
 
 // Sends one frame and returns the answer ("" when the connection was closed).
-bytes exchange(int fd, const bytes& frame) {
+bytes exchange_frame(int fd, const bytes& frame) {
     ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
     bytes in(128);
     ssize_t n = recv(fd, in.data(), in.size(), 0);
@@ -341,7 +376,13 @@ bytes request(uint32_t version, uint32_t kind, uint32_t size_field, const bytes&
                  le32(size_field), payload});
 }
 
-TEST(MessageProcesses, MalformedFramesAndForeignPeersAreRefusedOthersStillServed) {
+// Open descriptors of this process.
+long open_fds() {
+    namespace fs = std::filesystem;
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+TEST(MessageProcesses, MalformedFramesAreRefusedOthersStillServed) {
     test_facade echo(reverse_echo);
     ASSERT_TRUE(register_object("RAW", 1, &echo));
     ASSERT_TRUE(serve_connection("RAW"));
@@ -350,7 +391,9 @@ TEST(MessageProcesses, MalformedFramesAndForeignPeersAreRefusedOthersStillServed
         join({le32(0x52564554), le32(1), le32(7), le32(0), le32(4), {'c', 'b', 'a', 5}});
     int kept = raw_connect("RAW");
     ASSERT_LE(0, kept);
-    EXPECT_EQ(answer, exchange(kept, good));
+    EXPECT_EQ(answer, exchange_frame(kept, good));
+    EXPECT_EQ(join({le32(0x52564554), le32(1), le32(7), le32(0), le32(16), bytes(16, 'a')}),
+              exchange_frame(kept, request(1, 1, LARGEST_REQUEST, bytes(LARGEST_REQUEST, 'a'))));
     trace_capture trace;
     struct {
         const char* what;
@@ -358,43 +401,64 @@ TEST(MessageProcesses, MalformedFramesAndForeignPeersAreRefusedOthersStillServed
     } cases[] = {
         {"garbage", {'n', 'o', 't', ' ', 'a', ' ', 'f', 'r', 'a', 'm', 'e'}},
         {"short", bytes(good.begin(), good.begin() + 20)},
-        {"oversized", request(1, 1, 70000, bytes(70000, 'a'))},
+        {"a byte over", request(1, 1, LARGEST_REQUEST + 1, bytes(LARGEST_REQUEST + 1, 'a'))},
         {"other version", request(2, 1, 3, {'a', 'b', 'c'})},
         {"size disagrees", request(1, 1, 9, {'a', 'b', 'c'})},
         {"unknown kind", request(1, 9, 3, {'a', 'b', 'c'})},
     };
     for (const auto& c : cases) {
         int fd = raw_connect("RAW");
-        EXPECT_EQ(bytes(), exchange(fd, c.frame)) << c.what;
+        EXPECT_EQ(bytes(), exchange_frame(fd, c.frame)) << c.what;
         close(fd);
     }
     EXPECT_EQ(std::size(cases), trace.lines().size());
-    EXPECT_EQ(answer, exchange(kept, good));  // still serving the others
+    EXPECT_EQ(answer, exchange_frame(kept, good));  // still serving the others
     close(kept);
-
-    if (geteuid() == 0) {  // a child switching to uid 65534 is refused
-        chmod(g_dir.dir().c_str(), 0711);
-        chmod(g_dir.path("RAW.sock").c_str(), 0777);
-        pid_t pid = fork();
-        if (pid == 0) {
-            if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-            int fd = raw_connect("RAW");
-            _exit(fd >= 0 && exchange(fd, good).empty() ? 0 : 1);  // closed, no answer
-        }
-        int status = -1;
-        waitpid(pid, &status, 0);
-        chmod(g_dir.dir().c_str(), 0700);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-        EXPECT_NE(std::string::npos, trace.lines().back().text.find("uid 65534"));
-    }
     EXPECT_TRUE(stop_serving("RAW"));
     EXPECT_TRUE(unregister_object("RAW", 1));
-    if (geteuid() != 0) GTEST_SKIP() << "peer of another uid not tried: needs root to setuid";
 }
 
-TEST(MessageProcessesConcurrency, ConcurrentSendersToAChildServerGetTheirOwnReplies) {
-    child_server child("MANY");
-    send_from_threads("MANY");
+// 128 connections are served, the 129th is closed; each releases its thread and
+// descriptor as it ends, not when another connection comes.
+TEST(MessageProcesses, ServesAtMost128ConnectionsPerNameAndReleasesEachAsItEnds) {
+    ASSERT_TRUE(serve_connection("BOUND"));  // nothing registered: requests get MSG_NO_OBJECT
+    const long serving = open_fds();
+    const bytes ask = request(1, 1, 0, {});
+    std::vector<int> open;
+    for (int i = 0; i < 128; ++i) {
+        open.push_back(raw_connect("BOUND"));
+        ASSERT_EQ(20u, exchange_frame(open.back(), ask).size()) << "connection " << i;
+    }
+    EXPECT_EQ(MSG_PEER_GONE, send("BOUND", 1, 0, "abc"));
+    for (int fd : open) close(fd);
+    for (int i = 0; i < 1000 && open_fds() != serving; ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(serving, open_fds());
+    EXPECT_EQ(MSG_NO_OBJECT, send("BOUND", 1, 0, "abc"));  // served again
+    EXPECT_TRUE(stop_serving("BOUND"));
+}
+
+TEST(MessageProcesses, APeerOfAnotherUidIsRefused) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to connect as another uid: as any other user a peer is "
+                        "always of this uid (a user namespace maps it back to this uid)";
+    }
+    ASSERT_TRUE(serve_connection("RAW"));
+    trace_capture trace;
+    chmod(g_dir.dir().c_str(), 0711);
+    chmod(g_dir.path("RAW.sock").c_str(), 0777);
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+        int fd = raw_connect("RAW");
+        _exit(fd >= 0 && exchange_frame(fd, request(1, 1, 0, {})).empty() ? 0
+                                                                          : 1);  // closed at once
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    chmod(g_dir.dir().c_str(), 0700);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(std::string::npos, trace.lines().back().text.find("uid 65534"));
+    EXPECT_TRUE(stop_serving("RAW"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -79,13 +80,15 @@ std::string backend_name(const ::testing::TestParamInfo<backend>& info) {
 INSTANTIATE_TEST_SUITE_P(Backends, Store, ::testing::Values(backend::memory, backend::file),
                          backend_name);
 
-// Every record with its category, parent, children in order and members: two
-// stores with the same snapshot hold the same trees.
+// Every record with its category, parent, children in order (all, and those of
+// each category) and members: two stores with the same snapshot hold the same trees.
 std::string snapshot() {
     std::string out;
     for (const record_info& r : store_records()) {
         out += std::to_string(r.handler_id) + "/" + std::to_string(r.category) + "^" +
                std::to_string(r.parent_id) + " [" + testing::PrintToString(children(r.handler_id));
+        for (unsigned int cat : {JOB, SET_A, SET_B})
+            out += testing::PrintToString(children_of(r.handler_id, r.category, cat));
         for (const member_value& m : record_members(r.handler_id)) {
             out += " " + std::to_string(m.member_id) + ":" + std::to_string(int(m.kind)) + "=" +
                    std::string(m.value.begin(), m.value.end());
@@ -95,23 +98,8 @@ std::string snapshot() {
     return out;
 }
 
-TEST_P(Store, DeletingAParentFreesItsChildren) {
-    unsigned int root = make(ROOT), job = make(JOB), a = make(SET_A), b = make(SET_B);
-    link(root, job);
-    for (unsigned int c : {a, b}) link(job, c);
-    ASSERT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, job));
-    reopen();
-    EXPECT_TRUE(children(root).empty());
-    unsigned int parent = SENTINEL;
-    EXPECT_EQ(STORE_NO_LINK, S::wud_wud_service_info_get_parent_link(CMP, SET_A, a, &parent));
-    EXPECT_EQ(SENTINEL, parent);
-    link(root, b);
-    link(root, a);
-    EXPECT_THAT(children(root), ElementsAre(b, a));
-    EXPECT_EQ(STORE_NO_RECORD, S::wud_wud_service_info_delete_current(CMP, job));
-}
-
-TEST_P(Store, OneParentPerChildAndNoCycles) {
+// One parent per child, no cycles; deleting a parent frees its children.
+TEST_P(Store, OneParentPerChildNoCyclesAndDeletedParentsFreeTheirChildren) {
     unsigned int root = make(ROOT), job = make(JOB), set = make(SET_A), other = make(JOB);
     link(root, job);
     link(job, set);
@@ -135,7 +123,17 @@ TEST_P(Store, OneParentPerChildAndNoCycles) {
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_link(CMP, SET_A, set));
     EXPECT_TRUE(children(job).empty());
     link(other, set);
+    link(job, other);
     EXPECT_THAT(children(other), ElementsAre(set));
+    ASSERT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, job));
+    reopen();
+    unsigned int parent = SENTINEL;
+    EXPECT_EQ(STORE_NO_LINK, S::wud_wud_service_info_get_parent_link(CMP, JOB, other, &parent));
+    EXPECT_EQ(SENTINEL, parent);
+    EXPECT_TRUE(children(root).empty());
+    link(root, other);
+    EXPECT_THAT(children(root), ElementsAre(other));
+    EXPECT_EQ(STORE_NO_RECORD, S::wud_wud_service_info_delete_current(CMP, job));
 }
 
 TEST_P(Store, CopyAndInitWorkOnMembersOnly) {
@@ -337,7 +335,6 @@ TEST_P(Store, TransactionsKeepAllOrNothing) {
         int outer, inner;  // what each scope does
         unsigned int rc;   // of the outer commit
     } cases[] = {
-        {"dropped", DROP, NONE, 0},
         {"inner committed, outer dropped", DROP, COMMIT, 0},
         {"inner dropped, outer committed", COMMIT, DROP, STORE_ROLLED_BACK},
         {"committed", COMMIT, NONE, 0},  // last: the only one kept
@@ -362,6 +359,65 @@ TEST_P(Store, TransactionsKeepAllOrNothing) {
     }
     EXPECT_EQ(9u, read_u32(job, 2));  // the last case was kept
     EXPECT_EQ(2u, children(job).size());
+}
+
+// A dropped transaction gives back every record it changed that existed before
+// it, whatever the change: the whole store reads as before, here and (file) in
+// the next process.
+TEST_P(Store, RollbackRestoresTheRecordsThatExistedBefore) {
+    ASSERT_TRUE(declare_member(5, member_kind::u32, 0, {3}));
+    const unsigned int job = make(JOB), other = make(JOB), lone = make(SET_A);
+    std::vector<unsigned int> kids;
+    auto cat = [](size_t i) { return i % 3 ? SET_A : SET_B; };
+    for (size_t i = 0; i < 48; ++i) {
+        kids.push_back(make(cat(i)));
+        link(job, kids.back());
+        ASSERT_EQ(0u, S::wud_wud_service_info_set_current(CMP, kids[i], 1, i + 0ul));
+    }
+    auto unlink = [&](size_t end, unsigned int only) {  // enough holes to pack lists
+        unsigned int rc = 0;
+        for (size_t i = 1; i < end; ++i)
+            if (only == 0 || cat(i) == only)
+                rc |= S::wud_wud_service_info_delete_link(CMP, cat(i), kids[i]);
+        return rc;
+    };
+    const std::pair<const char*, std::function<unsigned int()>> cases[] = {
+        {"link", [&] { return S::wud_wud_service_info_set_link(CMP, JOB, other, SET_A, lone); }},
+        {"relink",
+         [&] {
+             return unlink(kids.size() - 1, 0) |
+                    S::wud_wud_service_info_set_link(CMP, JOB, other, SET_A, kids[4]);
+         }},
+        {"pack a category", [&] { return unlink(26, SET_A); }},
+        {"remove a parent", [&] { return S::wud_wud_service_info_delete_current(CMP, job); }},
+        {"members",
+         [&] {
+             return S::wud_wud_service_info_set_current(CMP, kids[0], 1, 99ul) |
+                    S::wud_wud_service_info_set_current(CMP, lone, 5, 7ul) |
+                    set_member_value(kids[1], {1, member_kind::i32, 4, {1, 2, 3, 4}}) |
+                    S::wud_wud_service_info_copy_current(CMP, lone, kids[2]);
+         }},
+        {"reset", [&] { return S::wud_wud_service_info_init_current(CMP, kids[4]); }},
+        {"clear", [] { return store_clear(), 0u; }},
+    };
+    const std::string before = snapshot();
+    for (const auto& [name, change] : cases) {
+        {
+            store_transaction txn;
+            EXPECT_EQ(0u, change()) << name;
+            EXPECT_NE(before, snapshot()) << name;
+        }
+        EXPECT_EQ(before, snapshot()) << name;
+    }
+    reopen();
+    EXPECT_EQ(before, snapshot());
+    for (size_t i : {size_t{0}, kids.size() - 1})  // the records given back go on working
+        ASSERT_EQ(0u, S::wud_wud_service_info_delete_link(CMP, cat(i), kids[i]));
+    EXPECT_EQ(std::vector<unsigned int>(kids.begin() + 1, kids.end() - 1), children(job));
+    std::vector<unsigned int> want[2];  // SET_A, SET_B
+    for (size_t i = 1; i + 1 < kids.size(); ++i) want[cat(i) == SET_B].push_back(kids[i]);
+    EXPECT_EQ(want[0], children_of(job, JOB, SET_A));
+    EXPECT_EQ(want[1], children_of(job, JOB, SET_B));
 }
 
 // Writer threads make, link and write pairs of records under one parent, each

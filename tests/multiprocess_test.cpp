@@ -2,18 +2,15 @@
 // `tevash director` and applications (this test process, `tevash` commands and
 // copies of this program started as clients) meet only through the message
 // service's sockets and the shared record store file.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -22,12 +19,11 @@
 #include <gtest/gtest.h>
 
 #include "host/tev_host_testing.h"
+#include "processes.h"
 #include "tev_ash_facade.h"
 #include "tev_ash_observer_impl.h"
 #include "tev_test_support.h"
 #include "vlq_mc_client.h"
-
-extern char** environ;
 
 namespace {
 
@@ -42,8 +38,56 @@ constexpr TEV_ASH_APP_TYPE app(int n) {
     return static_cast<TEV_ASH_APP_TYPE>(n);
 }
 
+// "<function id> <request bytes in hex>": one message as a director receives it.
+std::string message_line(long func_id, const unsigned char* request, std::size_t size) {
+    std::string line = std::to_string(func_id) + ' ';
+    for (std::size_t i = 0; i < size; ++i) {
+        char hex[3];
+        std::snprintf(hex, sizeof hex, "%02x", request[i]);
+        line += hex;
+    }
+    return line;
+}
+
+// The sample director as this program runs it in a director process: with
+// TEVASH_TEST_DIRECTOR_HOLD set it holds every create for a minute after writing
+// "holding create"; TEVASH_TEST_DIRECTOR_DUMP=<file> gets a message_line for
+// every notification received.
+class test_director : public tevash_tools::sample_director {
+public:
+    using sample_director::sample_director;
+    ~test_director() override { stop(); }
+    void dispatch(long func_id, char* request, unsigned int size, gen_ipc_msghdr sync) override {
+        if (const char* dump = std::getenv("TEVASH_TEST_DIRECTOR_DUMP"))
+            std::ofstream(dump, std::ios::app)
+                << message_line(func_id, reinterpret_cast<unsigned char*>(request),
+                                request != nullptr ? size : 0)
+                << '\n';
+        sample_director::dispatch(func_id, request, size, sync);
+    }
+    void notify_create(TEV_ASH_CATEGORY category, TEV_ASH_SERVICE_TYPE service_type,
+                       unsigned int& handler_id, unsigned int src_handler_id,
+                       long& result) override {
+        if (std::getenv("TEVASH_TEST_DIRECTOR_HOLD") != nullptr) {
+            std::fputs("holding create\n", stderr);  // unbuffered
+            std::this_thread::sleep_for(std::chrono::minutes(1));
+        }
+        sample_director::notify_create(category, service_type, handler_id, src_handler_id, result);
+    }
+};
+
+// A director process started by MultiProcess::director, for application type
+// TEVASH_TEST_DIRECTOR.
+TEST(MultiProcessDirector, ServesWhenStartedAsDirector) {
+    const char* app_type = std::getenv("TEVASH_TEST_DIRECTOR");
+    if (app_type == nullptr) GTEST_SKIP() << "only as a started director";
+    EXPECT_EQ(0, tevash_tools::run_director(std::atoi(app_type), "", {}, [](const char* name) {
+                  return std::make_unique<test_director>(name);
+              }));
+}
+
 struct process {
-    pid_t pid = -1;
+    tevtest::child_process child;
     std::string log;  // its standard output and error
 };
 
@@ -51,9 +95,8 @@ struct process {
 class MultiProcess : public ::testing::Test {
 protected:
     void SetUp() override {
-        // Timeouts far beyond the test's own: a death must be noticed, not timed out.
-        setenv("TEVASH_RUNTIME_DIR", dir_.dir().c_str(), 1);
-        setenv("TEVASH_HOST_IPC_TIMEOUT_MS", "600000", 1);
+        tevhost::set_runtime_dir(dir_.dir());
+        tevhost::set_message_timeout_ms(600000);
         serve_ = start({"serve"});
     }
     void TearDown() override {
@@ -64,62 +107,50 @@ protected:
     // waits for its "ready" line unless `ready` is false.
     process start(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                   bool ready = true, bool self = false) {
-        process p;
-        p.log = dir_.path("log" + std::to_string(++logs_));
+        tevtest::child_options opt;
+        opt.env = env_;
+        opt.env.insert(opt.env.end(), env.begin(), env.end());
+        opt.log = dir_.path("log" + std::to_string(++logs_));
         std::vector<std::string> argv{self ? "/proc/self/exe" : TEVASH_CLI_PATH};
         argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<std::string> envs(env);
-        for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, p.log.c_str(), O_WRONLY | O_CREAT, 0600);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        std::vector<char*> a, e;
-        for (auto& s : argv) a.push_back(&s[0]);
-        for (auto& s : envs) e.push_back(&s[0]);
-        a.push_back(nullptr);
-        e.push_back(nullptr);
-        EXPECT_EQ(0, posix_spawn(&p.pid, a[0], &fa, nullptr, a.data(), e.data()));
-        posix_spawn_file_actions_destroy(&fa);
+        process p{tevtest::child_process(argv, opt), opt.log};
         if (ready) {
             EXPECT_TRUE(wait_for(p, "ready\n")) << tevtest::file_text(p.log);
         }
         return p;
     }
-    process director(int app_type, const std::vector<std::string>& env = {}) {
-        return start({"director", "--app-type", std::to_string(app_type)}, env);
+    // `tevash director`, or with `env` settings of test_director this program
+    // running one.
+    process director(int app_type, std::vector<std::string> env = {}) {
+        if (env.empty()) return start({"director", "--app-type", std::to_string(app_type)});
+        env.push_back("TEVASH_TEST_DIRECTOR=" + std::to_string(app_type));
+        return start({"--gtest_filter=MultiProcessDirector.*"}, env, true, true);
     }
 
     // Waits until the log holds `text`; false when the process ended first.
-    static bool wait_for(const process& p, const std::string& text) {
+    static bool wait_for(process& p, const std::string& text) {
         for (int i = 0; i < 6000; ++i) {
+            const bool ended = p.child.wait(0ms) != tevtest::child_process::RUNNING;
             if (tevtest::file_text(p.log).find(text) != std::string::npos) return true;
-            int status = 0;
-            if (waitpid(p.pid, &status, WNOHANG) == p.pid) {
-                return tevtest::file_text(p.log).find(text) != std::string::npos;
-            }
+            if (ended) return false;
             std::this_thread::sleep_for(20ms);
         }
         return false;
     }
     // Signals the process and returns its exit status (-1 when killed by the signal).
     static int stop(process& p, int sig, int expected_status) {
-        if (p.pid <= 0) return expected_status;
-        kill(p.pid, sig);
-        int status = 0;
-        waitpid(p.pid, &status, 0);
-        p.pid = -1;
-        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        if (!p.child.started()) return expected_status;
+        const int code = p.child.kill(sig);
+        p.child = tevtest::child_process();
         EXPECT_EQ(expected_status, code) << tevtest::file_text(p.log);
         return code;
     }
 
     // `tevash args`, run to its end: exit status and output.
-    std::pair<int, std::string> run(const std::vector<std::string>& args) {
-        process p = start(args, {}, false);
-        int status = 0;
-        waitpid(p.pid, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, tevtest::file_text(p.log)};
+    std::pair<int, std::string> run(std::vector<std::string> args) {
+        args.insert(args.begin(), TEVASH_CLI_PATH);
+        tevtest::run_result r = tevtest::run_child(args, env_);
+        return {r.status, r.out + r.err};
     }
 
     void use_shared_store() {
@@ -147,6 +178,10 @@ protected:
     }
 
     tevtest::temp_dir dir_;
+    // This process's settings for every child; timeouts far beyond the test's
+    // own: a death must be noticed, not timed out.
+    const std::vector<std::string> env_{"TEVASH_RUNTIME_DIR=" + dir_.dir(),
+                                        "TEVASH_HOST_IPC_TIMEOUT_MS=600000"};
     int logs_ = 0;
     process serve_, extra_;
 };
@@ -167,16 +202,8 @@ std::vector<std::string> in_process_notifications(unsigned int removed, unsigned
     proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, reset, result);
     proxy.notify_remove(removed, result);
     std::vector<std::string> lines;
-    for (const auto& m : spy.messages()) {
-        std::ostringstream line;
-        line << m.func_id << ' ';
-        for (unsigned char b : m.request) {
-            char hex[3];
-            std::snprintf(hex, sizeof hex, "%02x", b);
-            line << hex;
-        }
-        lines.push_back(line.str());
-    }
+    for (const auto& m : spy.messages())
+        lines.push_back(message_line(m.func_id, m.request.data(), m.request.size()));
     return lines;
 }
 
@@ -223,7 +250,7 @@ TEST_F(MultiProcess, HandlerLifeThroughServiceAndDirectorProcesses) {
 // A director killed while it holds a request: the application hears of it at
 // once, the service serves on, the store is sound and the director comes back.
 TEST_F(MultiProcess, DirectorKilledWhileHoldingARequest) {
-    process held = director(2, {"TEVASH_TEST_DIRECTOR_HOLD=create"});
+    process held = director(2, {"TEVASH_TEST_DIRECTOR_HOLD=1"});
     extra_ = director(3);
     use_shared_store();
     unsigned int id = 7;
@@ -302,11 +329,7 @@ TEST_F(MultiProcessConcurrency, EightApplicationsShareOneService) {
         clients.push_back(
             start({"--gtest_filter=MultiProcessClient.*"}, {"TEVASH_TEST_CLIENT=1"}, false, true));
     }
-    for (auto& c : clients) {
-        int status = 0;
-        waitpid(c.pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << tevtest::file_text(c.log);
-    }
+    for (auto& c : clients) EXPECT_EQ(0, c.child.wait()) << tevtest::file_text(c.log);
     use_shared_store();
     EXPECT_EQ(static_cast<std::size_t>(CLIENTS * CLIENT_REQUESTS), tevhost::store_records().size());
     EXPECT_EQ("ok", integrity());

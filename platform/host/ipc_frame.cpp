@@ -5,23 +5,12 @@
 #include <cstring>
 
 #include "host/tev_host.h"
+#include "le32.h"
 #include "message_internal.h"
 
 namespace tevhost {
 namespace ipc {
 namespace {
-
-void put32(unsigned char* at, uint32_t value) {
-    at[0] = static_cast<unsigned char>(value);
-    at[1] = static_cast<unsigned char>(value >> 8);
-    at[2] = static_cast<unsigned char>(value >> 16);
-    at[3] = static_cast<unsigned char>(value >> 24);
-}
-
-uint32_t get32(const unsigned char* at) {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 |
-           static_cast<uint32_t>(at[2]) << 16 | static_cast<uint32_t>(at[3]) << 24;
-}
 
 long signed32(uint32_t value) {
     return static_cast<long>(static_cast<int32_t>(value));
@@ -31,43 +20,43 @@ long signed32(uint32_t value) {
 const char* check_frame(const unsigned char* frame, size_t size, size_t header, uint32_t magic) {
     if (size < header) return "short frame";
     if (size > MAX_FRAME) return "frame too long";
-    if (get32(frame) != magic) return "bad magic";
-    if (get32(frame + 4) != VERSION) return "other frame version";
+    if (get_le32(frame) != magic) return "bad magic";
+    if (get_le32(frame + 4) != VERSION) return "other frame version";
     return nullptr;
 }
 
 }  // namespace
 
 void encode_request_header(const request& r, unsigned char out[REQUEST_HEADER]) {
-    put32(out, REQUEST_MAGIC);
-    put32(out + 4, VERSION);
-    put32(out + 8, r.kind);
-    put32(out + 12, r.call);
-    put32(out + 16, static_cast<uint32_t>(static_cast<unsigned long>(r.object_id)));
-    put32(out + 20, static_cast<uint32_t>(static_cast<unsigned long>(r.func_id)));
-    put32(out + 24, r.reply_capacity);
-    put32(out + 28, r.payload_size);
+    put_le32(out, REQUEST_MAGIC);
+    put_le32(out + 4, VERSION);
+    put_le32(out + 8, r.kind);
+    put_le32(out + 12, r.call);
+    put_le32(out + 16, static_cast<uint32_t>(static_cast<unsigned long>(r.object_id)));
+    put_le32(out + 20, static_cast<uint32_t>(static_cast<unsigned long>(r.func_id)));
+    put_le32(out + 24, r.reply_capacity);
+    put_le32(out + 28, r.payload_size);
 }
 
 void encode_reply(const reply& r, std::vector<unsigned char>* out) {
     out->resize(REPLY_HEADER + r.size);
     unsigned char* at = out->data();
-    put32(at, REPLY_MAGIC);
-    put32(at + 4, VERSION);
-    put32(at + 8, r.call);
-    put32(at + 12, r.status);
-    put32(at + 16, r.size);
+    put_le32(at, REPLY_MAGIC);
+    put_le32(at + 4, VERSION);
+    put_le32(at + 8, r.call);
+    put_le32(at + 12, r.status);
+    put_le32(at + 16, r.size);
     if (r.size > 0) std::memcpy(at + REPLY_HEADER, r.bytes, r.size);
 }
 
 const char* decode_request(const unsigned char* frame, size_t size, request* out) {
     if (const char* error = check_frame(frame, size, REQUEST_HEADER, REQUEST_MAGIC)) return error;
-    out->kind = get32(frame + 8);
-    out->call = get32(frame + 12);
-    out->object_id = signed32(get32(frame + 16));
-    out->func_id = signed32(get32(frame + 20));
-    out->reply_capacity = get32(frame + 24);
-    out->payload_size = get32(frame + 28);
+    out->kind = get_le32(frame + 8);
+    out->call = get_le32(frame + 12);
+    out->object_id = signed32(get_le32(frame + 16));
+    out->func_id = signed32(get_le32(frame + 20));
+    out->reply_capacity = get_le32(frame + 24);
+    out->payload_size = get_le32(frame + 28);
     out->payload = frame + REQUEST_HEADER;
     if (out->kind != KIND_SEND && out->kind != KIND_CHECK) return "unknown request kind";
     if (out->payload_size != size - REQUEST_HEADER) return "payload size disagrees with frame";
@@ -81,9 +70,9 @@ const char* decode_request(const unsigned char* frame, size_t size, request* out
 const char* decode_reply(const unsigned char* frame, size_t size, uint32_t call, uint32_t capacity,
                          reply* out) {
     if (const char* error = check_frame(frame, size, REPLY_HEADER, REPLY_MAGIC)) return error;
-    out->call = get32(frame + 8);
-    out->status = get32(frame + 12);
-    out->size = get32(frame + 16);
+    out->call = get_le32(frame + 8);
+    out->status = get_le32(frame + 12);
+    out->size = get_le32(frame + 16);
     out->bytes = frame + REPLY_HEADER;
     if (out->call != call) return "reply to another call";
     if (out->status != MSG_OK && out->status != MSG_NO_OBJECT && out->status != MSG_NO_REPLY) {

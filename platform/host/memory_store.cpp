@@ -1,8 +1,8 @@
-// The in-memory record store backend: records in a hash map, guarded by the
-// store's lock (store_backend.h). Reads allocate nothing, and a lookup costs
-// the same however many records the store holds.
+// The in-memory record store backend: records in a hash map. Guarded by the
+// store's lock (store_backend.h): reads from several threads at once, changes
+// from one. Reads allocate nothing, and a lookup costs the same however many
+// records the store holds.
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -11,19 +11,21 @@
 #include <utility>
 #include <vector>
 
+#include "handler_ids.h"
+#include "link_order.h"
 #include "store_backend.h"
 
 namespace tevhost {
 namespace detail {
 namespace {
 
-// The next id to hand out in this process, by any backend; 0 once exhausted.
-std::atomic<unsigned int> g_next_handler_id{1};
-
 struct stored_value {
     member_kind kind = member_kind::bytes;
     std::string bytes;  // short values stay inside the string, with no allocation
-    std::vector<unsigned char> copy() const { return {bytes.begin(), bytes.end()}; }
+    member_view view() const {
+        return member_view{kind, reinterpret_cast<const unsigned char*>(bytes.data()),
+                           static_cast<unsigned int>(bytes.size())};
+    }
 };
 
 // A record's stored values, ascending member id, in one small array: records
@@ -60,7 +62,7 @@ private:
 };
 
 // The children of one parent, or those of one category, in link order (see
-// order_state in store_backend.h).
+// link_order.h).
 class order_list {
 public:
     unsigned int size() const { return static_cast<unsigned int>(st_.live); }
@@ -289,20 +291,10 @@ public:
 
     unsigned int get(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      void* value) override {
-        const record* r = find(handler_id);
-        if (r == nullptr) return STORE_NO_RECORD;
-        auto stored = r->members.find(member_id);
-        if (stored != r->members.end()) {
-            const std::string& bytes = stored->second.bytes;
-            if (!bytes.empty()) std::memcpy(value, bytes.data(), bytes.size());
-        } else if (decl != nullptr) {
-            if (!decl->initial.empty()) {
-                std::memcpy(value, decl->initial.data(), decl->initial.size());
-            }
-        } else {
-            return STORE_NO_MEMBER;
-        }
-        return 0;
+        member_view v{};
+        const unsigned int rc = read(handler_id, member_id, decl, &v);
+        if (rc == 0 && v.size != 0) std::memcpy(value, v.data, v.size);
+        return rc;
     }
 
     unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
@@ -311,20 +303,10 @@ public:
         record* r = find(handler_id);
         if (r == nullptr) return STORE_NO_RECORD;
         auto stored = r->members.find(member_id);
-        unsigned int known = 0;  // 0: the member has no size yet
-        if (stored != r->members.end()) {
-            known = static_cast<unsigned int>(stored->second.bytes.size());
-            if (!exact) kind = stored->second.kind;
-        } else if (decl != nullptr) {
-            known = decl->width;
-            if (!exact) kind = decl->kind;
-        }
-        if (width == 0) {
-            if (known == 0) return STORE_NO_MEMBER;
-            width = known;
-        } else if (known != 0 && known != width) {
-            return STORE_WIDTH;
-        }
+        const member_view old = stored != r->members.end() ? stored->second.view() : member_view{};
+        const unsigned int rc =
+            write_rule(stored != r->members.end() ? &old : nullptr, decl, exact, &width, &kind);
+        if (rc != 0) return rc;
         save(handler_id);
         stored_value& v = r->members[member_id];
         v.kind = kind;
@@ -334,19 +316,10 @@ public:
 
     unsigned int member(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                         member_value* out) override {
-        const record* r = find(handler_id);
-        if (r == nullptr) return STORE_NO_RECORD;
-        auto stored = r->members.find(member_id);
-        if (stored != r->members.end()) {
-            *out = member_value{member_id, stored->second.kind,
-                                static_cast<unsigned int>(stored->second.bytes.size()),
-                                stored->second.copy()};
-        } else if (decl != nullptr) {
-            *out = member_value{member_id, decl->kind, decl->width, decl->initial};
-        } else {
-            return STORE_NO_MEMBER;
-        }
-        return 0;
+        member_view v{};
+        const unsigned int rc = read(handler_id, member_id, decl, &v);
+        if (rc == 0) *out = to_member_value(member_id, v);
+        return rc;
     }
 
     std::vector<member_value> members(unsigned int handler_id) override {
@@ -355,9 +328,7 @@ public:
         if (r == nullptr) return out;
         out.reserve(r->members.size());
         for (const auto& entry : r->members) {
-            out.push_back(member_value{entry.first, entry.second.kind,
-                                       static_cast<unsigned int>(entry.second.bytes.size()),
-                                       entry.second.copy()});
+            out.push_back(to_member_value(entry.first, entry.second.view()));
         }
         return out;  // ascending member id, as member_map keeps them
     }
@@ -408,6 +379,18 @@ private:
         return it == records_.end() ? nullptr : &it->second;
     }
 
+    // What a read of the member reports (read_rule), pointing into the record
+    // or the declaration.
+    unsigned int read(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
+                      member_view* out) {
+        const record* r = find(handler_id);
+        if (r == nullptr) return STORE_NO_RECORD;
+        auto stored = r->members.find(member_id);
+        if (stored == r->members.end()) return read_rule(nullptr, decl, out);
+        const member_view v = stored->second.view();
+        return read_rule(&v, decl, out);
+    }
+
     // Takes the child out of its parent's lists and clears its link.
     // REQUIRES: the child is linked; both are saved.
     void unlink_from_parent(unsigned int child_id, unsigned int parent_id) {
@@ -454,17 +437,6 @@ private:
 };
 
 }  // namespace
-
-unsigned int take_handler_id(unsigned int floor) {
-    if (floor == 0) floor = 1;
-    unsigned int next = g_next_handler_id.load();
-    for (;;) {
-        if (next == 0) return 0;
-        unsigned int id = next < floor ? floor : next;
-        // id + 1 wraps to 0 after the last id, which marks the counter as exhausted.
-        if (g_next_handler_id.compare_exchange_weak(next, id + 1)) return id;
-    }
-}
 
 std::unique_ptr<store_backend> make_memory_backend() {
     return std::make_unique<memory_backend>();

@@ -2,7 +2,7 @@
 // id) and a send to an object of this process runs its dispatch in the sender's
 // thread; the reply travels through gen_ipc_reply into the sender's buffer. A
 // send to a connection name nothing in this process is registered under goes to
-// the process serving that name (ipc.cpp), which delivers it here through
+// the process serving that name (ipc_client.cpp), which delivers it here through
 // deliver_served.
 #include <algorithm>
 #include <atomic>
@@ -25,11 +25,7 @@
 
 namespace {
 
-constexpr size_t CONNECTION_NAME_MAX = 16;
-
-std::string connection_key(const char* connection) {
-    return std::string(connection, strnlen(connection, CONNECTION_NAME_MAX));
-}
+using tevhost::detail::connection_name;
 
 uint32_t object_key(long object_id) {
     return static_cast<uint32_t>(static_cast<unsigned long>(object_id));
@@ -93,7 +89,7 @@ bool register_any(const char* connection, long object_id, velmora::facade_templa
     reg->observer = observer;
     message_state& s = state();
     std::lock_guard<std::mutex> lock(s.registry_mtx);
-    return s.registry.emplace(registry_key(connection_key(connection), object_key(object_id)), reg)
+    return s.registry.emplace(registry_key(connection_name(connection), object_key(object_id)), reg)
         .second;
 }
 
@@ -188,7 +184,7 @@ vlq_mc_client::~vlq_mc_client() = default;
 
 int vlq_mc_client::vlq_mc_check_facade(const char* connection, long object_id) {
     if (connection == nullptr) return 0;
-    std::string name = connection_key(connection);
+    std::string name = connection_name(connection);
     message_state& s = state();
     tevhost::check_script checker;
     {
@@ -221,7 +217,7 @@ int send(long object_id, long func_id, char* req, unsigned int req_len, char* rp
     if ((rpl == nullptr && *rpl_len > 0) || (req == nullptr && req_len > 0)) {
         return tevhost::MSG_BAD_ARG;
     }
-    std::string name = connection_key(connection);
+    std::string name = connection_name(connection);
     message_state& s = state();
 
     tevhost::message_script script;
@@ -322,7 +318,7 @@ bool unregister_object(const char* connection, long object_id) {
     if (connection == nullptr) return false;
     message_state& s = state();
     std::unique_lock<std::mutex> lock(s.registry_mtx);
-    auto it = s.registry.find(registry_key(connection_key(connection), object_key(object_id)));
+    auto it = s.registry.find(registry_key(connection_name(connection), object_key(object_id)));
     if (it == s.registry.end()) return false;
     std::shared_ptr<registration> reg = it->second;
     s.registry.erase(it);

@@ -1,15 +1,26 @@
 // The seam between the in-process message service (message.cpp) and its
-// transport between processes (ipc.cpp). Internal to the host platform.
-// Every function here is safe to call from any thread.
+// transport between processes (ipc_client.cpp, ipc_server.cpp). Internal to the
+// host platform. Every function here is safe to call from any thread.
 #ifndef TEV_HOST_MESSAGE_INTERNAL_H
 #define TEV_HOST_MESSAGE_INTERNAL_H
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
 namespace tevhost {
 namespace detail {
+
+// A connection name is a field of at most this many bytes, ended early by a NUL.
+constexpr size_t CONNECTION_NAME_MAX = 16;
+
+// The connection name in the field `connection`.
+// REQUIRES: connection is not null.
+inline std::string connection_name(const char* connection) {
+    return std::string(connection, strnlen(connection, CONNECTION_NAME_MAX));
+}
 
 // message.cpp: delivers a request that arrived from another process to the
 // object registered here under (connection, object_id), as a local send would.
@@ -21,11 +32,11 @@ int deliver_served(const std::string& connection, long object_id, long func_id,
 // message.cpp: 1 when (connection, object_id) is registered in this process.
 int registered_here(const std::string& connection, long object_id);
 
-// ipc.cpp: sends to the process serving `connection`. Returns a MSG_* code; the
-// reply bytes are copied to `rpl` (and *rpl_len set) only on MSG_OK.
+// ipc_client.cpp: sends to the process serving `connection`. Returns a MSG_*
+// code; the reply bytes are copied to `rpl` (and *rpl_len set) only on MSG_OK.
 int remote_send(const std::string& connection, long object_id, long func_id, const char* req,
                 unsigned int req_len, char* rpl, unsigned int* rpl_len);
-// ipc.cpp: 1 when the process serving `connection` has object_id registered.
+// ipc_client.cpp: 1 when the process serving `connection` has object_id registered.
 int remote_check(const std::string& connection, long object_id);
 
 }  // namespace detail

@@ -1,7 +1,8 @@
 // The host record store: the static wud_wud_service_info operations and the
 // store seams (call log, failure injection, member schema, backend choice).
 // Each operation logs itself, honours an armed failure, checks its pointers and
-// hands the rest to the current backend.
+// hands the rest to the current backend. Safe from any thread: the backend runs
+// under the store's lock (store_lock.h), the seams under their own mutex.
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -13,7 +14,10 @@
 #include <vector>
 
 #include "host/tev_host_testing.h"
+#include "le32.h"
+#include "settings.h"
 #include "store_backend.h"
+#include "store_lock.h"
 #include "tiv_trace.h"
 #include "wud_wud_service_info.h"
 
@@ -50,7 +54,7 @@ struct store_state {
 };
 
 void open_initial_backend(store_state& s) {
-    const char* path = std::getenv("TEVASH_HOST_STORE");
+    const char* path = tevhost::settings::initial_store_file();
     if (path != nullptr && *path != '\0') {
         std::string error;
         s.backend = tevhost::detail::make_file_backend(path, &error);
@@ -179,27 +183,14 @@ const member_decl* find_decl(store_state& s, unsigned int member_id) {
 }
 
 unsigned int set_typed(unsigned int cmp_id, unsigned int handler_id, unsigned int member_id,
-                       uint32_t value, unsigned int width, tevhost::member_kind kind) {
-    unsigned char bytes[4] = {
-        static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
-        static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
+                       uint32_t value, tevhost::member_kind kind) {
+    unsigned char bytes[4];
+    tevhost::put_le32(bytes, value);
     store_state& s = state();
     return run(store_op::set_current, cmp_id, [&](store_backend& b) {
-        return b.set(handler_id, member_id, find_decl(s, member_id), bytes, width, kind, false);
+        return b.set(handler_id, member_id, find_decl(s, member_id), bytes,
+                     tevhost::member_width(kind), kind, false);
     });
-}
-
-unsigned int width_of(tevhost::member_kind kind, unsigned int byte_size) {
-    switch (kind) {
-        case tevhost::member_kind::i8:
-        case tevhost::member_kind::u8: return 1;
-        case tevhost::member_kind::i16:
-        case tevhost::member_kind::u16: return 2;
-        case tevhost::member_kind::i32:
-        case tevhost::member_kind::u32: return 4;
-        case tevhost::member_kind::bytes: return byte_size;
-    }
-    return 0;
 }
 
 }  // namespace
@@ -331,7 +322,7 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     char value) {
-    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned char>(value), 1,
+    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned char>(value),
                      tevhost::member_kind::i8);
 }
 
@@ -339,14 +330,14 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     unsigned char value) {
-    return set_typed(cmp_id, handler_id, member_id, value, 1, tevhost::member_kind::u8);
+    return set_typed(cmp_id, handler_id, member_id, value, tevhost::member_kind::u8);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     short value) {
-    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned short>(value), 2,
+    return set_typed(cmp_id, handler_id, member_id, static_cast<unsigned short>(value),
                      tevhost::member_kind::i16);
 }
 
@@ -354,7 +345,7 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     unsigned short value) {
-    return set_typed(cmp_id, handler_id, member_id, value, 2, tevhost::member_kind::u16);
+    return set_typed(cmp_id, handler_id, member_id, value, tevhost::member_kind::u16);
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
@@ -362,7 +353,7 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& member_id,
                                                                     long value) {
     return set_typed(cmp_id, handler_id, member_id,
-                     static_cast<uint32_t>(static_cast<unsigned long>(value)), 4,
+                     static_cast<uint32_t>(static_cast<unsigned long>(value)),
                      tevhost::member_kind::i32);
 }
 
@@ -370,7 +361,7 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& handler_id,
                                                                     const unsigned int& member_id,
                                                                     unsigned long value) {
-    return set_typed(cmp_id, handler_id, member_id, static_cast<uint32_t>(value), 4,
+    return set_typed(cmp_id, handler_id, member_id, static_cast<uint32_t>(value),
                      tevhost::member_kind::u32);
 }
 
@@ -458,7 +449,7 @@ void store_fail_clear() {
 
 bool declare_member(unsigned int member_id, member_kind kind, unsigned int byte_size,
                     std::vector<unsigned char> initial) {
-    unsigned int width = width_of(kind, byte_size);
+    unsigned int width = member_width(kind, byte_size);
     if (width == 0) return false;
     initial.resize(width, 0);
     store_state& s = state();
@@ -558,7 +549,7 @@ std::vector<member_value> record_members(unsigned int handler_id) {
 }
 
 unsigned int set_member_value(unsigned int handler_id, const member_value& v) {
-    unsigned int width = width_of(v.kind, v.size);
+    unsigned int width = member_width(v.kind, v.size);
     if (v.size == 0 || width != v.size || v.value.size() != v.size) return STORE_BAD_ARG;
     store_state& s = state();
     call_lock lock(s, true);

@@ -1,21 +1,22 @@
 // Host trace: formatted lines and service-call notifications go to the sink
-// named by TEVASH_HOST_TRACE and, while a capture is active, into memory.
+// named by set_trace_sink (default TEVASH_HOST_TRACE) and, while a capture is
+// active, into memory.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "host/tev_host_testing.h"
+#include "settings.h"
 #include "tiv_trace.h"
 
 namespace {
 
-// The sink follows TEVASH_HOST_TRACE; a changed value takes effect at the next line.
+// The sink follows the trace sink setting; a change takes effect at the next line.
 class trace_sink {
 public:
     trace_sink() = default;
@@ -25,7 +26,11 @@ public:
 
     // REQUIRES: the trace lock is held.
     void put(const std::string& text) {
-        select(std::getenv("TEVASH_HOST_TRACE"));
+        unsigned version = tevhost::settings::trace_sink_version();
+        if (!selected_ || version != version_) {
+            select(tevhost::settings::trace_sink());
+            version_ = version;
+        }
         if (fd_ < 0) return;
         const char* data = text.data();
         size_t left = text.size();
@@ -38,8 +43,7 @@ public:
     }
 
 private:
-    void select(const char* name) {
-        std::string wanted = name != nullptr ? name : "stderr";
+    void select(const std::string& wanted) {
         if (selected_ && wanted == name_) return;
         close_file();
         selected_ = true;
@@ -62,6 +66,7 @@ private:
     }
 
     bool selected_ = false;
+    unsigned version_ = 0;  // of the setting selected_ follows
     std::string name_;
     int fd_ = -1;
     bool owns_fd_ = false;

@@ -1,8 +1,5 @@
 #include "tev_test_support.h"
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <fstream>
 #include <regex>
@@ -119,8 +116,8 @@ std::vector<std::string> trace_calls() {
         EXPECT_EQ(0xC103u, line.module);
         EXPECT_EQ(0x102u, line.level);
         EXPECT_EQ(0u, line.flag);
-        std::string text = std::regex_replace(line.text, line_number, "::",
-                                              std::regex_constants::format_first_only);
+        std::string text = std::regex_replace(line.text, line_number,
+                                              "::", std::regex_constants::format_first_only);
         if (!text.empty() && text.back() == '\n') text.pop_back();
         out.push_back(text);
     }
@@ -158,20 +155,6 @@ std::string ptr(const void* p) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%p", p);
     return buf;
-}
-
-temp_dir::temp_dir() {
-    char dir[] = "/tmp/tevash_test_XXXXXX";
-    EXPECT_NE(nullptr, mkdtemp(dir));
-    dir_ = dir;
-}
-
-temp_dir::~temp_dir() {
-    if (DIR* d = opendir(dir_.c_str())) {
-        while (dirent* entry = readdir(d)) unlink(path(entry->d_name).c_str());
-        closedir(d);
-    }
-    rmdir(dir_.c_str());
 }
 
 }  // namespace tevtest

@@ -1,6 +1,7 @@
 // Helpers shared by the test suites, on top of the host test seams in
 // host/tev_host_testing.h: wire bytes, files, a fresh record store, records made
-// straight in the store, and the trace, notifications and store calls as text.
+// straight in the store, and the trace, notifications and store calls as text;
+// with child processes and temporary directories (child_process.h).
 #ifndef TEV_TEST_SUPPORT_H
 #define TEV_TEST_SUPPORT_H
 
@@ -14,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "child_process.h"
 #include "host/tev_host_testing.h"
 #include "tev_ash_observer.h"
 
@@ -78,18 +80,6 @@ std::vector<std::string> store_calls();
 // A value as the trace shows it with "%#.8X", a pointer as with "%p".
 std::string hex8(unsigned int value);
 std::string ptr(const void* p);
-
-// A fresh directory under /tmp, removed with the files in it.
-class temp_dir {
-public:
-    temp_dir();
-    ~temp_dir();
-    std::string path(const std::string& name) const { return dir_ + "/" + name; }
-    const std::string& dir() const { return dir_; }
-
-private:
-    std::string dir_;
-};
 
 // A director's observer. Answers every notification with reply_result (create
 // also with reply_handler_id), keeps one line per call ("create 4 7 9 21",

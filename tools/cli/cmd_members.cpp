@@ -105,7 +105,7 @@ int run_get(context& ctx, const member_options& o) {
     if (!t.has_value)
         return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
                              " has no value");
-    std::string text;
+    nlohmann::ordered_json value;  // a 0x-hex string or a number
     if (t.type == member_kind::bytes) {
         unsigned int size = t.info.size;
         if (!o.size.empty() && !parse_arg(o.size, &size, "size")) return 1;
@@ -117,20 +117,22 @@ int run_get(context& ctx, const member_options& o) {
         const unsigned int rc = context::facade()->tev_ash_get_member(
             APP_CMP_ID, t.handler, t.member, t.info.size, buf.data(), t.order);
         if (rc != 0) return ctx.fail_code("cannot read " + member_text(t), rc);
-        text = hex_bytes(std::vector<unsigned char>(buf.begin(), buf.begin() + size));
+        value = hex_bytes(std::vector<unsigned char>(buf.begin(), buf.begin() + size));
     } else {
         long long v = 0;
         const unsigned int rc = read_integer(t, &v);
         if (rc != 0) return ctx.fail_code("cannot read " + member_text(t), rc);
-        text = std::to_string(v);
+        value = v;
     }
     if (o.json)
-        std::cout << "{\"handler\":" << t.handler << ",\"member\":" << t.member << ",\"type\":\""
-                  << o.type
-                  << "\",\"value\":" << (t.type == member_kind::bytes ? "\"" + text + "\"" : text)
-                  << "}\n";
+        std::cout << nlohmann::ordered_json{{"handler", t.handler},
+                                            {"member", t.member},
+                                            {"type", o.type},
+                                            {"value", value}}
+                         .dump()
+                  << '\n';
     else
-        std::cout << text << '\n';
+        std::cout << (value.is_string() ? value.get<std::string>() : value.dump()) << '\n';
     return 0;
 }
 
@@ -196,15 +198,7 @@ int run_members(context& ctx, const std::string& text, bool json) {
     const auto members = tevhost::record_members(id);
     if (json) {
         nlohmann::ordered_json out = nlohmann::ordered_json::array();
-        for (const auto& m : members) {
-            nlohmann::ordered_json row = {
-                {"member", hex32(m.member_id)}, {"kind", kind_name(m.kind)}, {"size", m.size}};
-            if (m.kind == member_kind::bytes)
-                row["value"] = hex_bytes(m.value);
-            else
-                row["value"] = decode_value(m.kind, m.value);
-            out.push_back(row);
-        }
+        for (const auto& m : members) out.push_back(member_json(m));
         std::cout << out.dump() << '\n';
         return 0;
     }

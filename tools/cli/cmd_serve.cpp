@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "host/tev_host.h"
 #include "processes.h"
 
 namespace tevash_cli {
@@ -36,7 +37,7 @@ void add_process_commands(CLI::App& app, context& ctx) {
     add_store_options(serve, *c);
     serve->callback([&ctx, c] {
         if (c->opt.store.empty()) c->opt.store = ctx.store;
-        if (!ctx.runtime_dir.empty()) setenv("TEVASH_RUNTIME_DIR", ctx.runtime_dir.c_str(), 1);
+        if (!ctx.runtime_dir.empty()) tevhost::set_runtime_dir(ctx.runtime_dir);
         ctx.exit_code = tevash_tools::run_service(c->opt);
     });
 
@@ -52,7 +53,7 @@ void add_process_commands(CLI::App& app, context& ctx) {
     add_store_options(director, *c);
     director->callback([&ctx, c] {
         if (c->opt.store.empty()) c->opt.store = ctx.store;
-        if (!ctx.runtime_dir.empty()) setenv("TEVASH_RUNTIME_DIR", ctx.runtime_dir.c_str(), 1);
+        if (!ctx.runtime_dir.empty()) tevhost::set_runtime_dir(ctx.runtime_dir);
         ctx.exit_code = tevash_tools::run_director(c->app_type, c->connection, c->opt);
     });
 }

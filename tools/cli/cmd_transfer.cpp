@@ -32,15 +32,6 @@ using tevhost::member_value;
 
 constexpr int FORMAT = 1;
 
-json member_json(const member_value& m) {
-    json row = {{"member", hex32(m.member_id)}, {"kind", kind_name(m.kind)}, {"size", m.size}};
-    if (m.kind == member_kind::bytes)
-        row["value"] = hex_bytes(m.value);
-    else
-        row["value"] = decode_value(m.kind, m.value);
-    return row;
-}
-
 int run_export(context& ctx, const std::string& text) {
     unsigned int root = 0;
     if (!parse_arg(text, &root, "handler id")) return 1;
@@ -48,20 +39,15 @@ int run_export(context& ctx, const std::string& text) {
     std::vector<tree_entry> entries;
     if (unsigned int rc = walk_tree(root, &entries))
         return ctx.fail_code("the tree below handler " + text + " could not be read whole", rc);
-    json doc = {{"tevash_tree", FORMAT}, {"root", nullptr}};
-    // path[d]: the node drawn last at depth d (its ancestors' arrays no longer grow).
-    std::vector<json*> path;
-    for (const auto& e : entries) {
+    const json tree = nest_json(entries, [](const tree_entry& e) {
         json node = {{"category", category_token(e.category)},
                      {"members", json::array()},
                      {"children", json::array()}};
         for (const auto& m : tevhost::record_members(e.id))
             node["members"].push_back(member_json(m));
-        path.resize(e.depth);
-        json& slot = e.depth == 0 ? doc["root"] : path.back()->at("children").emplace_back();
-        slot = std::move(node);
-        path.push_back(&slot);
-    }
+        return node;
+    });
+    const json doc = {{"tevash_tree", FORMAT}, {"root", tree}};
     std::cout << doc.dump(2) << '\n';
     return 0;
 }
@@ -92,7 +78,7 @@ bool read_member(const json& row, member_value* m, std::string* why) {
         kind_range(m->kind, &lo, &hi);
         if (!v.is_number_integer() || v.get<long long>() < lo || v.get<long long>() > hi)
             return *why = "member " + id + ": value is not a " + kind + " number", false;
-        m->value = encode_value(v.get<long long>(), kind_width(m->kind));
+        m->value = encode_value(v.get<long long>(), tevhost::member_width(m->kind));
     }
     m->size = static_cast<unsigned int>(m->value.size());
     if (row.contains("size") && row["size"] != m->size)

@@ -35,19 +35,17 @@ int run_tree(context& ctx, const tree_options& o) {
         tops = roots();
     }
     unsigned int failed = 0;
-    if (o.json) std::cout << '[';
-    for (size_t i = 0; i < tops.size(); ++i) {
+    auto trees = nlohmann::ordered_json::array();
+    for (unsigned int top : tops) {
         std::vector<tree_entry> entries;
-        const unsigned int rc = walk_tree(tops[i], &entries);
+        const unsigned int rc = walk_tree(top, &entries);
         if (failed == 0) failed = rc;
-        if (o.json) {
-            if (i) std::cout << ',';
-            tree_json(entries, std::cout);
-        } else {
+        if (o.json)
+            trees.push_back(tree_json(entries));
+        else
             draw_tree(entries, std::cout);
-        }
     }
-    if (o.json) std::cout << "]\n";
+    if (o.json) std::cout << trees.dump() << '\n';
     std::cout.flush();
     return failed ? ctx.fail_code("the tree could not be read whole", failed) : 0;
 }

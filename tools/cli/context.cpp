@@ -1,6 +1,5 @@
 #include "context.h"
 
-#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -11,7 +10,7 @@
 namespace tevash_cli {
 
 int context::open_store(tevhost::store_access access) {
-    if (!verbose) setenv("TEVASH_HOST_TRACE", "none", 1);
+    if (!verbose) tevhost::set_trace_sink("none");
     if (store.empty()) return 0;
     std::string error;
     if (!tevhost::store_use_file(store, &error,
@@ -24,7 +23,7 @@ int context::open_store(tevhost::store_access access) {
 
 int context::start_system(tevhost::store_access access) {
     if (!runtime_dir.empty()) {
-        setenv("TEVASH_RUNTIME_DIR", runtime_dir.c_str(), 1);
+        tevhost::set_runtime_dir(runtime_dir);
         std::string error;
         if (!tevash_tools::shared_store_path(store, &store, &error)) return fail(error);
         if (int rc = open_store(access)) return rc;

@@ -48,18 +48,28 @@ void draw_tree(const std::vector<tree_entry>& entries, std::ostream& out) {
     }
 }
 
-void tree_json(const std::vector<tree_entry>& entries, std::ostream& out) {
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const auto& e = entries[i];
-        if (i > 0 && e.depth <= entries[i - 1].depth) {
-            for (unsigned int d = entries[i - 1].depth + 1; d > e.depth; --d) out << "]}";
-            out << ',';
-        }
-        out << "{\"id\":" << e.id << ",\"category\":" << e.category << ",\"name\":\""
-            << json_escape(category_name(e.category)) << "\",\"children\":[";
+nlohmann::ordered_json nest_json(
+    const std::vector<tree_entry>& entries,
+    const std::function<nlohmann::ordered_json(const tree_entry&)>& node) {
+    nlohmann::ordered_json root;
+    // path[d]: the object made last at depth d (its ancestors' arrays no longer grow).
+    std::vector<nlohmann::ordered_json*> path;
+    for (const auto& e : entries) {
+        path.resize(e.depth);
+        auto& slot = e.depth == 0 ? root : path.back()->at("children").emplace_back();
+        slot = node(e);
+        path.push_back(&slot);
     }
-    if (!entries.empty())
-        for (unsigned int d = 0; d <= entries.back().depth; ++d) out << "]}";
+    return root;
+}
+
+nlohmann::ordered_json tree_json(const std::vector<tree_entry>& entries) {
+    return nest_json(entries, [](const tree_entry& e) {
+        return nlohmann::ordered_json{{"id", e.id},
+                                      {"category", e.category},
+                                      {"name", category_name(e.category)},
+                                      {"children", nlohmann::ordered_json::array()}};
+    });
 }
 
 unsigned int draw_tree(unsigned int root, std::ostream& out) {

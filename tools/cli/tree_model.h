@@ -3,8 +3,11 @@
 #ifndef TEVASH_CLI_TREE_MODEL_H
 #define TEVASH_CLI_TREE_MODEL_H
 
+#include <functional>
 #include <ostream>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace tevash_cli {
 
@@ -21,8 +24,13 @@ unsigned int walk_tree(unsigned int root, std::vector<tree_entry>* out);
 
 // "1 AUTH" / "`-- 2 APLSVC_IMG" lines.
 void draw_tree(const std::vector<tree_entry>& entries, std::ostream& out);
+// The tree as nested JSON objects, one made by `node` per entry; each object's
+// "children" array (which `node` makes, empty) gets its children's in order.
+nlohmann::ordered_json nest_json(
+    const std::vector<tree_entry>& entries,
+    const std::function<nlohmann::ordered_json(const tree_entry&)>& node);
 // {"id":..,"category":..,"name":..,"children":[..]}
-void tree_json(const std::vector<tree_entry>& entries, std::ostream& out);
+nlohmann::ordered_json tree_json(const std::vector<tree_entry>& entries);
 
 // walk_tree, then draw_tree.
 unsigned int draw_tree(unsigned int root, std::ostream& out);

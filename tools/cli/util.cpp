@@ -31,19 +31,19 @@ bool is_jobset_bit(long long bit) {
            (1u << bit) != TEV_ASH_CAT_DETACHED && (1u << bit) != TEV_ASH_CAT_SUBJOB;
 }
 
+// What the tool adds to the platform's member kinds: names and value ranges.
 struct kind_row {
     const char* name;
     member_kind kind;
-    unsigned int width;
     long long lo, hi;
 };
-constexpr kind_row KINDS[] = {{"i8", member_kind::i8, 1, -128, 127},
-                              {"u8", member_kind::u8, 1, 0, 255},
-                              {"i16", member_kind::i16, 2, -32768, 32767},
-                              {"u16", member_kind::u16, 2, 0, 65535},
-                              {"i32", member_kind::i32, 4, -2147483648LL, 2147483647LL},
-                              {"u32", member_kind::u32, 4, 0, 4294967295LL},
-                              {"bytes", member_kind::bytes, 0, 0, 0}};
+constexpr kind_row KINDS[] = {{"i8", member_kind::i8, -128, 127},
+                              {"u8", member_kind::u8, 0, 255},
+                              {"i16", member_kind::i16, -32768, 32767},
+                              {"u16", member_kind::u16, 0, 65535},
+                              {"i32", member_kind::i32, -2147483648LL, 2147483647LL},
+                              {"u32", member_kind::u32, 0, 4294967295LL},
+                              {"bytes", member_kind::bytes, 0, 0}};
 
 const kind_row& row_of(member_kind kind) {
     for (const auto& r : KINDS)
@@ -150,10 +150,6 @@ bool parse_kind(const std::string& name, member_kind* out) {
     return false;
 }
 
-unsigned int kind_width(member_kind kind) {
-    return row_of(kind).width;
-}
-
 void kind_range(member_kind kind, long long* lo, long long* hi) {
     *lo = row_of(kind).lo;
     *hi = row_of(kind).hi;
@@ -161,7 +157,7 @@ void kind_range(member_kind kind, long long* lo, long long* hi) {
 
 long long decode_value(member_kind kind, const std::vector<unsigned char>& bytes) {
     unsigned long long raw = 0;
-    const unsigned int width = kind_width(kind);
+    const unsigned int width = tevhost::member_width(kind);
     for (unsigned int i = 0; i < width && i < bytes.size(); ++i)
         raw |= static_cast<unsigned long long>(bytes[i]) << (8 * i);
     long long lo = 0, hi = 0;
@@ -206,21 +202,14 @@ std::string hex32(unsigned int value) {
     return buf;
 }
 
-std::string json_escape(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-        } else {
-            out += c;
-        }
-    }
-    return out;
+nlohmann::ordered_json member_json(const tevhost::member_value& m) {
+    nlohmann::ordered_json row = {
+        {"member", hex32(m.member_id)}, {"kind", kind_name(m.kind)}, {"size", m.size}};
+    if (m.kind == member_kind::bytes)
+        row["value"] = hex_bytes(m.value);
+    else
+        row["value"] = decode_value(m.kind, m.value);
+    return row;
 }
 
 }  // namespace tevash_cli

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "host/tev_host.h"
 
 namespace tevash_cli {
@@ -29,8 +31,7 @@ std::string category_token(unsigned int category);
 // Member kinds: "i8" ... "u32", "bytes".
 const char* kind_name(tevhost::member_kind kind);
 bool parse_kind(const std::string& name, tevhost::member_kind* out);
-// Width in bytes of an integer kind (0 for bytes) and its value range.
-unsigned int kind_width(tevhost::member_kind kind);
+// The value range of an integer kind (its width is tevhost::member_width).
 void kind_range(tevhost::member_kind kind, long long* lo, long long* hi);
 // An integer value from its little-endian bytes, as its kind reads it.
 long long decode_value(tevhost::member_kind kind, const std::vector<unsigned char>& bytes);
@@ -41,7 +42,9 @@ std::string hex_bytes(const std::vector<unsigned char>& bytes);
 bool parse_hex_bytes(const std::string& text, std::vector<unsigned char>* out);
 
 std::string hex32(unsigned int value);
-std::string json_escape(const std::string& text);
+
+// {"member":"0x00360000","kind":"i32","size":4,"value":42}; bytes as a 0x-hex string.
+nlohmann::ordered_json member_json(const tevhost::member_value& m);
 
 }  // namespace tevash_cli
 

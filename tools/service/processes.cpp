@@ -3,16 +3,14 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <thread>
+#include <memory>
+
+#include <nlohmann/json.hpp>
 
 #include "handler_service.h"
 #include "host/tev_host.h"
-#include "sample_director.h"
 #include "tev_ash_types.h"
 #include "vlq_mc_client.h"
 
@@ -48,27 +46,15 @@ int fail(const char* who, const std::string& message) {
     return 1;
 }
 
-std::string json_string(const std::string& s) {
-    std::string out = "\"";
-    for (char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned int>(c));
-            out += buf;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
-void print_ready(bool json, const std::string& fields) {
+// "ready", or {"ready":true,"pid":<pid>,<fields>}; bytes of a path that are not
+// UTF-8 show as U+FFFD.
+void print_ready(bool json, const nlohmann::ordered_json& fields) {
     if (json) {
-        std::printf("{\"ready\":true,\"pid\":%ld,%s}\n", static_cast<long>(getpid()),
-                    fields.c_str());
+        nlohmann::ordered_json line = {{"ready", true}, {"pid", static_cast<long>(getpid())}};
+        line.update(fields);
+        const std::string text =
+            line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        std::printf("%s\n", text.c_str());
     } else {
         std::printf("ready\n");
     }
@@ -94,76 +80,16 @@ bool open_store(const char* who, const process_options& opt, std::string* path) 
     return true;
 }
 
-// The sample director with the test hooks of run_director.
-class process_director : public sample_director {
-public:
-    process_director(const char* connection)
-        : sample_director(connection), hold_(env("TEVASH_TEST_DIRECTOR_HOLD")) {
-        const std::string dump = env("TEVASH_TEST_DIRECTOR_DUMP");
-        if (!dump.empty()) dump_ = std::fopen(dump.c_str(), "a");
-    }
-    ~process_director() override {
-        stop();
-        if (dump_ != nullptr) std::fclose(dump_);
-    }
-
-    void dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_len,
-                  gen_ipc_msghdr sync_handle) override {
-        if (dump_ != nullptr) {
-            std::lock_guard<std::mutex> lock(dump_mtx_);
-            std::fprintf(dump_, "%ld ", func_id);
-            for (unsigned int i = 0; rcvbuf != nullptr && i < rcvbuf_len; ++i) {
-                std::fprintf(dump_, "%02x", static_cast<unsigned char>(rcvbuf[i]));
-            }
-            std::fprintf(dump_, "\n");
-            std::fflush(dump_);
-        }
-        sample_director::dispatch(func_id, rcvbuf, rcvbuf_len, sync_handle);
-    }
-
-    void notify_create(velmora::TEV_ASH_CATEGORY category,
-                       velmora::TEV_ASH_SERVICE_TYPE service_type, unsigned int& handler_id,
-                       unsigned int src_handler_id, long& result) override {
-        hold("create");
-        sample_director::notify_create(category, service_type, handler_id, src_handler_id, result);
-    }
-    void notify_remove(unsigned int handler_id, long& result) override {
-        hold("remove");
-        sample_director::notify_remove(handler_id, result);
-    }
-    void notify_reset(velmora::TEV_ASH_SERVICE_TYPE service_type, unsigned int handler_id,
-                      long& result) override {
-        hold("reset");
-        sample_director::notify_reset(service_type, handler_id, result);
-    }
-
-private:
-    static std::string env(const char* name) {
-        const char* value = std::getenv(name);
-        return value != nullptr ? value : "";
-    }
-    void hold(const char* function) const {
-        if (hold_ != function) return;
-        std::fprintf(stderr, "holding %s\n", function);
-        std::fflush(stderr);
-        std::this_thread::sleep_for(std::chrono::minutes(1));
-    }
-
-    std::string hold_;
-    std::FILE* dump_ = nullptr;
-    std::mutex dump_mtx_;
-};
-
 }  // namespace
 
 bool shared_store_path(const std::string& store, std::string* path, std::string* error) {
-    std::string dir;
+    std::string shared;
     std::string why;
-    if (!tevhost::runtime_dir(&dir, &why)) {
+    if (!tevhost::shared_store_file(&shared, &why)) {
         if (error != nullptr) *error = "runtime directory: " + why;
         return false;
     }
-    *path = store.empty() ? dir + "/store.db" : store;
+    *path = store.empty() ? shared : store;
     return true;
 }
 
@@ -190,8 +116,7 @@ int run_service(const process_options& opt) {
         tevhost::unregister_object(velmora::TEV_ASH_SRV_NAME, velmora::TEV_ASH_SRV_OBJ_ID);
         return fail("serve", "cannot serve \"TEV_ASH_SRV\" in " + dir + ": " + error);
     }
-    print_ready(opt.json, "\"runtime_dir\":" + json_string(dir) + ",\"store\":" +
-                              json_string(store) + ",\"connection\":\"TEV_ASH_SRV\"");
+    print_ready(opt.json, {{"runtime_dir", dir}, {"store", store}, {"connection", "TEV_ASH_SRV"}});
     const int sig = wait_for_stop_signal();
     std::fprintf(stderr, "tevash serve: %s: stopping\n", strsignal(sig));
     tevhost::stop_serving(velmora::TEV_ASH_SRV_NAME);
@@ -199,7 +124,8 @@ int run_service(const process_options& opt) {
     return 0;
 }
 
-int run_director(int app_type, const std::string& connection, const process_options& opt) {
+int run_director(int app_type, const std::string& connection, const process_options& opt,
+                 const director_factory& make) {
     block_stop_signals();
     std::string store;
     if (!open_store("director", opt, &store)) return 1;
@@ -217,8 +143,9 @@ int run_director(int app_type, const std::string& connection, const process_opti
     if (!tevhost::serve_connection(name, &error)) {
         return fail("director", std::string("cannot serve \"") + name + "\": " + error);
     }
-    process_director director(name);
-    const unsigned int rc = director.start(static_cast<velmora::TEV_ASH_APP_TYPE>(app_type));
+    std::unique_ptr<sample_director> director = make ? make(name) : nullptr;
+    if (director == nullptr) director = std::make_unique<sample_director>(name);
+    const unsigned int rc = director->start(static_cast<velmora::TEV_ASH_APP_TYPE>(app_type));
     const std::string unreachable = service_unreachable_text();
     if (rc != 0 || !unreachable.empty()) {
         tevhost::stop_serving(name);
@@ -231,11 +158,10 @@ int run_director(int app_type, const std::string& connection, const process_opti
                                          ? " (another director is registered for it)"
                                          : ""));
     }
-    print_ready(opt.json, "\"app_type\":" + std::to_string(app_type) + ",\"connection\":" +
-                              json_string(name) + ",\"store\":" + json_string(store));
+    print_ready(opt.json, {{"app_type", app_type}, {"connection", name}, {"store", store}});
     const int sig = wait_for_stop_signal();
     std::fprintf(stderr, "tevash director: %s: withdrawing\n", strsignal(sig));
-    const unsigned int stopped = director.stop();
+    const unsigned int stopped = director->stop();
     tevhost::stop_serving(name);
     if (stopped != 0) {
         std::fprintf(stderr, "tevash director: withdrawal answered %#.8x\n", stopped);

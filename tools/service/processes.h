@@ -18,7 +18,11 @@
 #ifndef TEVASH_TOOLS_PROCESSES_H
 #define TEVASH_TOOLS_PROCESSES_H
 
+#include <functional>
+#include <memory>
 #include <string>
+
+#include "sample_director.h"
 
 namespace tevash_tools {
 
@@ -34,14 +38,17 @@ struct process_options {
 // Refuses to start when another live service serves the runtime directory.
 int run_service(const process_options& opt);
 
+// Makes the director run_director serves on `connection`: a sample_director or
+// one derived from it (which stops itself in its destructor when it overrides
+// the notifications).
+using director_factory = std::function<std::unique_ptr<sample_director>(const char* connection)>;
+
 // The director's connection name is `connection`, or "TEV_ASH_DIR<app type>"
-// when empty. On a signal it withdraws its registration and stops serving.
-//
-// For tests: TEVASH_TEST_DIRECTOR_HOLD=create|remove|reset makes the director
-// hold every such notification for a minute after writing "holding <function>"
-// to standard error, and TEVASH_TEST_DIRECTOR_DUMP=<file> appends one line per
-// notification received: the function id and the request bytes in hex.
-int run_director(int app_type, const std::string& connection, const process_options& opt);
+// when empty; the director is made by `make`, or is a plain sample_director
+// when `make` is empty or makes none. On a signal it withdraws its registration
+// and stops serving.
+int run_director(int app_type, const std::string& connection, const process_options& opt,
+                 const director_factory& make = {});
 
 // The shared store's path: `store`, or <runtime dir>/store.db. False with
 // *error set when the runtime directory cannot be used.

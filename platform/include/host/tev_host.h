@@ -2,7 +2,7 @@
 // that embed the library on a host: where trace lines go, registration of served
 // objects, the store schema, the store backends and read-only views of the store.
 // The library itself never includes this header. The test seams are in
-// tev_host_testing.h, which is not installed.
+// tev_host_testing.h, installed beside it for applications' own tests.
 //
 // Every function here is safe to call from any thread.
 #ifndef TEV_HOST_H
@@ -19,9 +19,36 @@ class observer_template;
 namespace tevhost {
 
 // ---------------------------------------------------------------------------
-// Trace. Lines go to the sink chosen by the environment variable
-// TEVASH_HOST_TRACE: unset or "stderr" -> standard error, "none" or "off" ->
-// nowhere, anything else -> appended to that file.
+// Settings. A process is configured by its environment; code configures it
+// through the setters. Each variable is read once, when the platform first needs
+// it, and gives only the default that its setter overrides:
+//
+//   TEVASH_HOST_TRACE           where trace lines go: unset, "" or "stderr" ->
+//                               standard error, "none" or "off" -> nowhere,
+//                               anything else -> appended to that file.
+//                               Setter: set_trace_sink.
+//   TEVASH_RUNTIME_DIR          the runtime directory of sockets and the shared
+//                               store. Default: $XDG_RUNTIME_DIR/tevash, else
+//                               /tmp/tevash-<euid>. Setter: set_runtime_dir.
+//   XDG_RUNTIME_DIR             gives that default. Setter: set_runtime_dir
+//                               (which overrides both).
+//   TEVASH_HOST_IPC_TIMEOUT_MS  milliseconds a round trip to another process may
+//                               take: 1 to 86400000, else 30000.
+//                               Setter: set_message_timeout_ms.
+//   TEVASH_HOST_STORE           a persistent store file opened at the store's
+//                               first use; default: the in-memory store.
+//                               Setters: store_use_file, store_use_memory.
+
+// Where trace lines go from the next line on: "" or "stderr", "none" or "off",
+// else a file name (appended to; nowhere when it cannot be opened).
+void set_trace_sink(const std::string& sink);
+// The runtime directory from now on; "" brings back the default (the
+// environment's, else $XDG_RUNTIME_DIR/tevash, else /tmp/tevash-<euid>).
+// Connections already open stay open.
+void set_runtime_dir(const std::string& dir);
+// The message timeout from the next round trip on, connections already open
+// included; ms <= 0 brings back the default (the environment's, else 30000).
+void set_message_timeout_ms(int ms);
 
 // ---------------------------------------------------------------------------
 // Message service, in-process. An object is registered under (connection name,
@@ -69,8 +96,8 @@ constexpr int MSG_NOT_LISTENING = 4;  // nothing serves the connection: no socke
                                       // one, or a runtime directory that is not safe
 constexpr int MSG_PEER_GONE = 5;      // the serving process closed the connection or died
                                       // before replying (also: it refused this peer)
-constexpr int MSG_TIMEOUT = 6;        // no reply within TEVASH_HOST_IPC_TIMEOUT_MS
-                                      // milliseconds (default 30000); the connection is dropped
+constexpr int MSG_TIMEOUT = 6;        // no reply within the message timeout
+                                      // (set_message_timeout_ms); the connection is dropped
 constexpr int MSG_BAD_FRAME = 7;      // the peer answered with a malformed frame
 
 // The words for a MSG_* result ("delivered", "nothing listening", "peer gone",
@@ -82,13 +109,18 @@ const char* send_status_text(int status);
 // was not delivered.
 int last_send_status();
 
-// The runtime directory of the host's sockets and shared store:
-// TEVASH_RUNTIME_DIR, else $XDG_RUNTIME_DIR/tevash, else /tmp/tevash-<uid>.
-// Created (the last path component only) with mode 0700 when missing. Returns
-// false with *error set when it cannot be created, is not a directory, or is
-// owned by another user or open to others. Senders never create it; they refuse
-// to connect into a directory that fails these checks (MSG_NOT_LISTENING).
+// The runtime directory of the host's sockets and shared store (see Settings:
+// set_runtime_dir, TEVASH_RUNTIME_DIR, else $XDG_RUNTIME_DIR/tevash, else
+// /tmp/tevash-<euid>). Created (the last path component only) with mode 0700
+// when missing. Returns false with *error set, and a trace line, when it cannot
+// be created, is not a directory, or is owned by another user or open to
+// others. Senders never create it; they refuse to connect into a directory that
+// fails these checks (MSG_NOT_LISTENING).
 bool runtime_dir(std::string* dir, std::string* error = nullptr);
+// The record store file the processes of the runtime directory share by
+// default: <runtime dir>/store.db. The directory is made and checked as by
+// runtime_dir, which gives the result and *error.
+bool shared_store_file(std::string* path, std::string* error = nullptr);
 
 // Makes the objects registered in this process under `connection` (now or
 // later) reachable from other processes of the runtime directory, through the

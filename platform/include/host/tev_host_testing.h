@@ -1,6 +1,7 @@
 // Test seams of the host platform: trace capture, counted sleep, message spy
-// with scripted replies, store call log and failure injection. For this
-// project's tests and benchmarks only; not installed.
+// with scripted replies, store call log and failure injection. Installed with
+// the host platform, for the tests of this project and of applications that
+// embed the library; never used by the library itself or in production paths.
 //
 // Every function here is safe to call from any thread. Seams are process-wide:
 // a test that turns one on turns it off again (the RAII helpers do this).

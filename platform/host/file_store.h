@@ -1,0 +1,68 @@
+// The persistent record store's file format, and how its two halves meet: the
+// operations (file_store.cpp) and opening, classification and backup
+// (file_store_open.cpp). Constants and declarations only; safe from any thread.
+//
+// One SQLite database file in WAL mode. Layout (PRAGMA user_version
+// kSchemaVersion, PRAGMA application_id kApplicationId):
+//   meta(key, value)            next_id: the first id not handed out yet
+//   records(id, category, parent, slot, category_slot)
+//                               parent 0 when unlinked; slot orders a parent's
+//                               children, category_slot those of one category
+//   lists(parent, category, used, live, top, skipped, head)
+//                               one per parent with children (category 0) and
+//                               per category among them: its order_state
+//   holes(parent, category, node, count)
+//                               its nodes that count a hole (others are 0)
+//   members(record, member, kind, value)
+//                               the stored bytes of one member (their length is
+//                               the member's width) and its member_kind
+// Link order is kept as link_order.h describes: the child at an order, a child
+// count and a parent each cost O(log n) index reads.
+#ifndef TEVASH_HOST_FILE_STORE_H
+#define TEVASH_HOST_FILE_STORE_H
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+
+#include "store_backend.h"
+
+namespace tevhost {
+namespace detail {
+
+constexpr int kSchemaVersion = 2;
+constexpr int kApplicationId = 0x54455653;  // "TEVS"
+
+constexpr const char kCreateSchema[] =
+    "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
+    "INSERT INTO meta VALUES('next_id', 1);"
+    "CREATE TABLE records(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"
+    " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"
+    " category_slot INTEGER NOT NULL DEFAULT 0);"
+    "CREATE INDEX records_by_slot ON records(parent, slot);"
+    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot);"
+    "CREATE TABLE lists(parent INTEGER NOT NULL, category INTEGER NOT NULL,"
+    " used INTEGER NOT NULL, live INTEGER NOT NULL, top INTEGER NOT NULL,"
+    " skipped INTEGER NOT NULL, head INTEGER NOT NULL,"
+    " PRIMARY KEY(parent, category)) WITHOUT ROWID;"
+    "CREATE TABLE holes(parent INTEGER NOT NULL, category INTEGER NOT NULL,"
+    " node INTEGER NOT NULL, count INTEGER NOT NULL,"
+    " PRIMARY KEY(parent, category, node)) WITHOUT ROWID;"
+    "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
+    " kind INTEGER NOT NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
+
+// The backend on `db`, an open connection to a record store of this version
+// (taken, closed by the backend). With `read_only` every change fails with
+// STORE_READ_ONLY.
+std::unique_ptr<store_backend> file_backend_on(sqlite3* db, bool read_only);
+
+// Writes a consistent copy of the database on `db` to a new file at `path`;
+// false with *error set when it cannot (nothing is left at `path` then).
+// REQUIRES: no other thread uses `db` meanwhile.
+bool backup_database(sqlite3* db, const std::string& path, std::string* error);
+
+}  // namespace detail
+}  // namespace tevhost
+
+#endif  // TEVASH_HOST_FILE_STORE_H

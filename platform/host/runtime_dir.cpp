@@ -1,0 +1,114 @@
+// The runtime directory of the host message service: where it is, the checks
+// it must pass and the names of the files in it. Safe for concurrent use from
+// any thread without external synchronization.
+#include "runtime_dir.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "host/tev_host.h"
+#include "ipc_internal.h"
+#include "settings.h"
+
+namespace tevhost {
+namespace rundir {
+namespace {
+
+// A file name for a connection name.
+std::string file_name(const std::string& connection) {
+    std::string out;
+    for (unsigned char c : connection) {
+        if (std::isalnum(c) || c == '_' || c == '-' || (c == '.' && !out.empty())) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%%%02X", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string path() {
+    std::string chosen = settings::runtime_dir_choice();
+    if (!chosen.empty()) return chosen;
+    std::string xdg = settings::xdg_runtime_dir();
+    if (!xdg.empty()) return xdg + "/tevash";
+    return "/tmp/tevash-" + std::to_string(::geteuid());
+}
+
+std::string unsafe(const std::string& dir) {
+    struct stat st;
+    if (::lstat(dir.c_str(), &st) != 0) {
+        return "runtime directory " + dir + ": " + std::strerror(errno);
+    }
+    if (!S_ISDIR(st.st_mode)) return "runtime directory " + dir + " is not a directory";
+    if (st.st_uid != ::geteuid()) {
+        return "runtime directory " + dir + " is owned by uid " + std::to_string(st.st_uid) +
+               ", not by this user (uid " + std::to_string(::geteuid()) + ")";
+    }
+    if ((st.st_mode & 077) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+        return "runtime directory " + dir + " is open to others (mode " + mode +
+               "); it must be 0700";
+    }
+    return std::string();
+}
+
+std::string socket_file(const std::string& dir, const std::string& connection) {
+    return dir + "/" + file_name(connection) + ".sock";
+}
+
+std::string lock_file(const std::string& dir, const std::string& connection) {
+    return dir + "/" + file_name(connection) + ".lock";
+}
+
+std::string store_file(const std::string& dir) {
+    return dir + "/store.db";
+}
+
+bool socket_address(const std::string& path, sockaddr_un* addr) {
+    std::memset(addr, 0, sizeof *addr);
+    addr->sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr->sun_path) return false;
+    std::memcpy(addr->sun_path, path.data(), path.size());
+    return true;
+}
+
+}  // namespace rundir
+
+bool runtime_dir(std::string* dir, std::string* error) {
+    std::string path = rundir::path();
+    std::string why;
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        why = "cannot create runtime directory " + path + ": " + std::strerror(errno);
+    } else {
+        why = rundir::unsafe(path);
+    }
+    if (!why.empty()) {
+        ipc::trace(why);
+        if (error != nullptr) *error = why;
+        return false;
+    }
+    if (dir != nullptr) *dir = path;
+    return true;
+}
+
+bool shared_store_file(std::string* path, std::string* error) {
+    std::string dir;
+    if (!runtime_dir(&dir, error)) return false;
+    if (path != nullptr) *path = rundir::store_file(dir);
+    return true;
+}
+
+}  // namespace tevhost
