@@ -3,15 +3,24 @@
 // is one whole operation inside one store transaction, as a command of the
 // command-line tool runs; the counter `per_child` is its cost per child, which
 // must stay flat as the job grows (child access by order is O(log n)).
+//
+// The tool's import, export and tree on two shapes of as many handlers: the
+// wide job above and a chain as deep as it is wide. `per_child` must stay flat
+// as they grow and within 2x between the shapes (nothing costs by depth).
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <string>
 #include <thread>
 
+#include <ostream>
+#include <streambuf>
+
 #include "child_process.h"
 #include "host/tev_host_testing.h"
 #include "tev_ash_facade.h"
+#include "transfer.h"
+#include "tree_model.h"
 #include "wud_wud_service_info.h"
 
 using namespace velmora;
@@ -142,8 +151,96 @@ void sizes(benchmark::internal::Benchmark* b) {
     b->Iterations(1)->Repetitions(3)->Unit(benchmark::kMillisecond);
 }
 
+// An export of `n` handlers: a job and n - 1 job-set children (wide), or a
+// chain of them, each below the one before (deep); each child with one member.
+std::string shape_export(unsigned int n, bool deep) {
+    std::string text = R"({"tevash_tree":2,"nodes":[{"category":"APLJOB","members":{}})";
+    for (unsigned int i = 1; i < n; ++i)
+        text += R"(,{"parent":)" + std::to_string(deep ? i - 1 : 0) +
+                R"(,"category":"JOBSET_03","members":{"0x00460000":{"kind":"i32","value":)" +
+                std::to_string(i) + "}}}";
+    return text + "]}";
+}
+
+// What import does in the store once the document is read: each handler made,
+// then members and links with each parent's children linked before it is.
+unsigned int import_shape(const std::string& text) {
+    tevhost::set_check_script([](const std::string&, long) { return 1; });  // see BM_scale_copy
+    std::vector<tevash_cli::planned> plan;
+    std::string why;
+    if (!tevash_cli::read_export(text, &plan, &why)) return 0;
+    tevhost::store_transaction txn;
+    std::vector<unsigned int> ids;
+    for (const auto& p : plan) ids.push_back(make(p.category));
+    for (size_t k = plan.size(); k-- > 0;) {
+        for (const auto& m : plan[k].members) tevhost::set_member_value(ids[k], m);
+        if (k > 0)  // every node's parent is below it: link in descending order
+            store::wud_wud_service_info_set_link(CMP, plan[plan[k].parent].category,
+                                                 ids[plan[k].parent], plan[k].category, ids[k]);
+    }
+    txn.commit();
+    return ids.front();
+}
+
+struct null_buffer : std::streambuf {
+    int overflow(int c) override { return c; }
+};
+
+void shapes(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"file", "children", "deep"});
+    for (int deep : {0, 1}) {
+        for (int file : {0, 1}) {
+            for (int n : {1000, 10000, 100000}) b->Args({file, n, deep});
+        }
+    }
+    b->Iterations(1)->Repetitions(3)->Unit(benchmark::kMillisecond);
+}
+
+void BM_shape_import(benchmark::State& st) {
+    scale_store s(st);
+    const std::string text = shape_export(static_cast<unsigned int>(st.range(1)), st.range(2));
+    for (auto _ : st) {
+        import_shape(text);
+        st.PauseTiming();
+        tevhost::store_clear();
+        st.ResumeTiming();
+    }
+    per_child(st);
+}
+
+void BM_shape_export(benchmark::State& st) {
+    scale_store s(st);
+    const unsigned int root =
+        import_shape(shape_export(static_cast<unsigned int>(st.range(1)), st.range(2)));
+    null_buffer sink;
+    std::ostream out(&sink);
+    for (auto _ : st) {
+        tevhost::store_transaction txn;
+        tevash_cli::write_export(root, out);
+        txn.commit();
+    }
+    per_child(st);
+}
+
+void BM_shape_tree(benchmark::State& st) {
+    scale_store s(st);
+    const unsigned int root =
+        import_shape(shape_export(static_cast<unsigned int>(st.range(1)), st.range(2)));
+    null_buffer sink;
+    std::ostream out(&sink);
+    for (auto _ : st) {
+        tevhost::store_transaction txn;
+        tevash_cli::draw_tree(root, out);
+        txn.commit();
+    }
+    per_child(st);
+}
+
 }  // namespace
 
+BENCHMARK(BM_shape_import)->Apply(shapes);
+BENCHMARK(BM_shape_export)->Apply(shapes);
+BENCHMARK(BM_shape_tree)->Apply(shapes);
 BENCHMARK(BM_scale_build)->Apply(sizes);
 BENCHMARK(BM_scale_draw)->Apply(sizes);
 BENCHMARK(BM_scale_copy)->Apply(sizes);

@@ -10,8 +10,9 @@
 set(TEVASH_INSTALL_TARGETS tevash tevash_host tevash_platform_headers)
 if(TARGET tevash_service)
   list(APPEND TEVASH_INSTALL_TARGETS tevash_service tevash_cli)
-  file(RELATIVE_PATH TEVASH_BIN_TO_LIB /p/${CMAKE_INSTALL_BINDIR} /p/${CMAKE_INSTALL_LIBDIR})
-  set_target_properties(tevash_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${TEVASH_BIN_TO_LIB}")
+  # TEVASH_BIN_TO_LIB: see the run paths in CMakeLists.txt.
+  set_target_properties(tevash_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${TEVASH_BIN_TO_LIB}"
+    BUILD_WITH_INSTALL_RPATH ON)
   install(FILES tools/service/include/tevhost/embedded_service.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tevash/tevhost)
   install(FILES doc/tevash.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -9,6 +9,8 @@
 #      and runs its `tevash demo`. With TEVASH_CHECK_DPKG=1 (CI, as root on a
 #      throwaway machine) it also installs the package with apt-get, runs
 #      /usr/bin/tevash demo and removes the package again.
+# Every ELF file of the build tree, the prefix, the examples' builds and the
+# package has no empty or relative run path entry (scripts/check-runpath.sh).
 # Nothing runs with LD_LIBRARY_PATH. Usage: scripts/check-install.sh [BUILD_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -67,11 +69,15 @@ print("   %d README blocks match their files" % seen)
 sys.exit(0 if ok and seen >= 2 else 1)
 PY
 
+step "run paths of the build tree"
+scripts/check-runpath.sh "$build"
+
 step "install into a temporary prefix, then move it"
 cmake --install "$build" --prefix "$tmp/stage" >/dev/null
 mv "$tmp/stage" "$tmp/prefix"
 prefix=$tmp/prefix
 libdir=$(dirname "$(find "$prefix" -name libtevash_host.so.1 | head -n 1)")
+scripts/check-runpath.sh "$prefix"
 
 step "exported symbols of libtevash_host.so.1 and libtevash.so.1"
 # The symbols a library exports beyond the names its version script allows.
@@ -119,6 +125,7 @@ cflags=$(pkg-config --cflags tevash)
 [[ "$cflags" == *"$prefix/"* ]] || fail "pkg-config --cflags tevash gives '$cflags', not the prefix"
 make -s -C "$tmp/examples/pkg-config" >/dev/null
 expect_line "member 0x00360000 = 42" "$tmp/examples/pkg-config/app"
+scripts/check-runpath.sh "$tmp/examples" "$tmp/app"
 unset PKG_CONFIG_PATH
 
 step "Debian package"
@@ -127,6 +134,7 @@ cpack --config "$build/CPackConfig.cmake" -G DEB -B "$tmp/deb" >"$tmp/cpack.log"
 deb=$(ls "$tmp"/deb/*.deb)
 echo "   $(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
 dpkg-deb -x "$deb" "$tmp/root"
+scripts/check-runpath.sh "$tmp/root"
 demo_ok "$tmp/root/usr/bin/tevash"
 for f in usr/share/man/man1/tevash.1 usr/share/doc/tevash/LICENSE usr/lib/libtevash_service.a \
     usr/include/tevash/tevhost/embedded_service.h; do

@@ -1,4 +1,7 @@
 // Drives the built tevash binary as a user would.
+#include <unistd.h>
+
+#include <csignal>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -76,11 +79,11 @@ protected:
         if (TEVASH_CLI_PATH[0] == '\0') GTEST_SKIP() << "tevash was not built";
     }
     // Runs tevash with `args`, split at spaces.
-    static run_result run(const std::string& args) {
+    static run_result run(const std::string& args, const std::vector<std::string>& env = {}) {
         std::vector<std::string> argv{TEVASH_CLI_PATH};
         std::istringstream words(args);
         for (std::string word; words >> word;) argv.push_back(word);
-        return tevtest::run_child(argv);
+        return tevtest::run_child(argv, env);
     }
     // Runs a command on the test's store that prints one line (an id); returns it.
     std::string one_line(const std::string& args) {
@@ -181,14 +184,11 @@ TEST_F(Cli, FailuresSayWhatIsWrongFirst) {
         {"members 0x4D", "no handler 77", "  result 0xC1030001"},
         {"tree 08", "no handler 8", "  result 0xC1030001"},
         {"export 9", "no handler 9", "  result 0xC1030001"},
-        // Import stores a member twice with another width: the whole import is undone.
-        {"import " + dir_.path("twice.json"), "cannot store member 0x00360000 on handler 4",
-         "  result 0xE1000004"},
+        {"--runtime-dir " + dir_.path("rt") + " tree",
+         "--store " + db_ + " is not the store of the handler service in " + dir_.path("rt") +
+             " (" + dir_.path("rt/store.db") + "); leave out --store with --runtime-dir",
+         ""},
     };
-    std::ofstream(dir_.path("twice.json"))
-        << R"({"tevash_tree":1,"root":{"category":"APLJOB","children":[],"members":[)"
-           R"({"member":"0x00360000","kind":"i32","value":1},)"
-           R"({"member":"0x00360000","kind":"u8","value":1}]}})";
     const std::string before = run(store_ + "tree").out;
     for (const auto& c : cases) {
         run_result r = run(store_ + c.args);
@@ -254,21 +254,141 @@ TEST_F(Cli, RefusedTypesValuesAndSizesChangeNothing) {
               "0x00360002  u8     1      255\n");
 }
 
-// A chain deeper than any fixed limit is drawn, exported and imported whole.
-TEST_F(Cli, DeepTreesAreDrawnWhole) {
-    const int depth = 45;
+// Import trusts nothing: each refusal names the JSON pointer of the bad value,
+// exits 1 without a crash and changes nothing.
+TEST_F(Cli, ImportRefusesHostileInputsNamingThePath) {
+    const std::string job = import(job_export(1));
+    const std::string before = run(store_ + "tree").out;
+    const auto v2 = [](const std::string& members, const std::string& more = "") {
+        return R"({"tevash_tree":2,"nodes":[{"category":"APLJOB","members":{)" + members + "}}" +
+               more + "]}";
+    };
+    const auto i32 = [](const std::string& value) {
+        return R"("0x00360000":{"kind":"i32","value":)" + value + "}";
+    };
+    const std::string format = "/tevash_tree: a tevash tree export, format 1 or 2";
+    const std::string range = "/nodes/0/members/0x00360000/value: value ";
+    const std::pair<std::string, std::string> cases[] = {
+        {R"({"tevash_tree":"1","root":{}})", format},
+        {R"({"tevash_tree":null,"root":{}})", format},
+        {R"({"tevash_tree":true,"root":{}})", format},
+        {R"({"tevash_tree":1.9,"root":{}})", format},
+        {R"({"tevash_tree":4294967297,"root":{}})", format},
+        {"[1]", "not a JSON object"},
+        {std::string(100000, '[') + std::string(100000, ']'), "not a JSON object"},
+        {v2(i32("18446744073709551615")),
+         range + "18446744073709551615 is out of range for i32 (-2147483648..2147483647)"},
+        {v2(i32("1.5")), "/nodes/0/members/0x00360000/value: an integer"},
+        {v2(R"("0x0000000A":{"kind":"u8","value":1})"),
+         "/nodes/0/members/0x0000000A: no member 0x0000000A in the member table"},
+        {v2(R"("0x00460000":{"kind":"u8","value":1})"),
+         "/nodes/0/members/0x00460000: member 0x00460000 belongs to a JOBSET_03 handler, not "
+         "APLJOB"},
+        {v2(R"("0x00360001":{"kind":"bytes","value":"ABCD"})"),
+         "/nodes/0/members/0x00360001/value: member 0x00360001: bytes are a 0x-hex string, not "
+         "'ABCD'"},
+        {v2(R"("0x00360001":{"kind":"bytes","size":3,"value":"0x4142"})"),
+         "/nodes/0/members/0x00360001/size: the value has 2 bytes"},
+        {v2(i32("1") + "," + i32("2")), "/nodes/0/members/0x00360000: duplicate key"},
+        {v2(R"("0x00360000":{"kind":"i32","value":1},"0x360000":{"kind":"u8","value":1})"),
+         "/nodes/0/members/0x360000: member 0x00360000 appears twice"},
+        {v2(i32("1") + R"(},"colour":{)"), "/nodes/0/colour: unknown key"},
+        {v2("", R"(,{"parent":1,"category":"JOBSET_03"})"),
+         "/nodes/1/parent: the index of an earlier node"},
+        {R"({"tevash_tree":2,"nodes":[{"parent":0,"category":"APLJOB"}]})",
+         "/nodes/0/parent: the first node is the root"},
+        {R"({"tevash_tree":1,"root":{"category":"APLJOB","members":[)"
+         R"({"member":"0x00360000","kind":"i32","value":1},)"
+         R"({"member":"0x00360000","kind":"u8","value":1}]}})",
+         "/root/members/1: member 0x00360000 appears twice"},
+        {R"({"tevash_tree":1,"root":{"category":"APLJOB","children":[{"category":"JOBSET_03",)"
+         R"("children":[{"category":"JOBSET_03"},{"category":"NOPE"}]}]}})",
+         "/root/children/0/children/1/category: a known category name"},
+    };
+    const std::string file = dir_.path("in.json");
+    for (const auto& c : cases) {
+        std::ofstream(file) << c.first;
+        run_result r = run(store_ + "import " + file);
+        EXPECT_EQ(r.status, 1) << c.first.substr(0, 200);
+        EXPECT_EQ(line(r.err, 0), "tevash: '" + file + "': " + c.second) << c.first.substr(0, 200);
+    }
+    std::ofstream(file) << R"({"tevash_tree":)";
+    EXPECT_EQ(
+        line(run(store_ + "import " + file).err, 0).rfind("tevash: '" + file + "': not JSON: ", 0),
+        0u);
+    EXPECT_EQ(run(store_ + "tree").out, before);
+    // A user's unlinked root is never a finding; an AUTH linked below a job is.
+    EXPECT_EQ(run(store_ + "check").status, 0);
+    const std::string auth = create("AUTH");
+    ASSERT_EQ(run(store_ + "link " + job + " " + auth).status, 0);
+    run_result found = run(store_ + "check");
+    EXPECT_EQ(found.status, 1);
+    EXPECT_EQ(found.out, "handler " + auth + " (AUTH): linked below handler " + job +
+                             " (APLJOB), a deeper level\n");
+}
+
+// Through a service in another process an import is all or nothing too: killed
+// or failed at any point, it leaves its tree whole or unlinked handlers only,
+// which check lists and check --repair removes (never a user's own root).
+TEST_F(Cli, ImportThroughTheServiceIsAllOrNothing) {
+    const std::string rt = dir_.path("rt");
+    const std::vector<std::string> env{"TEVASH_RUNTIME_DIR=" + rt};
+    tevtest::child_options opt;
+    opt.env = env;
+    opt.log = dir_.path("log");
+    // A service on a store of its own: directors and commands use that one.
+    tevtest::child_process serve({TEVASH_CLI_PATH, "serve", "--store", dir_.path("svc.db")}, opt);
+    for (int i = 0; i < 1000 && count_lines(file_text(opt.log)) < 1; ++i) usleep(20000);
+    tevtest::child_process director({TEVASH_CLI_PATH, "director", "--app-type", "1"}, opt);
+    for (int i = 0; i < 1000 && count_lines(file_text(opt.log)) < 2; ++i) usleep(20000);
+    const std::string mine = line(run("create JOBSET_03", env).out, 0);
+    std::string wide = R"({"tevash_tree":2,"nodes":[{"category":"APLJOB"})";
+    for (int i = 0; i < 20000; ++i) wide += R"(,{"parent":0,"category":"JOBSET_03"})";
+    std::ofstream(dir_.path("wide.json")) << wide << "]}";
+    tevtest::child_process killed({TEVASH_CLI_PATH, "import", dir_.path("wide.json")}, opt);
+    usleep(1500000);
+    killed.kill(SIGKILL);
+    // The tree of the killed import is whole or not linked at all.
+    const int lines = count_lines(run("tree", env).out);
+    EXPECT_TRUE(lines == 20002 || count_lines(run("check", env).out) == lines - 1) << lines;
+    EXPECT_EQ(run("check --repair", env).status, 0);
+    EXPECT_EQ(run("check", env).status, 0);
+    const std::string left = run("tree", env).out;
+    EXPECT_EQ(line(left, 0), mine + " JOBSET_03");
+    EXPECT_TRUE(count_lines(left) == 1 || count_lines(left) == 20002) << count_lines(left);
+    // Failed half-way (its director gone): what it made is removed again.
+    tevtest::child_process failing({TEVASH_CLI_PATH, "import", dir_.path("wide.json")}, opt);
+    usleep(1500000);
+    director.kill(SIGKILL);
+    const int status = failing.wait();
+    EXPECT_EQ(run("check", env).status, 0);
+    EXPECT_EQ(count_lines(run("tree", env).out), count_lines(left) + (status == 0 ? 20001 : 0));
+}
+
+// A chain deeper than any fixed limit is drawn, exported and imported whole, in
+// output linear in its handlers: the drawing's guides stop at DRAWN_LEVELS, the
+// export is one line per handler. Format 1 (nested) still imports.
+TEST_F(Cli, DeepTreesAreDrawnWholeInLinearOutput) {
+    const int depth = 3000;
     const std::string root = import(job_export(depth));
     run_result tree = run(store_ + "tree " + root);
     ASSERT_EQ(tree.status, 0) << tree.err;
     std::string expected = root + " APLJOB\n";
-    for (int d = 1; d <= depth; ++d)
-        expected += std::string(4 * (d - 1), ' ') + "`-- " + std::to_string(std::stoi(root) + d) +
-                    " JOBSET_03\n";
-    EXPECT_EQ(tree.out, expected);
+    for (int d = 1; d <= 40; ++d)
+        expected += (d > 32 ? "[" + std::to_string(d) + "] " : std::string(4 * (d - 1), ' ')) +
+                    "`-- " + std::to_string(std::stoi(root) + d) + " JOBSET_03\n";
+    EXPECT_EQ(tree.out.substr(0, expected.size()), expected);
+    EXPECT_LT(tree.out.size(), 40u * depth);
     const std::string exported = run(store_ + "export " + root).out;
+    EXPECT_EQ(line(exported, 0), R"({"tevash_tree":2,"nodes":[)");
+    EXPECT_EQ(line(exported, 2), R"({"parent":0,"category":"JOBSET_03","members":{}},)");
+    EXPECT_LT(exported.size(), 60u * depth);
     const std::string again = import(exported);
     EXPECT_EQ(run(store_ + "export " + again).out, exported);
-    EXPECT_EQ(count_lines(run(store_ + "tree").out), 2 * (depth + 1));
+    const std::string json = run(store_ + "tree --json " + again).out;
+    EXPECT_EQ(nlohmann::json::parse(json)[0]["children"][0]["children"][0]["id"],
+              std::stoi(again) + 2);
+    EXPECT_LT(json.size(), 80u * depth);
 }
 
 // Siblings keep their order through export and import: three of one category,
@@ -293,7 +413,8 @@ TEST_F(Cli, ExportAndImportKeepTheOrderOfSiblings) {
     const std::string exported = run(store_ + "export " + job).out;
     const auto doc = nlohmann::json::parse(exported);
     std::string listed;
-    for (const auto& kid : doc["root"]["children"]) {
+    for (const auto& kid : doc["nodes"]) {
+        if (kid.value("parent", -1) != 0) continue;
         listed += kid["category"].get<std::string>() + " ";
         for (const auto& m : kid["members"]) listed += m["value"].dump() + " ";
     }

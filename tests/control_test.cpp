@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tev_ash_control.h"
-#include "tev_ash_facade.h"
 #include "tev_test_support.h"
 
 namespace {
@@ -17,34 +15,24 @@ namespace {
 using namespace velmora;
 using namespace tevtest;
 using tevhost::store_op;
-using lines = std::vector<std::string>;
 
 constexpr unsigned int SET8_VALUE = 0x00460000;  // a u16 member of job set 0x8, initially 7
 
-class Facade : public library_test {
-protected:
-    tev_ash_facade* facade = tev_ash_facade::tev_ash_get_instance();
-};
+using Facade = library_test;
 
-TEST_F(Facade, InitializeFacadeExaminesOnlyItsArgument) {
-    EXPECT_EQ(0u, facade->initialize_facade(facade));
-    EXPECT_EQ(0xC1030008u, facade->initialize_facade(nullptr));
-    EXPECT_EQ(lines{"tev_ash_facade::initialize_facade,[Error]obj_facade is NULL"}, trace_calls());
-    EXPECT_EQ(lines{"0xe926 tev_ash_facade::initialize_facade 0,0"}, notifications());
-    EXPECT_EQ(facade, tev_ash_facade::tev_ash_get_instance());
-}
-
-TEST_F(Facade, RefusedArgumentsLeaveOneLineAndReachNeitherStoreNorService) {
+// A refused argument leaves one line and reaches neither store nor service; only
+// the facade's own initialisation also notifies.
+TEST_F(Facade, RefusedArgumentsAreReportedAndGoNoFurther) {
     const unsigned int job = records::make(TEV_ASH_CAT_APLJOB), m = 0x00360000;
     long l = 0;
     char* const no_text = nullptr;
     const std::string id = "handler_id is NULL", ret = "tev_ash_get_member,[Error]ret_p is NULL";
     const std::string val = "tev_ash_set_member,[Error]val_p is NULL";
-#define REFUSED(call, line)                \
-    {                                      \
-        [&] { return facade->call; }, line \
-    }
+    // clang-format off
+#define REFUSED(call, line) {[&] { return facade->call; }, line}
+    // clang-format on
     const std::vector<std::pair<std::function<unsigned int()>, std::string>> refused = {
+        REFUSED(initialize_facade(nullptr), "initialize_facade,[Error]obj_facade is NULL"),
         REFUSED(tev_ash_create(4, TEV_ASH_APP_TYPE(1), TEV_ASH_SERVICE_TYPE(1), nullptr, 0),
                 "tev_ash_create,[Error]" + id),
         REFUSED(tev_ash_copy(0, job), "tev_ash_copy,[Error]" + id),
@@ -83,9 +71,15 @@ TEST_F(Facade, RefusedArgumentsLeaveOneLineAndReachNeitherStoreNorService) {
         tevhost::store_log_begin();
         EXPECT_EQ(0xC1030008u, call());
         EXPECT_EQ(lines{"tev_ash_facade::" + line}, trace_calls());
+        EXPECT_EQ(line.rfind("initialize", 0) == 0
+                      ? lines{"0xe926 tev_ash_facade::initialize_facade 0,0"}
+                      : lines{},
+                  notifications());
         EXPECT_TRUE(store_calls().empty());
     }
     EXPECT_TRUE(spy.messages().empty());
+    EXPECT_EQ(0u, facade->initialize_facade(facade));
+    EXPECT_EQ(facade, tev_ash_facade::tev_ash_get_instance());
 }
 
 // Create, remove and reset reach the handler service with every argument, and
@@ -184,13 +178,12 @@ TEST_F(Facade, LinksAndNavigation) {
 
 // ---------------------------------------------------------------------------
 
-class Control : public library_test {
-protected:
-    tev_ash_control control;
-};
+using Control = library_test;
 
+// Failed store calls, armed or refused by the store (no such record, link or
+// source; already linked), become 0xC1030001 with the store's code in the line.
 TEST_F(Control, StoreFailuresBecomeOneCodeWithTheStoresCodeInTheLine) {
-    unsigned int id = 0x55;
+    unsigned int id = 0x55, out = 0;
     auto category = TEV_ASH_CATEGORY(0x55);
     tevhost::store_fail_op(store_op::make_current, 1, 0xE1000042);
     EXPECT_EQ(0xC1030001u, control.create_info(TEV_ASH_CAT_APLJOB, &id, 0));
@@ -201,21 +194,49 @@ TEST_F(Control, StoreFailuresBecomeOneCodeWithTheStoresCodeInTheLine) {
     EXPECT_EQ(0xC1030001u, control.get_category(0x14, &category));
     EXPECT_EQ(0x55u, id);
     EXPECT_EQ(0x55u, category);
-    const std::string p = ptr(&id);
-    EXPECT_EQ((lines{"tev_ash_control::create_info,[Error]wud_rc:0xe1000042, category:4, "
-                     "&handler_id:" +
-                         p + ", src_handler_id:00000000",
-                     "tev_ash_control::create_info,[Error]wud_rc:0xe1000001, category:2, "
-                     "&handler_id:" +
-                         p + ", src_handler_id:0X00000077",
-                     "tev_ash_control::copy_info,[Error]wud_rc:0xe1000001, "
-                     "src_handler_id:0X00000010, dst_handler_id:0X00000011",
-                     "tev_ash_control::reset_info,[Error]wud_rc:0xe1000001, handler_id:0X00000012",
-                     "tev_ash_control::remove_info,[Error]wud_rc:0xe1000001, handler_id:0X00000013",
-                     "tev_ash_control::get_category,[Error] wud_rc:0xe1000001, "
-                     "handler_id:0X00000014, &category:" +
-                         ptr(&category)}),
-              trace_calls());
+    const job_tree t = make_job_tree({0x8});  // only now: ids 0x10 to 0x14 were free above
+    const unsigned int orphan = records::make(TEV_ASH_CAT_AUTH);
+    EXPECT_EQ(0xC1030001u, control.get_child_id(t.job, TEV_ASH_CAT_JOBSET_03, &out, 1));
+    EXPECT_EQ(0xC1030001u, control.get_child_id_direct(t.job, 1, &out));
+    EXPECT_EQ(0xC1030001u, control.get_parent_id(orphan, &out));
+    tevhost::store_fail_op(store_op::get_child_link_num, 1, 0xE1000077);
+    EXPECT_EQ(0xC1030001u, control.get_child_count(t.job, &out, TEV_ASH_CAT_JOBSET_03));
+    tevhost::store_fail_op(store_op::get_child_link_num_direct, 1, 0xE1000078);
+    EXPECT_EQ(0xC1030001u, control.get_child_count(t.job, &out));
+    EXPECT_EQ(0xC1030001u, control.set_link(TEV_ASH_CAT_APLJOB, t.job, TEV_ASH_CAT_JOBSET_03,
+                                            t.children[0]));                // already linked
+    EXPECT_EQ(0xC1030001u, control.delete_link(TEV_ASH_CAT_AUTH, orphan));  // not linked
+    const std::string c = "tev_ash_control::", e = ",[Error]wud_rc:0xe10000", pi = ptr(&id),
+                      p = ptr(&out), job = hex8(t.job), orphan_id = hex8(orphan);
+    EXPECT_EQ(
+        (lines{c + "create_info" + e + "42, category:4, &handler_id:" + pi +
+                   ", src_handler_id:00000000",
+               c + "create_info" + e + "01, category:2, &handler_id:" + pi +
+                   ", src_handler_id:0X00000077",
+               c + "copy_info" + e + "01, src_handler_id:0X00000010, dst_handler_id:0X00000011",
+               c + "reset_info" + e + "01, handler_id:0X00000012",
+               c + "remove_info" + e + "01, handler_id:0X00000013",
+               c + "get_category,[Error] wud_rc:0xe1000001, handler_id:0X00000014, &category:" +
+                   ptr(&category),
+               c +
+                   "get_child_id,[Error](wud_wud_service_info_get_child_link) wud_rc:0xe1000007, "
+                   "parent_handler_id:" +
+                   job + ", child_category:8, &child_handler_id:" + p + ", order:1",
+               c + "get_child_id_direct,wud_rc:0XE1000007, parent_handler_id:" + job +
+                   ", order:1, &child_handler_id:" + p,
+               c +
+                   "get_parent_id,[Error](wud_wud_service_info_get_parent_link) "
+                   "wud_rc:0xe1000007, child_handler_id:" +
+                   orphan_id + ", &parent_handler_id:" + p,
+               c +
+                   "get_child_count,[Error](wud_wud_service_info_get_child_link_num) "
+                   "wud_rc:0xe1000077, parent_handler_id:" +
+                   job + ", &count:" + p + ", child_category:0x00000008",
+               c + "get_child_count" + e + "78, parent_handler_id:" + job + ", &count:" + p,
+               c + "set_link,[Error]wud_rc:e1000005, parent_category:4, parent_handler_id:" + job +
+                   ", child_category:8, child_handler_id:" + hex8(t.children[0]),
+               c + "delete_link" + e + "07, category:2, handler_id:" + orphan_id}),
+        trace_calls());
 }
 
 // A lookup that first reads the parent's category stops there when it fails,
@@ -247,44 +268,6 @@ TEST_F(Control, TwoStepLookupsStopAfterAFailedCategoryRead) {
                           c + "get_category,[Error] wud_rc:0xe1000001, handler_id:0X00000BAD", 0));
         EXPECT_EQ(line, got[1]);
     }
-}
-
-TEST_F(Control, LinkLookupFailuresCarryTheStoresCode) {
-    const job_tree t = make_job_tree({0x8});
-    const unsigned int orphan = records::make(TEV_ASH_CAT_AUTH);
-    unsigned int out = 0;
-    const std::string p = ptr(&out);
-    EXPECT_EQ(0xC1030001u, control.get_child_id(t.job, TEV_ASH_CAT_JOBSET_03, &out, 1));
-    EXPECT_EQ(0xC1030001u, control.get_child_id_direct(t.job, 1, &out));
-    EXPECT_EQ(0xC1030001u, control.get_parent_id(orphan, &out));
-    tevhost::store_fail_op(store_op::get_child_link_num, 1, 0xE1000077);
-    EXPECT_EQ(0xC1030001u, control.get_child_count(t.job, &out, TEV_ASH_CAT_JOBSET_03));
-    tevhost::store_fail_op(store_op::get_child_link_num_direct, 1, 0xE1000078);
-    EXPECT_EQ(0xC1030001u, control.get_child_count(t.job, &out));
-    EXPECT_EQ(0xC1030001u, control.set_link(TEV_ASH_CAT_APLJOB, t.job, TEV_ASH_CAT_JOBSET_03,
-                                            t.children[0]));                // already linked
-    EXPECT_EQ(0xC1030001u, control.delete_link(TEV_ASH_CAT_AUTH, orphan));  // not linked
-    const std::string job = hex8(t.job), orphan_id = hex8(orphan);
-    EXPECT_EQ(
-        (lines{"tev_ash_control::get_child_id,[Error](wud_wud_service_info_get_child_link) "
-               "wud_rc:0xe1000007, parent_handler_id:" +
-                   job + ", child_category:8, &child_handler_id:" + p + ", order:1",
-               "tev_ash_control::get_child_id_direct,wud_rc:0XE1000007, parent_handler_id:" + job +
-                   ", order:1, &child_handler_id:" + p,
-               "tev_ash_control::get_parent_id,[Error](wud_wud_service_info_get_parent_link) "
-               "wud_rc:0xe1000007, child_handler_id:" +
-                   orphan_id + ", &parent_handler_id:" + p,
-               "tev_ash_control::get_child_count,[Error](wud_wud_service_info_get_child_link_num) "
-               "wud_rc:0xe1000077, parent_handler_id:" +
-                   job + ", &count:" + p + ", child_category:0x00000008",
-               "tev_ash_control::get_child_count,[Error]wud_rc:0xe1000078, parent_handler_id:" +
-                   job + ", &count:" + p,
-               "tev_ash_control::set_link,[Error]wud_rc:e1000005, parent_category:4, "
-               "parent_handler_id:" +
-                   job + ", child_category:8, child_handler_id:" + hex8(t.children[0]),
-               "tev_ash_control::delete_link,[Error]wud_rc:0xe1000007, category:2, handler_id:" +
-                   orphan_id}),
-        trace_calls());
 }
 
 }  // namespace

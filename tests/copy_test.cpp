@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tev_ash_facade.h"
 #include "tev_test_support.h"
 
 namespace {
@@ -15,28 +14,16 @@ namespace {
 using namespace velmora;
 using namespace tevtest;
 using tevhost::store_op;
-using lines = std::vector<std::string>;
 
 // One i32 member per category used here; a record's value is the one of its category.
 unsigned int value_member(unsigned int category) {
-    switch (category) {
-        case 0x1: return 0x00182000;
-        case 0x4: return 0x00360000;
-        case 0x8: return 0x00460000;
-        case 0x10: return 0x00560000;
-        default: return 0;
+    const unsigned int members[][2] = {
+        {0x1, 0x00182000}, {0x4, 0x00360000}, {0x8, 0x00460000}, {0x10, 0x00560000}};
+    for (const auto& m : members) {
+        if (m[0] == category) return m[1];
     }
+    return 0;
 }
-
-// Everything below a handler: ids, categories and values, in link order.
-struct snapshot {
-    unsigned int id, category;
-    long value;
-    std::vector<snapshot> children;
-    bool operator==(const snapshot& o) const {
-        return id == o.id && category == o.category && value == o.value && children == o.children;
-    }
-};
 
 class Copy : public library_test {
 protected:
@@ -51,10 +38,12 @@ protected:
         EXPECT_EQ(0u, member == 0 ? 0 : facade->tev_ash_get_member(7, id, member, &v, 0));
         return v;
     }
-    snapshot snap(unsigned int id) {
-        snapshot n{id, records::category_of(id), value_of(id), {}};
-        for (unsigned int child : records::children(id)) n.children.push_back(snap(child));
-        return n;
+    // Everything below a handler: ids, categories and values, in link order.
+    std::string snap(unsigned int id) {
+        std::string n = std::to_string(id) + "/" + std::to_string(records::category_of(id)) + "/" +
+                        std::to_string(value_of(id)) + "[";
+        for (unsigned int child : records::children(id)) n += snap(child) + " ";
+        return n + "]";
     }
     // A job tree whose records carry distinct values: image base, job base+1,
     // children base+10, base+11, ...
@@ -83,8 +72,6 @@ protected:
             EXPECT_NE(src.children[i], now[i]);
         }
     }
-
-    tev_ash_facade* facade = tev_ash_facade::tev_ash_get_instance();
 };
 
 TEST_F(Copy, JobsImagesAndEmptySources) {
@@ -96,7 +83,7 @@ TEST_F(Copy, JobsImagesAndEmptySources) {
                  {{}, {0x8, 0x8}, false}};
     for (const auto& c : cases) {
         const job_tree src = tree(c.src, 100), dst = tree(c.dst, 200);
-        const snapshot before = snap(src.auth);
+        const std::string before = snap(src.auth);
         ASSERT_EQ(0u, c.images ? facade->tev_ash_copy(src.image, dst.image)
                                : facade->tev_ash_copy(src.job, dst.job));
         EXPECT_EQ(before, snap(src.auth));
@@ -109,7 +96,7 @@ TEST_F(Copy, RefusedPairsChangeNothing) {
     const job_tree a = tree({0x8, 0x10}, 700), b = tree({0x8}, 800);
     const unsigned int nested = records::make(TEV_ASH_CAT_APLJOB);  // a job below a job
     records::link(b.job, nested);
-    const snapshot before_a = snap(a.auth), before_b = snap(b.auth);
+    const std::string before_a = snap(a.auth), before_b = snap(b.auth);
     const std::string categories = "(get_category) rc:0xc1030008, src_category:",
                       overlap = "(overlapping trees) rc:0xc1030008, src_work_handler_id:";
     const struct {
@@ -139,62 +126,52 @@ TEST_F(Copy, RefusedPairsChangeNothing) {
 // step (in a copy of {8, 0x10, ...} onto {0x10, 8}); "" for the others.
 std::string step_line(bool images, store_op op, unsigned int nth, const job_tree& src,
                       const job_tree& dst) {
-    using S = store_op;
+    using O = store_op;
+    // Work handlers, their parents, second children, the newest record.
+    const std::string S = hex8(src.job), D = hex8(dst.job), s = hex8(src.image),
+                      d = hex8(dst.image), sb = hex8(src.children[1]), db = hex8(dst.children[1]),
+                      N = hex8(tevhost::store_records().back().handler_id), zero = ":00000000";
     const struct {
         bool images;
         store_op op;
         unsigned int nth;
-        const char* line;  // after ":", S D: work handlers, s d: their parents, A B: children,
-                           // N: the newest record
+        std::string line;
     } steps[] = {
-        {false, S::get_job_category_by_id, 1,
-         "get_category) dst_handler_id:D, dst_category:00000000"},
-        {false, S::get_job_category_by_id, 2,
-         "get_category) src_handler_id:S, src_category:00000000"},
-        {true, S::get_child_link_direct, 1, "get_child_id_direct) src_handler_id:s"},
-        {true, S::get_child_link_direct, 2, "get_child_id_direct) dst_handler_id:d"},
-        {false, S::copy_current, 1, "copy_info) src_work_handler_id:S, dst_work_handler_id:D"},
-        {false, S::get_parent_link, 3,
-         "get_parent_id) dst_work_handler_id:D, dst_parent_handler_id:00000000"},
-        {false, S::get_parent_link, 4,
-         "get_parent_id) src_work_handler_id:S, src_parent_handler_id:00000000"},
-        {false, S::copy_current, 2, "copy_info) src_parent_handler_id:s, dst_parent_handler_id:d"},
-        {false, S::get_child_link_num_direct, 1,
-         "get_child_count) dst_work_handler_id:D, dst_child_link_count:00000000"},
-        {false, S::get_child_link_direct, 1, "get_child_id_direct) dst_work_handler_id:D"},
-        {false, S::delete_current, 2, "remove_info) dst_child_handler_id:B"},
-        {false, S::get_child_link_num_direct, 2,
-         "get_child_count) src_work_handler_id:S, src_child_link_count:00000000"},
-        {false, S::get_child_link_direct, 3, "get_child_id_direct) src_work_handler_id:S"},
-        {false, S::get_job_category_by_id, 6,
-         "get_category) src_child_handler_id:B, src_child_category:00000000"},
-        {false, S::make_and_copy_current, 1,
-         "create_info) src_child_category:0X00000008, src_child_handler_id:A"},
-        {false, S::set_link, 2,
-         "set_link) dst_work_handler_id:D, src_child_category:0X00000010, "
-         "dst_copy_child_handler_id:N"},
+        {false, O::get_job_category_by_id, 1,
+         "get_category) dst_handler_id:" + D + ", dst_category" + zero},
+        {false, O::get_job_category_by_id, 2,
+         "get_category) src_handler_id:" + S + ", src_category" + zero},
+        {true, O::get_child_link_direct, 1, "get_child_id_direct) src_handler_id:" + s},
+        {true, O::get_child_link_direct, 2, "get_child_id_direct) dst_handler_id:" + d},
+        {false, O::copy_current, 1,
+         "copy_info) src_work_handler_id:" + S + ", dst_work_handler_id:" + D},
+        {false, O::get_parent_link, 3,
+         "get_parent_id) dst_work_handler_id:" + D + ", dst_parent_handler_id" + zero},
+        {false, O::get_parent_link, 4,
+         "get_parent_id) src_work_handler_id:" + S + ", src_parent_handler_id" + zero},
+        {false, O::copy_current, 2,
+         "copy_info) src_parent_handler_id:" + s + ", dst_parent_handler_id:" + d},
+        {false, O::get_child_link_num_direct, 1,
+         "get_child_count) dst_work_handler_id:" + D + ", dst_child_link_count" + zero},
+        {false, O::get_child_link_direct, 1, "get_child_id_direct) dst_work_handler_id:" + D},
+        {false, O::delete_current, 2, "remove_info) dst_child_handler_id:" + db},
+        {false, O::get_child_link_num_direct, 2,
+         "get_child_count) src_work_handler_id:" + S + ", src_child_link_count" + zero},
+        {false, O::get_child_link_direct, 3, "get_child_id_direct) src_work_handler_id:" + S},
+        {false, O::get_job_category_by_id, 6,
+         "get_category) src_child_handler_id:" + sb + ", src_child_category" + zero},
+        {false, O::make_and_copy_current, 1,
+         "create_info) src_child_category:0X00000008, src_child_handler_id:" +
+             hex8(src.children[0])},
+        {false, O::set_link, 2,
+         "set_link) dst_work_handler_id:" + D +
+             ", src_child_category:0X00000010, dst_copy_child_handler_id:" + N},
     };
-    for (const auto& s : steps) {
-        if (s.images != images || s.op != op || s.nth != nth) continue;
-        std::string want = "tev_ash_control::copy,[Error](";
-        const std::vector<unsigned int>& kids =
-            op == store_op::delete_current ? dst.children : src.children;
-        std::string line = s.line;
-        line.insert(line.find(") ") + 2, "rc:0xc1030001, ");
-        for (const char* f = line.c_str(); *f != '\0'; ++f) {
-            const bool id = f != line.c_str() && f[-1] == ':' && (f[1] == ',' || f[1] == '\0');
-            switch (id ? *f : ' ') {
-                case 'S': want += hex8(src.job); break;
-                case 'D': want += hex8(dst.job); break;
-                case 's': want += hex8(src.image); break;
-                case 'd': want += hex8(dst.image); break;
-                case 'A': want += hex8(kids[0]); break;
-                case 'B': want += hex8(kids[1]); break;
-                case 'N': want += hex8(tevhost::store_records().back().handler_id); break;
-                default: want += *f;
-            }
-        }
-        return want;
+    for (const auto& step : steps) {
+        if (step.images != images || step.op != op || step.nth != nth) continue;
+        std::string line = step.line;
+        return "tev_ash_control::copy,[Error](" +
+               line.insert(line.find(") ") + 2, "rc:0xc1030001, ");
     }
     return "";
 }
@@ -212,7 +189,7 @@ TEST_F(Copy, FaultSweepNeverChangesTheSource) {
             fresh_store store;
             SetUp();
             const job_tree src = tree({0x8, 0x10, 0x8}, 100), dst = tree({0x10, 0x8}, 200);
-            const snapshot before = snap(src.auth);
+            const std::string before = snap(src.auth);
             trace_.clear();
             tevhost::store_log_begin();
             if (n > 0) tevhost::store_fail_nth_call(n);

@@ -2,6 +2,7 @@
 // wire, the connecter's proxy cache and the director manager's routing, with
 // their trace lines and notifications.
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,7 +18,6 @@ namespace {
 
 using namespace velmora;
 using namespace tevtest;
-using lines = std::vector<std::string>;
 
 std::string field(const char* name16) {
     return std::string(name16, 16);
@@ -109,60 +109,56 @@ TEST_F(ObserverProxy, EachNotificationSendsItsRequestAndTakesTheReply) {
     EXPECT_EQ(0, result);
 }
 
-// Each pointer is checked on its own. With empty buffers the host client would
-// take the send, so "nothing sent" shows the proxy's own check (the client
-// refuses a null length by itself).
-TEST_F(ObserverProxy, EachNullPointerOfASendIsReportedAndNothingIsSent) {
-    tev_ash_observer_impl proxy(1, "D");
-    char req[4] = {}, rpl[4] = {};
-    unsigned int empty = 0;
-    const std::string req_line = "tev_ash_observer_impl::send_sync_message,[Error] req_buf is NULL",
-                      rpl_line = "tev_ash_observer_impl::send_sync_message,[Error] rpl_buf is NULL",
-                      len_line = rpl_line.substr(0, rpl_line.size() - 8) + "_len is NULL";
+// Each pointer of a send is checked on its own, and a proxy without a client
+// refuses every notification with 0xC1030008: each refusal leaves its line and
+// notification and sends nothing. (With empty buffers the host client would take
+// the send, so "nothing sent" shows the proxy's own check.)
+TEST_F(ObserverProxy, RefusedSendsAndNotificationsAreReportedAndSendNothing) {
+    tev_ash_observer_impl proxy(1, "D"), unbound;
+    EXPECT_EQ(reinterpret_cast<long>(&unbound), unbound.get_obj_id());
+    char q[4] = {}, r[4] = {};
+    unsigned int empty = 0, handler_id = 33;
+    long result = 0;
+    auto send = [&](tev_ash_observer_impl& p, char* req, char* rpl, unsigned int* len) {
+        return [&p, req, rpl, len] { p.send_sync_message(2, req, 0, rpl, len); };
+    };
+    const std::string s = "send_sync_message,[Error] ", no_client = ",[Error] client_";
     const struct {
-        char *req, *rpl;
-        unsigned int* rpl_len;
-        lines want;
-    } cases[] = {{nullptr, rpl, &empty, {req_line}},
-                 {req, nullptr, &empty, {rpl_line}},
-                 {req, rpl, nullptr, {len_line}},
-                 {nullptr, nullptr, nullptr, {req_line, rpl_line, len_line}}};
+        std::function<void()> call;
+        lines fails;  // trace lines after the file name, without " is NULL"
+    } cases[] = {
+        {send(proxy, nullptr, r, &empty), {s + "req_buf"}},
+        {send(proxy, q, nullptr, &empty), {s + "rpl_buf"}},
+        {send(proxy, q, r, nullptr), {s + "rpl_buf_len"}},
+        {send(proxy, nullptr, nullptr, nullptr), {s + "req_buf", s + "rpl_buf", s + "rpl_buf_len"}},
+        {send(unbound, q, r, &empty), {"send_sync_message" + no_client}},
+        {[&] {
+             unbound.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0,
+                                   result);
+         },
+         {"notify_create" + no_client}},
+        {[&] { unbound.notify_remove(1, result); }, {"notify_remove" + no_client}},
+        {[&] { unbound.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, result); },
+         {"notify_reset" + no_client}},
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.want.back());
+        SCOPED_TRACE(c.fails.back());
         capture_.clear();
-        proxy.send_sync_message(2, c.req, 0, c.rpl, c.rpl_len);
-        EXPECT_EQ(c.want, trace_calls());
-        EXPECT_EQ(lines(c.want.size(), "0xe924 tev_ash_observer_impl::send_sync_message 0,0"),
-                  notifications());
+        result = 0;
+        c.call();
+        lines want, notes;
+        for (const std::string& f : c.fails) {
+            want.push_back("tev_ash_observer_impl::" + f + " is NULL");
+            notes.push_back("0xe924 tev_ash_observer_impl::" + f.substr(0, f.find(',')) + " 0,0");
+        }
+        EXPECT_EQ(want, trace_calls());
+        EXPECT_EQ(notes, notifications());
+        EXPECT_EQ(c.fails[0].find("notify") == 0 ? 0xC1030008L : 0L, result);
         EXPECT_TRUE(spy_.messages().empty());
     }
-    proxy.send_sync_message(2, req, 0, rpl, &empty);  // all given: it goes out
-    EXPECT_EQ(1u, spy_.messages().size());
-}
-
-TEST_F(ObserverProxy, WithoutClientNotificationsSendNothingAndReportBadArgument) {
-    tev_ash_observer_impl proxy;
-    EXPECT_EQ(reinterpret_cast<long>(&proxy), proxy.get_obj_id());
-    unsigned int handler_id = 33;
-    long results[3] = {};
-    proxy.notify_create(TEV_ASH_CAT_AUTH, TEV_ASH_SERVICE_TYPE_NONE, handler_id, 0, results[0]);
-    proxy.notify_remove(1, results[1]);
-    proxy.notify_reset(TEV_ASH_SERVICE_TYPE_NONE, 1, results[2]);
-    EXPECT_EQ((std::vector<long>{0xC1030008L, 0xC1030008L, 0xC1030008L}),
-              std::vector<long>(results, results + 3));
     EXPECT_EQ(33u, handler_id);
-    char buf[4] = {};
-    unsigned int len = 4;
-    proxy.send_sync_message(3, buf, 4, buf, &len);
-    lines want_lines, want_notes;
-    for (const char* f : {"notify_create", "notify_remove", "notify_reset", "send_sync_message"}) {
-        want_lines.push_back(std::string("tev_ash_observer_impl::") + f +
-                             ",[Error] client_ is NULL");
-        want_notes.push_back(std::string("0xe924 tev_ash_observer_impl::") + f + " 0,0");
-    }
-    EXPECT_EQ(want_lines, trace_calls());
-    EXPECT_EQ(want_notes, notifications());
-    EXPECT_TRUE(spy_.messages().empty());
+    proxy.send_sync_message(2, q, 0, r, &empty);  // all given: it goes out
+    EXPECT_EQ(1u, spy_.messages().size());
 }
 
 // ---- Connecter

@@ -18,7 +18,6 @@ namespace {
 
 using namespace velmora;
 using namespace tevtest;
-using lines = std::vector<std::string>;
 
 bytes zeros(std::size_t n) {
     return bytes(n, 0);
@@ -28,18 +27,16 @@ bytes name16(const char* s) {
     for (std::size_t i = 0; i < 16 && s[i] != '\0'; ++i) out[i] = static_cast<unsigned char>(s[i]);
     return out;
 }
-std::string text(const lines& v) {
-    std::string out = "[";
-    for (const std::string& s : v) out += " \"" + s + "\"";
-    return out + " ]";
-}
 
 // ---------------------------------------------------------------------------
 // Start-up. Each scenario runs in a child process whose first call creates the
-// singleton; the child writes each expectation that failed to standard error,
-// which the test shows, and then exits 1.
+// singleton; the child writes its failed expectations to standard error, which
+// the test shows, and exits 1.
 
 void startup_child(int answer_at_check) {
+    const ::testing::TestResult& result =
+        *::testing::UnitTest::GetInstance()->current_test_info()->result();
+    const int earlier = result.total_part_count();
     tevhost::counted_sleep sleeps;
     tevhost::trace_capture trace;
     int checks = 0;
@@ -49,44 +46,30 @@ void startup_child(int answer_at_check) {
     });
     tev_ash_handler_facade* a = tev_ash_handler_facade::tev_ash_handler_get_instance();
     const bool answered = answer_at_check >= 1 && answer_at_check <= 200;
-    const int want_checks = answered ? answer_at_check : 200;
-    const std::vector<int> want_sleeps(answered ? answer_at_check - 1 : 200, 300);
-    const lines got_lines = trace_calls(), got_notes = notifications();
-    std::string failed;
-    auto expect = [&](bool ok, const std::string& what) {
-        if (!ok) failed += "expected " + what + "\n";
-    };
-    expect(a != nullptr && a == tev_ash_handler_facade::tev_ash_handler_get_instance(),
-           "one published instance");
-    expect(checks == want_checks,
-           std::to_string(want_checks) + " checks, made " + std::to_string(checks));
-    expect(sleeps.sleeps() == want_sleeps, std::to_string(want_sleeps.size()) +
-                                               " sleeps of 300, slept " +
-                                               std::to_string(sleeps.sleeps().size()) + " times");
-    expect(got_lines ==
-               (answered ? lines{}
-                         : lines{"tev_ash_handler_facade::initialize_facade,[Error]rc=0xc1030007"}),
-           "other trace lines than " + text(got_lines));
-    expect(got_notes ==
-               (answered ? lines{} : lines{"0xe926 tev_ash_handler_facade::initialize_facade 0,0"}),
-           "other notifications than " + text(got_notes));
+    EXPECT_NE(nullptr, a);
+    EXPECT_EQ(a, tev_ash_handler_facade::tev_ash_handler_get_instance());
+    EXPECT_EQ(answered ? answer_at_check : 200, checks);
+    EXPECT_EQ(std::vector<int>(answered ? answer_at_check - 1 : 200, 300), sleeps.sleeps());
+    EXPECT_EQ(answered ? lines{}
+                       : lines{"tev_ash_handler_facade::initialize_facade,[Error]rc=0xc1030007"},
+              trace_calls());
+    EXPECT_EQ(answered ? lines{} : lines{"0xe926 tev_ash_handler_facade::initialize_facade 0,0"},
+              notifications());
     tevhost::message_spy spy;  // a later request still goes through the client that was made
     a->tev_ash_handler_remove(TEV_ASH_APP_TYPE(1), 2);
-    expect(spy.messages().size() == 1, "the later request sent");
-    std::fputs(failed.c_str(), stderr);
-    std::exit(failed.empty() ? 0 : 1);
+    EXPECT_EQ(1u, spy.messages().size());
+    for (int i = earlier; i < result.total_part_count(); ++i)
+        std::fprintf(stderr, "%s\n", result.GetTestPartResult(i).message());
+    std::exit(result.total_part_count() == earlier ? 0 : 1);
 }
 
-TEST(HandlerFacadeStartup, ServiceAnsweringAtOnceCostsNoSleep) {
-    EXPECT_EXIT(startup_child(1), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(HandlerFacadeStartup, ServiceAnsweringAtTheLastCheckCosts199Sleeps) {
-    EXPECT_EXIT(startup_child(200), ::testing::ExitedWithCode(0), "");
-}
-
-TEST(HandlerFacadeStartup, SilentServiceIsReportedAndTheSingletonStillPublished) {
-    EXPECT_EXIT(startup_child(0), ::testing::ExitedWithCode(0), "");
+// The service answering at once costs no sleep, at the last check 199; a
+// silent one is reported and the singleton still published.
+TEST(HandlerFacadeStartup, WaitsUpTo200ChecksForTheService) {
+    for (const int answer_at_check : {1, 200, 0}) {
+        EXPECT_EXIT(startup_child(answer_at_check), ::testing::ExitedWithCode(0), "")
+            << "service answering at check " << answer_at_check;
+    }
 }
 
 // ---------------------------------------------------------------------------

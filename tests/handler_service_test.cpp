@@ -195,9 +195,34 @@ TEST_F(HandlerService, ConnectersStartFindTheDirectorAndStop) {
     EXPECT_EQ(BAD_ARG, handler()->tev_ash_handler_ctrl_notify_init_end(unknown));
     EXPECT_EQ(BAD_ARG, handler()->tev_ash_handler_ctrl_notify_stop(unknown));
 
+    // Ids of stopped connecters are given out again, the next one first.
     unsigned char second = 0;
     ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_start(second, "APP_CON2"));
     EXPECT_EQ(unknown, second);
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_start(second, "APP_CON2")) << i;
+        ASSERT_EQ(0u, handler()->tev_ash_handler_ctrl_notify_stop(second));
+    }
+}
+
+// A remove takes the record and the whole tree below it, however deep, in one
+// store transaction: a failure half-way keeps every record.
+TEST_F(HandlerService, RemoveTakesTheWholeTreeOrNothing) {
+    const unsigned int other = make_record(TEV_ASH_CAT_AUTH);
+    unsigned int top = make_record(TEV_ASH_CAT_AUTH);
+    for (int depth = 0; depth < 100000; ++depth) {  // built upwards: each link is cheap
+        const unsigned int parent = make_record(TEV_ASH_CAT_AUTH);
+        ASSERT_EQ(0u, store::wud_wud_service_info_set_link(CMP, TEV_ASH_CAT_AUTH, parent,
+                                                           TEV_ASH_CAT_AUTH, top));
+        top = parent;
+    }
+    ASSERT_EQ(0u, store::wud_wud_service_info_set_link(CMP, TEV_ASH_CAT_AUTH, top, TEV_ASH_CAT_AUTH,
+                                                       make_record(TEV_ASH_CAT_AUTH)));
+    tevhost::store_fail_op(tevhost::store_op::delete_current, 50000);
+    EXPECT_EQ(tevhost::STORE_INJECTED, handler()->tev_ash_handler_remove(APP, top));
+    EXPECT_EQ(100003u, record_ids().size());
+    EXPECT_EQ(0u, handler()->tev_ash_handler_remove(APP, top));
+    EXPECT_EQ(std::vector<unsigned int>{other}, record_ids());
 }
 
 // ---- Malformed requests

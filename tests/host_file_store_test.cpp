@@ -2,16 +2,18 @@
 // exit, backups while two processes write, and the files it refuses to open.
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -61,11 +63,9 @@ std::vector<std::string> raw_sql(const std::string& path, const std::string& sql
     return rows;
 }
 
-// Forks a child process that runs `body` and exits 0 when it returned true.
-pid_t spawn(const std::function<bool()>& body) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(body() ? 0 : 1);
-    return pid;
+// A child process that runs `body` and exits 0 when it returned true.
+tevtest::child_process spawn(const std::function<bool()>& body) {
+    return tevtest::child_process([&] { return body() ? 0 : 1; });
 }
 
 // Makes `count` records linked below `root`, each holding its own id in member
@@ -87,11 +87,15 @@ bool write_records(unsigned int root, unsigned int count, int progress = -1) {
 }
 
 // Files of another application, of another record store version (older and
-// newer) and no database at all are refused, left byte for byte as they were.
+// newer), empty files and no database at all are refused, left byte for byte as
+// they were; no store is made through a dangling link.
 TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     const std::string text = dir_.path("notes.txt"), foreign = dir_.path("foreign.db");
     const std::string older = dir_.path("v1.db"), newer = dir_.path("v3.db");
+    const std::string empty = dir_.path("empty.db"), dangling = dir_.path("dangling.db");
     std::ofstream(text) << "not a database at all, but long enough to look like one\n";
+    std::ofstream{empty};
+    ASSERT_EQ(0, symlink(dir_.path("nowhere.db").c_str(), dangling.c_str()));
     ASSERT_THAT(raw_sql(foreign, "CREATE TABLE t(x); INSERT INTO t VALUES(5)"), ElementsAre());
     open();
     store_use_memory();  // closed: the file alone holds the store
@@ -104,6 +108,9 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
         {dir_.path("missing/store.db"), store_access::read_write, "unable to open"},
         {dir_.path("missing.db"), store_access::read_only, "unable to open"},
         {text, store_access::read_write, "not a database"},
+        {empty, store_access::read_write, "not a record store"},
+        {empty, store_access::read_only, "not a record store"},
+        {dangling, store_access::read_write, "symbolic link to a missing file"},
         {foreign, store_access::read_write, "not a record store"},
         {foreign, store_access::read_only, "not a record store"},
         {older, store_access::read_write, "version 1 is not supported"},
@@ -119,6 +126,7 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
         // No log written (a read-only look at a file in WAL mode leaves an empty one).
         EXPECT_EQ("", file_text(file + "-wal")) << file;
     }
+    EXPECT_NE(0, access(dir_.path("nowhere.db").c_str(), F_OK));
     EXPECT_THAT(raw_sql(foreign, "SELECT x FROM t"), ElementsAre("5"));
     EXPECT_THAT(raw_sql(foreign, "PRAGMA journal_mode"), ElementsAre("delete"));
     EXPECT_EQ(1u, store_records().size());
@@ -154,20 +162,18 @@ TEST_F(FileStore, KilledTransactionsLeaveAllOrNothing) {
     for (int round = 0; round < 12; ++round) {
         int progress[2];
         ASSERT_EQ(0, pipe(progress));
-        pid_t pid = spawn([&] {
+        tevtest::child_process writer = spawn([&] {
             if (!store_use_file(path())) return false;
             for (unsigned int g = 1;; ++g) {
                 if (!generation(g) || write(progress[1], "x", 1) != 1) return false;
             }
         });
-        ASSERT_GE(pid, 0);
+        ASSERT_TRUE(writer.started());
         close(progress[1]);
         char bytes[8];
         ssize_t got = read(progress[0], bytes, 1 + round % 8);  // a few commits in
-        kill(pid, SIGKILL);
+        const int status = writer.kill(SIGKILL);
         close(progress[0]);
-        int status = 0;
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
         ASSERT_GE(got, 1) << "the writer stopped early, status " << status;
 
         EXPECT_THAT(raw_sql(path(), "PRAGMA integrity_check"), ElementsAre("ok"));
@@ -226,13 +232,10 @@ TEST_F(FileStore, ExitLeavesTheFileWholeAndBackupsAreConsistent) {
     open();
     const unsigned int root = make(JOB);
     store_use_memory();
-    int status = 0;
-    waitpid(spawn([&] {
-                if (!store_use_file(path()) || !write_records(root, 60)) return false;
-                std::exit(0);  // a normal exit, with its exit handlers
-            }),
-            &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_EQ(0, spawn([&] {
+                     if (!store_use_file(path()) || !write_records(root, 60)) return false;
+                     std::exit(0);  // a normal exit, with its exit handlers
+                 }).wait());
     EXPECT_NE(0, access((path() + "-wal").c_str(), F_OK));
     const std::string copy = dir_.path("copy.db"), backup = dir_.path("backup.db");
     std::ofstream(copy, std::ios::binary) << file_text(path());
@@ -240,9 +243,13 @@ TEST_F(FileStore, ExitLeavesTheFileWholeAndBackupsAreConsistent) {
     EXPECT_EQ(40u, children(root).size());
 
     ASSERT_TRUE(store_use_file(path()));
+    const std::string copy_text = file_text(copy);
+    // A name planted where a copy used to be made first is never written through.
+    ASSERT_EQ(0, symlink(copy.c_str(), (backup + ".part").c_str()));
+    ASSERT_EQ(0, symlink(dir_.path("nowhere.db").c_str(), dir_.path("link.db").c_str()));
     int progress[2];
     ASSERT_EQ(0, pipe(progress));
-    pid_t writer =
+    tevtest::child_process writer =
         spawn([&] { return store_use_file(path()) && write_records(root, 1000000, progress[1]); });
     close(progress[1]);
     char byte = 0;
@@ -250,11 +257,14 @@ TEST_F(FileStore, ExitLeavesTheFileWholeAndBackupsAreConsistent) {
     EXPECT_TRUE(write_records(root, 60));  // two processes writing at once
     std::string error;
     EXPECT_TRUE(store_backup(backup, &error)) << error;
-    kill(writer, SIGKILL);
-    waitpid(writer, nullptr, 0);
+    writer.kill(SIGKILL);
     close(progress[0]);
-    EXPECT_FALSE(store_backup(backup, &error));  // never over an existing file
-    EXPECT_THAT(error, HasSubstr("exists"));
+    for (const std::string& taken : {backup, dir_.path("link.db")}) {
+        EXPECT_FALSE(store_backup(taken, &error));  // never over an existing name
+        EXPECT_THAT(error, HasSubstr("exists"));
+    }
+    EXPECT_NE(0, access(dir_.path("nowhere.db").c_str(), F_OK));
+    EXPECT_EQ(copy_text, file_text(copy));
     store_use_memory();
     EXPECT_FALSE(store_backup(dir_.path("other.db"), &error));
     EXPECT_NE(0, access(dir_.path("other.db").c_str(), F_OK));
@@ -266,6 +276,72 @@ TEST_F(FileStore, ExitLeavesTheFileWholeAndBackupsAreConsistent) {
     EXPECT_EQ(linked.size(), std::set<unsigned int>(linked.begin(), linked.end()).size());
     for (unsigned int id : linked) EXPECT_EQ(id, read_u32(id, 1));
     EXPECT_GT(make(JOB), *std::max_element(linked.begin(), linked.end()));  // ids never reused
+}
+
+// Eight processes opening one brand-new store file at once all open it, whatever
+// the timing: one makes it, the others open that one.
+TEST_F(FileStore, ProcessesCreatingOneStoreAtOnceAllOpenIt) {
+    for (int round = 0; round < 20; ++round) {
+        const std::string file = dir_.path(std::to_string(round) + ".db");
+        int gate[2];
+        ASSERT_EQ(0, pipe(gate));
+        std::vector<tevtest::child_process> openers;
+        for (int p = 0; p < 8; ++p) {
+            openers.push_back(spawn([&] {
+                char byte = 0;
+                unsigned int id = 0;
+                std::string error;
+                close(gate[1]);
+                const bool ok = read(gate[0], &byte, 1) == 0 && store_use_file(file, &error) &&
+                                S::wud_wud_service_info_make_current(CMP, JOB, 0, &id) == 0;
+                std::fprintf(stderr, "%s", error.c_str());
+                store_use_memory();
+                return ok;
+            }));
+        }
+        close(gate[0]);
+        close(gate[1]);  // opens the gate
+        for (tevtest::child_process& opener : openers) EXPECT_EQ(0, opener.wait()) << round;
+        ASSERT_TRUE(store_use_file(file));
+        EXPECT_EQ(8u, store_records().size()) << round;
+    }
+}
+
+// A full disk (here the file size limit of a child process) is said in words
+// with STORE_IO; no new store or backup is left half made, and the store closed
+// after the failure leaves nothing beside it.
+TEST_F(FileStore, DiskFullIsSaidInWordsAndLeavesNothingBehind) {
+    open();
+    const unsigned int job = make(JOB);
+    store_use_memory();
+    EXPECT_EQ(
+        0, spawn([&] {
+               trace_capture trace;
+               std::string made, copied, said;
+               rlimit limit{};
+               if (!store_use_file(path()) || getrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+               signal(SIGXFSZ, SIG_IGN);
+               const rlim_t was = std::exchange(limit.rlim_cur, 16 * 1024);  // below the store
+               setrlimit(RLIMIT_FSIZE, &limit);
+               const bool refused =
+                   !store_use_file(dir_.path("new.db"), &made) &&
+                   !store_backup(dir_.path("copy.db"), &copied) &&
+                   set_member_value(job, {1, member_kind::bytes, 9000,
+                                          std::vector<unsigned char>(9000)}) == STORE_IO;
+               limit.rlim_cur = was;  // room again
+               setrlimit(RLIMIT_FSIZE, &limit);
+               store_use_memory();
+               for (const trace_line& line : trace.lines()) said += line.text;
+               std::fprintf(stderr, "%s\n%s\n%s", made.c_str(), copied.c_str(), said.c_str());
+               return refused &&
+                      said.find("disk full while writing store " + path()) != std::string::npos &&
+                      made.find("disk full while writing store ") == 0 &&
+                      copied.find("disk full while writing backup ") == 0;
+           }).wait());
+    EXPECT_EQ(0, system(("test \"$(ls -A " + dir_.dir() + ")\" = store.db").c_str()));
+    EXPECT_THAT(raw_sql(path(), "PRAGMA integrity_check"), ElementsAre("ok"));
+    open();
+    EXPECT_EQ(JOB, category_of(job));
 }
 
 }  // namespace

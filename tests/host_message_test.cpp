@@ -1,10 +1,11 @@
 // The message service in process and between processes: a child server, each
 // failure result, stale and live sockets, the runtime directory's checks, raw
-// malformed frames, frame and connection bounds, peers of another uid,
-// concurrent senders.
+// malformed frames, frame and connection bounds, deadlines, peers of another
+// uid, concurrent senders.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -41,7 +43,11 @@ using tevtest::join;
 using tevtest::le32;
 using namespace std::chrono_literals;
 
-constexpr long LARGEST_REQUEST = 65536 - 32, LARGEST_REPLY = 65536 - 20;  // a frame's payload
+constexpr long LARGEST_REQUEST = 65536 - 40, LARGEST_REPLY = 65536 - 20;  // a frame's payload
+
+long long monotonic_us() {
+    return std::chrono::steady_clock::now().time_since_epoch() / 1us;
+}
 
 // A served object whose dispatch runs `on_message`.
 class test_facade : public velmora::facade_template {
@@ -66,15 +72,30 @@ void reverse_echo(long func_id, char* buf, unsigned int len, gen_ipc_msghdr hdr)
 
 // Run as a child server when HOST_IPC_TEST_SERVE names a connection: object 1
 // echoes reversed, object 2 writes 'H' to stdout and holds the request until
-// stdin closes, object 3 never answers. Writes 'R' when serving; stops serving
-// and exits when stdin closes.
+// stdin closes, object 3 never answers, object 4 answers "<echoes so far> <its
+// request_deadline_us> " then, when the request names a connection, object 4's
+// reply from there. Writes 'R' when serving; stops serving and exits when stdin
+// closes.
 const bool g_child = [] {
     const char* name = std::getenv("HOST_IPC_TEST_SERVE");
     if (name == nullptr) return false;
     static std::mutex mtx;
     static std::condition_variable cv;
     static bool released = false;
-    static test_facade echo(reverse_echo);
+    static std::atomic<int> echoes{0};
+    static test_facade echo([](long f, char* b, unsigned int n, gen_ipc_msghdr h) {
+        ++echoes;
+        reverse_echo(f, b, n, h);
+    });
+    static test_facade report([](long, char* b, unsigned int n, gen_ipc_msghdr h) {
+        char inner[64] = {};
+        unsigned int len = sizeof inner - 1;
+        velmora::vlq_mc_client client;
+        if (n > 0) client.vlq_mc_send_sync_message(4, 0, nullptr, 0, inner, &len, b);
+        std::string text =
+            std::to_string(echoes) + " " + std::to_string(request_deadline_us()) + " " + inner;
+        gen_ipc_reply(h, text.data(), static_cast<unsigned int>(text.size()));
+    });
     static test_facade silent([](long, char*, unsigned int, gen_ipc_msghdr) {});
     static test_facade hold([](long, char*, unsigned int, gen_ipc_msghdr h) {
         if (::write(1, "H", 1) != 1) _exit(3);
@@ -85,6 +106,7 @@ const bool g_child = [] {
     register_object(name, 1, &echo);
     register_object(name, 2, &hold);
     register_object(name, 3, &silent);
+    register_object(name, 4, &report);
     if (!serve_connection(name) || ::write(1, "R", 1) != 1) _exit(2);
     for (char c; ::read(0, &c, 1) > 0;) continue;
     {
@@ -143,24 +165,27 @@ public:
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
+    void signal(int sig) {  // returns once SIGSTOP has stopped every thread
+        kill(pid_, sig);
+        if (sig == SIGSTOP) waitpid(pid_, nullptr, WUNTRACED);
+    }
 
 private:
     pid_t pid_ = -1;
     int to_ = -1, from_ = -1;
 };
 
-// Sends `request` with a 17-byte buffer filled with 'x'; *reply gets the reply
-// and the byte after it. A failed send must leave the buffer untouched.
+// Sends `request` with a buffer of capacity + 1 bytes filled with 'x'; *reply
+// gets the reply and the byte after it. A failed send must leave the buffer untouched.
 int send(const char* connection, long id, long func, std::string request,
          std::string* reply = nullptr, unsigned int capacity = 16) {
     velmora::vlq_mc_client client;
-    char rpl[17];
-    std::memset(rpl, 'x', sizeof rpl);
+    std::string rpl(capacity + 1, 'x');
     int rc = client.vlq_mc_send_sync_message(id, func, &request[0],
-                                             static_cast<unsigned int>(request.size()), rpl,
+                                             static_cast<unsigned int>(request.size()), &rpl[0],
                                              &capacity, connection);
-    if (reply != nullptr) reply->assign(rpl, rc == MSG_OK ? capacity + 1 : 0);
-    EXPECT_TRUE(rc == MSG_OK || std::string(rpl, sizeof rpl) == std::string(sizeof rpl, 'x'))
+    if (reply != nullptr) reply->assign(rpl, 0, rc == MSG_OK ? capacity + 1 : 0);
+    EXPECT_TRUE(rc == MSG_OK || rpl == std::string(rpl.size(), 'x'))
         << "a failed send wrote into the reply buffer";
     EXPECT_EQ(rc, last_send_status());
     return rc;
@@ -223,37 +248,29 @@ TEST(MessageConcurrency, ConcurrentSendersGetTheirOwnRepliesHereAndFromAChildSer
 }
 
 TEST(MessageConcurrency, UnregisterWaitsForRunningDelivery) {
-    std::mutex mtx;
-    std::condition_variable cv;
-    bool entered = false, release = false, finished = false;
+    std::atomic<int> step{0};  // 1: delivering, 2: released, 3: finished
     test_facade slow([&](long, char*, unsigned int, gen_ipc_msghdr h) {
-        std::unique_lock<std::mutex> lock(mtx);
-        entered = true;
-        cv.notify_all();
-        cv.wait(lock, [&] { return release; });
+        for (step = 1; step != 2;) std::this_thread::yield();
         gen_ipc_reply(h, "", 0);
-        finished = true;
+        step = 3;
     });
     ASSERT_TRUE(register_object("SLOW", 1, &slow));
     std::thread sender([] { EXPECT_EQ(MSG_OK, send("SLOW", 1, 0, "")); });
-    std::unique_lock<std::mutex> lock(mtx);
-    cv.wait(lock, [&] { return entered; });
-    std::thread remover([&] {
-        EXPECT_TRUE(unregister_object("SLOW", 1));
-        std::lock_guard<std::mutex> check(mtx);
-        EXPECT_TRUE(finished);  // the delivery had ended when unregister returned
-    });
-    release = true;
-    cv.notify_all();
-    lock.unlock();
-    remover.join();
+    while (step != 1) std::this_thread::yield();
+    std::thread releaser([&] { std::this_thread::sleep_for(50ms), step = 2; });  // while it waits
+    EXPECT_TRUE(unregister_object("SLOW", 1));
+    EXPECT_EQ(3, step);  // the delivery had ended when unregister returned
+    releaser.join();
     sender.join();
 }
 
 TEST(MessageProcesses, RoundTripsAndEachFailureLeavesTheReplyUntouched) {
     std::string reply;
+    unsigned long long first = 0;
     {
         child_server child("ECHO");
+        EXPECT_TRUE(connection_served("ECHO"));
+        EXPECT_NE(0u, first = served_instance("ECHO"));
         message_spy spy;
         ASSERT_EQ(MSG_OK, send("ECHO", 1, 7, "abc", &reply));
         EXPECT_EQ("cba\x07x", reply);
@@ -278,7 +295,11 @@ TEST(MessageProcesses, RoundTripsAndEachFailureLeavesTheReplyUntouched) {
         EXPECT_EQ(MSG_OK, send("ECHO", 1, 7, "abc", &reply));  // a new connection after it
         child.kill9();  // while idle, leaving its socket file and this thread's connection
     }
+    EXPECT_TRUE(!connection_served("ECHO") && !served_instance("ECHO"));  // its lock left unlocked
     child_server again("ECHO");  // replaces the stale socket, reached through the stale cache
+    EXPECT_TRUE(connection_served("ECHO"));
+    const unsigned long long second = served_instance("ECHO");
+    EXPECT_TRUE(second != 0 && second != first) << second;
     ASSERT_EQ(MSG_OK, send("ECHO", 1, 7, "abc", &reply));
     int held = -1;
     std::thread sender([&] { held = send("ECHO", 2, 0, "abc", &reply); });
@@ -286,6 +307,7 @@ TEST(MessageProcesses, RoundTripsAndEachFailureLeavesTheReplyUntouched) {
     again.kill9();  // while it holds the request: noticed at once, not after 30 s
     sender.join();
     EXPECT_EQ(MSG_PEER_GONE, held);
+    EXPECT_TRUE(send_outcome_unknown(held));
     EXPECT_EQ(MSG_NOT_LISTENING, send("ECHO", 1, 0, "abc", &reply));  // its socket file is left
     EXPECT_EQ(MSG_NOT_LISTENING, send("NOBODY", 1, 0, "abc", &reply));
     EXPECT_STREQ("nothing listening", send_status_text(last_send_status()));
@@ -304,7 +326,7 @@ TEST(MessageProcesses, RepliesUpToTheLargestFrameAreTakenOthersAreBadFrames) {
             bytes in(128);
             EXPECT_LT(0, recv(fd, in.data(), in.size(), 0));
             bytes out = size < 0 ? bytes{'j', 'u', 'n', 'k'}
-                                 : join({le32(0x52564554), le32(1), bytes(&in[12], &in[16]),
+                                 : join({le32(0x52564554), le32(2), bytes(&in[12], &in[16]),
                                          le32(0), le32(size), bytes(size, 'r')});
             ::send(fd, out.data(), out.size(), 0);
             close(fd);
@@ -366,75 +388,173 @@ int raw_connect(const char* name) {
 bytes exchange_frame(int fd, const bytes& frame) {
     ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
     bytes in(128);
-    ssize_t n = recv(fd, in.data(), in.size(), 0);
+    ssize_t n;
+    do {  // a reset reports first, then what was sent before it
+        n = recv(fd, in.data(), in.size(), 0);
+    } while (n < 0 && errno == ECONNRESET);
     in.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return in;
 }
 
-bytes request(uint32_t version, uint32_t kind, uint32_t size_field, const bytes& payload) {
+bytes request(uint32_t version, uint32_t kind, uint32_t size_field, const bytes& payload,
+              long long deadline = 0) {
     return join({le32(0x51564554), le32(version), le32(kind), le32(7), le32(1), le32(5), le32(16),
-                 le32(size_field), payload});
+                 le32(size_field), le32(uint32_t(deadline)), le32(uint32_t(deadline >> 32)),
+                 payload});
 }
 
-// Open descriptors of this process.
-long open_fds() {
+bytes reply_frame(uint32_t status, const bytes& payload) {
+    return join({le32(0x52564554), le32(2), le32(status == MSG_BUSY ? 0 : 7), le32(status),
+                 le32(uint32_t(payload.size())), payload});
+}
+
+// Open descriptors ("fd") or threads ("task") of this process; its resident memory.
+long open_fds(const char* what = "fd") {
     namespace fs = std::filesystem;
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    return std::distance(fs::directory_iterator("/proc/self/" + std::string(what)),
+                         fs::directory_iterator());
+}
+long rss_kib() {
+    long pages = 0, resident = 0;
+    std::sscanf(tevtest::file_text("/proc/self/statm").c_str(), "%ld %ld", &pages, &resident);
+    return resident * sysconf(_SC_PAGESIZE) / 1024;
 }
 
-TEST(MessageProcesses, MalformedFramesAreRefusedOthersStillServed) {
+// Bad frames, each on a connection of its own, are traced as the first with its
+// reason then counts at most once a second, and none is lost. The name's files
+// are gone when it stops being served.
+TEST(MessageProcesses, MalformedFramesAreRefusedAndSummarisedOthersStillServed) {
     test_facade echo(reverse_echo);
     ASSERT_TRUE(register_object("RAW", 1, &echo));
     ASSERT_TRUE(serve_connection("RAW"));
-    const bytes good = request(1, 1, 3, {'a', 'b', 'c'});
-    const bytes answer =
-        join({le32(0x52564554), le32(1), le32(7), le32(0), le32(4), {'c', 'b', 'a', 5}});
+    EXPECT_TRUE(connection_served("RAW"));  // this process's own lock too
+    const bytes good = request(2, 1, 3, {'a', 'b', 'c'});
+    const bytes answer = reply_frame(MSG_OK, {'c', 'b', 'a', 5});
     int kept = raw_connect("RAW");
     ASSERT_LE(0, kept);
     EXPECT_EQ(answer, exchange_frame(kept, good));
-    EXPECT_EQ(join({le32(0x52564554), le32(1), le32(7), le32(0), le32(16), bytes(16, 'a')}),
-              exchange_frame(kept, request(1, 1, LARGEST_REQUEST, bytes(LARGEST_REQUEST, 'a'))));
+    EXPECT_EQ(reply_frame(MSG_OK, bytes(16, 'a')),
+              exchange_frame(kept, request(2, 1, LARGEST_REQUEST, bytes(LARGEST_REQUEST, 'a'))));
     trace_capture trace;
-    struct {
-        const char* what;
-        bytes frame;
-    } cases[] = {
-        {"garbage", {'n', 'o', 't', ' ', 'a', ' ', 'f', 'r', 'a', 'm', 'e'}},
-        {"short", bytes(good.begin(), good.begin() + 20)},
-        {"a byte over", request(1, 1, LARGEST_REQUEST + 1, bytes(LARGEST_REQUEST + 1, 'a'))},
-        {"other version", request(2, 1, 3, {'a', 'b', 'c'})},
-        {"size disagrees", request(1, 1, 9, {'a', 'b', 'c'})},
-        {"unknown kind", request(1, 9, 3, {'a', 'b', 'c'})},
+    const bytes cases[] = {
+        {'n', 'o', 't', ' ', 'a', ' ', 'f', 'r', 'a', 'm', 'e'},
+        bytes(good.begin(), good.begin() + 36),                               // short
+        request(2, 1, LARGEST_REQUEST + 1, bytes(LARGEST_REQUEST + 1, 'a')),  // a byte over
+        request(1, 1, 3, {'a', 'b', 'c'}),                                    // other version
+        request(2, 1, 9, {'a', 'b', 'c'}),                                    // size disagrees
+        request(2, 9, 3, {'a', 'b', 'c'}),                                    // unknown kind
+        request(2, 1, 0, {}, -1),  // deadline out of range
     };
-    for (const auto& c : cases) {
+    for (int i = 0; i < 20 * int(std::size(cases)); ++i) {
         int fd = raw_connect("RAW");
-        EXPECT_EQ(bytes(), exchange_frame(fd, c.frame)) << c.what;
+        EXPECT_EQ(bytes(), exchange_frame(fd, cases[i % std::size(cases)])) << i;
         close(fd);
     }
-    EXPECT_EQ(std::size(cases), trace.lines().size());
     EXPECT_EQ(answer, exchange_frame(kept, good));  // still serving the others
     close(kept);
-    EXPECT_TRUE(stop_serving("RAW"));
+    EXPECT_TRUE(stop_serving("RAW"));  // traces the count not traced yet
+    EXPECT_FALSE(connection_served("RAW"));
+    for (const char* file : {"RAW.sock", "RAW.lock"})
+        EXPECT_NE(0, access(g_dir.path(file).c_str(), F_OK));
+    const auto lines = trace.lines();
+    ASSERT_TRUE(lines.size() >= 2 && lines.size() <= 7) << lines.size();  // one more a second
+    EXPECT_NE(std::string::npos, lines[0].text.find("refused a frame from pid")) << lines[0].text;
+    size_t counted = 1, n = 0, pid = 0;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        const char* format = "host ipc: RAW: %zu bad frames from pid %zu (last: ";
+        EXPECT_EQ(2, std::sscanf(lines[i].text.c_str(), format, &n, &pid)) << lines[i].text;
+        EXPECT_EQ(size_t(getpid()), pid);
+        counted += n;
+    }
+    EXPECT_EQ(20 * std::size(cases), counted);
     EXPECT_TRUE(unregister_object("RAW", 1));
 }
 
-// 128 connections are served, the 129th is closed; each releases its thread and
-// descriptor as it ends, not when another connection comes.
-TEST(MessageProcesses, ServesAtMost128ConnectionsPerNameAndReleasesEachAsItEnds) {
-    ASSERT_TRUE(serve_connection("BOUND"));  // nothing registered: requests get MSG_NO_OBJECT
-    const long serving = open_fds();
-    const bytes ask = request(1, 1, 0, {});
-    std::vector<int> open;
-    for (int i = 0; i < 128; ++i) {
-        open.push_back(raw_connect("BOUND"));
-        ASSERT_EQ(20u, exchange_frame(open.back(), ask).size()) << "connection " << i;
+// A process of its own that opens `n` connections to BOUND and asks once on
+// each; holds them open until `hold` reads end of input. 'S' when all were
+// served, 'B' when the first was refused as busy.
+char peer_process(int n, int hold[2], std::vector<pid_t>* peers) {
+    const bytes ask = request(2, 1, 0, {}), busy = reply_frame(MSG_BUSY, {});
+    int report[2];
+    char result = 'S';
+    if (pipe(report) != 0) return 0;
+    peers->push_back(fork());
+    if (peers->back() == 0) {
+        close(hold[1]);
+        for (int i = 0; i < n && result == 'S'; ++i) {
+            bytes in = exchange_frame(raw_connect("BOUND"), ask);
+            if (in == busy || in.size() != 20) result = in == busy && i == 0 ? 'B' : 'X';
+        }
+        _exit(write(report[1], &result, 1) == 1 && read(hold[0], &result, 1) == 0 ? 0 : 1);
     }
-    EXPECT_EQ(MSG_PEER_GONE, send("BOUND", 1, 0, "abc"));
+    close(report[1]);
+    if (read(report[0], &result, 1) != 1) result = 0;
+    close(report[0]);
+    return result;
+}
+
+// 64 connections from one process are served, the 65th refused while other
+// processes are served; 1024 in all, then any other process is refused. Idle
+// connections cost neither a thread nor a frame buffer each, and each releases
+// its descriptor as it ends.
+TEST(MessageProcesses, ConnectionsAreBoundedPerPeerAndInTotalAndIdleOnesAreCheap) {
+    rlimit fds{};
+    getrlimit(RLIMIT_NOFILE, &fds);
+    fds.rlim_cur = std::min<rlim_t>(fds.rlim_max, 4096);
+    if (setrlimit(RLIMIT_NOFILE, &fds) != 0 || fds.rlim_cur < 2 * MAX_CONNECTIONS + 100) {
+        GTEST_SKIP() << "needs " << 2 * MAX_CONNECTIONS + 100 << " descriptors";
+    }
+    ASSERT_TRUE(serve_connection("BOUND"));  // nothing registered: requests get MSG_NO_OBJECT
+    const long serving = open_fds(), rss = rss_kib(), serving_threads = open_fds("task");
+    std::vector<int> open;
+    for (int i = 0; i < MAX_PEER_CONNECTIONS; ++i) {
+        open.push_back(raw_connect("BOUND"));
+        ASSERT_EQ(20u, exchange_frame(open.back(), request(2, 1, 0, {})).size()) << i;
+    }
+    EXPECT_EQ(MSG_BUSY, send("BOUND", 1, 0, "abc"));
+    int hold[2];
+    ASSERT_EQ(0, pipe(hold));
+    std::vector<pid_t> peers;
+    for (int i = 1; i < MAX_CONNECTIONS / MAX_PEER_CONNECTIONS; ++i)
+        ASSERT_EQ('S', peer_process(MAX_PEER_CONNECTIONS, hold, &peers)) << "process " << i;
+    EXPECT_LT((rss_kib() - rss) * 1024 / MAX_CONNECTIONS, 32 * 1024) << "bytes per connection";
+    EXPECT_LE(open_fds("task") - serving_threads, 8);  // a few workers kept idle, no thread each
+    EXPECT_EQ('B', peer_process(1, hold, &peers)) << "one connection over the total";
+    for (int fd : hold) close(fd);
+    for (pid_t pid : peers) waitpid(pid, nullptr, 0);
     for (int fd : open) close(fd);
     for (int i = 0; i < 1000 && open_fds() != serving; ++i) std::this_thread::sleep_for(10ms);
     EXPECT_EQ(serving, open_fds());
     EXPECT_EQ(MSG_NO_OBJECT, send("BOUND", 1, 0, "abc"));  // served again
     EXPECT_TRUE(stop_serving("BOUND"));
+}
+
+// Each hop's deadline is earlier than its caller's; a request read after its
+// deadline (its server was stopped meanwhile) is answered without dispatch.
+TEST(MessageProcesses, DeadlinesShrinkAtEachHopAndAnExpiredRequestIsNotDispatched) {
+    child_server outer("HOPA"), inner("HOPB");
+    set_message_timeout_ms(2000);
+    const long long before = monotonic_us();
+    std::string reply;
+    ASSERT_EQ(MSG_OK, send("HOPA", 4, 0, std::string("HOPB", 5), &reply, 64));
+    set_message_timeout_ms(0);
+    long long outer_deadline = 0, inner_deadline = 0;
+    ASSERT_EQ(2, std::sscanf(reply.c_str(), "%*d %lld %*d %lld", &outer_deadline, &inner_deadline))
+        << reply;
+    EXPECT_TRUE(before + 2000000 <= outer_deadline && outer_deadline <= monotonic_us() + 2000000);
+    EXPECT_TRUE(inner_deadline < outer_deadline && outer_deadline - inner_deadline <= 500000);
+    int fd = raw_connect("HOPB");
+    inner.signal(SIGSTOP);  // the request waits, unread, past its deadline
+    std::thread resume([&] {
+        std::this_thread::sleep_for(100ms);
+        inner.signal(SIGCONT);
+    });
+    EXPECT_EQ(reply_frame(MSG_EXPIRED, {}),
+              exchange_frame(fd, request(2, 1, 0, {}, monotonic_us() + 20000)));
+    resume.join();
+    close(fd);
+    EXPECT_EQ(MSG_OK, send("HOPB", 4, 0, "", &reply, 64));
+    EXPECT_EQ(0, std::atoi(reply.c_str())) << "echoes dispatched";
 }
 
 TEST(MessageProcesses, APeerOfAnotherUidIsRefused) {
@@ -450,7 +570,7 @@ TEST(MessageProcesses, APeerOfAnotherUidIsRefused) {
     if (pid == 0) {
         if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
         int fd = raw_connect("RAW");
-        _exit(fd >= 0 && exchange_frame(fd, request(1, 1, 0, {})).empty() ? 0
+        _exit(fd >= 0 && exchange_frame(fd, request(2, 1, 0, {})).empty() ? 0
                                                                           : 1);  // closed at once
     }
     int status = -1;

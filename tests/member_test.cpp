@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tev_ash_control.h"
-#include "tev_ash_facade.h"
 #include "tev_test_support.h"
 
 namespace {
@@ -17,7 +15,6 @@ using namespace velmora;
 using namespace tevtest;
 using tevhost::member_kind;
 using tevhost::store_op;
-using lines = std::vector<std::string>;
 
 // Member ids of the built-in table, one per category used here.
 constexpr unsigned int JOB_MEMBER = 0x00360000;     // APLJOB
@@ -43,7 +40,6 @@ protected:
                ", handler_id_category:" + std::to_string(hc) +
                ", member_category:" + std::to_string(mc);
     }
-    tev_ash_control control;
     unsigned int target = 0;
 };
 
@@ -137,7 +133,6 @@ protected:
         tevhost::declare_member(JOBSET_MEMBER, member_kind::i32);
         tevhost::declare_member(AUTH_MEMBER, member_kind::u32);
     }
-    tev_ash_facade* facade = tev_ash_facade::tev_ash_get_instance();
     job_tree t = make_job_tree({0x8, 0x8});
 };
 

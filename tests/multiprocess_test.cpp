@@ -21,6 +21,7 @@
 #include "host/tev_host_testing.h"
 #include "processes.h"
 #include "tev_ash_facade.h"
+#include "tev_ash_handler_facade.h"
 #include "tev_ash_observer_impl.h"
 #include "tev_test_support.h"
 #include "vlq_mc_client.h"
@@ -50,9 +51,9 @@ std::string message_line(long func_id, const unsigned char* request, std::size_t
 }
 
 // The sample director as this program runs it in a director process: with
-// TEVASH_TEST_DIRECTOR_HOLD set it holds every create for a minute after writing
-// "holding create"; TEVASH_TEST_DIRECTOR_DUMP=<file> gets a message_line for
-// every notification received.
+// TEVASH_TEST_DIRECTOR_HOLD=<ms> it makes the record of every create, then holds
+// it uncommitted that long after writing "holding create";
+// TEVASH_TEST_DIRECTOR_DUMP=<file> gets a message_line for every notification.
 class test_director : public tevash_tools::sample_director {
 public:
     using sample_director::sample_director;
@@ -68,11 +69,11 @@ public:
     void notify_create(TEV_ASH_CATEGORY category, TEV_ASH_SERVICE_TYPE service_type,
                        unsigned int& handler_id, unsigned int src_handler_id,
                        long& result) override {
-        if (std::getenv("TEVASH_TEST_DIRECTOR_HOLD") != nullptr) {
-            std::fputs("holding create\n", stderr);  // unbuffered
-            std::this_thread::sleep_for(std::chrono::minutes(1));
-        }
         sample_director::notify_create(category, service_type, handler_id, src_handler_id, result);
+        if (const char* hold = std::getenv("TEVASH_TEST_DIRECTOR_HOLD")) {
+            std::fputs("holding create\n", stderr);  // unbuffered
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(hold)));
+        }
     }
 };
 
@@ -81,7 +82,9 @@ public:
 TEST(MultiProcessDirector, ServesWhenStartedAsDirector) {
     const char* app_type = std::getenv("TEVASH_TEST_DIRECTOR");
     if (app_type == nullptr) GTEST_SKIP() << "only as a started director";
-    EXPECT_EQ(0, tevash_tools::run_director(std::atoi(app_type), "", {}, [](const char* name) {
+    tevash_tools::process_options opt;
+    opt.json = true;
+    EXPECT_EQ(0, tevash_tools::run_director(std::atoi(app_type), "", opt, [](const char* name) {
                   return std::make_unique<test_director>(name);
               }));
 }
@@ -89,7 +92,20 @@ TEST(MultiProcessDirector, ServesWhenStartedAsDirector) {
 struct process {
     tevtest::child_process child;
     std::string log;  // its standard output and error
+    pid_t pid = 0;    // a director's, from its ready line
 };
+
+// Milliseconds until `done()` holds, polled; -1 when it did not within `limit`.
+template <typename Done>
+long long ms_until(Done&& done, std::chrono::milliseconds limit = 10s) {
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        const auto spent = std::chrono::steady_clock::now() - start;
+        if (done()) return std::chrono::duration_cast<std::chrono::milliseconds>(spent).count();
+        if (spent > limit) return -1;
+        std::this_thread::sleep_for(5ms);
+    }
+}
 
 // Every process of one test, on one private runtime directory.
 class MultiProcess : public ::testing::Test {
@@ -108,8 +124,8 @@ protected:
     process start(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                   bool ready = true, bool self = false) {
         tevtest::child_options opt;
-        opt.env = env_;
-        opt.env.insert(opt.env.end(), env.begin(), env.end());
+        opt.env = env;  // first: these win
+        opt.env.insert(opt.env.end(), env_.begin(), env_.end());
         opt.log = dir_.path("log" + std::to_string(++logs_));
         std::vector<std::string> argv{self ? "/proc/self/exe" : TEVASH_CLI_PATH};
         argv.insert(argv.end(), args.begin(), args.end());
@@ -120,11 +136,20 @@ protected:
         return p;
     }
     // `tevash director`, or with `env` settings of test_director this program
-    // running one.
+    // running one; its pid from its JSON ready line.
     process director(int app_type, std::vector<std::string> env = {}) {
-        if (env.empty()) return start({"director", "--app-type", std::to_string(app_type)});
-        env.push_back("TEVASH_TEST_DIRECTOR=" + std::to_string(app_type));
-        return start({"--gtest_filter=MultiProcessDirector.*"}, env, true, true);
+        process p;
+        if (env.empty()) {
+            p = start({"director", "--app-type", std::to_string(app_type), "--json"}, {}, false);
+        } else {
+            env.push_back("TEVASH_TEST_DIRECTOR=" + std::to_string(app_type));
+            p = start({"--gtest_filter=MultiProcessDirector.*"}, env, false, true);
+        }
+        EXPECT_TRUE(wait_for(p, "{\"ready\":true,\"pid\":")) << tevtest::file_text(p.log);
+        const std::string log = tevtest::file_text(p.log);
+        const std::size_t at = log.find("\"pid\":");
+        if (at != std::string::npos) p.pid = std::atoi(log.c_str() + at + 6);
+        return p;
     }
 
     // Waits until the log holds `text`; false when the process ended first.
@@ -247,38 +272,109 @@ TEST_F(MultiProcess, HandlerLifeThroughServiceAndDirectorProcesses) {
     EXPECT_EQ(in_process_notifications(job, copy), received);
 }
 
-// A director killed while it holds a request: the application hears of it at
-// once, the service serves on, the store is sound and the director comes back.
-TEST_F(MultiProcess, DirectorKilledWhileHoldingARequest) {
-    process held = director(2, {"TEVASH_TEST_DIRECTOR_HOLD=1"});
+// A director killed, or asked to stop, while it holds a create it has made but
+// not committed: the application hears at once that the outcome is unknown, the
+// record is not kept, the registration is withdrawn (a stopping director exits
+// within its bound all the same), the service serves on and the store is sound.
+TEST_F(MultiProcess, DirectorKilledOrStoppedWhileHoldingARequest) {
     extra_ = director(3);
     use_shared_store();
-    unsigned int id = 7;
-    auto pending = std::async(std::launch::async, [&] { return create(2, &id); });
-    ASSERT_TRUE(wait_for(held, "holding create"));
-    stop(held, SIGKILL, -1);
-    ASSERT_EQ(std::future_status::ready, pending.wait_for(120s));
-    EXPECT_EQ(tevhost::HOST_DIRECTOR_UNREACHABLE, pending.get());
-    EXPECT_EQ(0u, id);
-    EXPECT_EQ(tevhost::MSG_OK, tevhost::last_send_status());  // the service itself answered
-    EXPECT_EQ(NO_OBSERVER, create(2, &id));
-    EXPECT_EQ(0u, create(3, &id));
-    EXPECT_EQ("ok", integrity());
-
-    held = director(2);
+    for (int sig : {SIGKILL, SIGTERM}) {
+        process held = director(2, {"TEVASH_TEST_DIRECTOR_HOLD=60000"});
+        const std::size_t records = tevhost::store_records().size();
+        unsigned int id = 7;
+        auto pending = std::async(std::launch::async, [&] { return create(2, &id); });
+        ASSERT_TRUE(wait_for(held, "holding create"));
+        const auto signalled = std::chrono::steady_clock::now();
+        stop(held, sig, sig == SIGKILL ? -1 : 0);
+        const auto exit_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - signalled);
+        std::printf("signal %d: the holding director exited in %lld ms\n", sig,
+                    static_cast<long long>(exit_ms.count()));
+        EXPECT_LT(exit_ms, 20s);
+        ASSERT_EQ(std::future_status::ready, pending.wait_for(120s));
+        EXPECT_EQ(tevhost::HOST_OUTCOME_UNKNOWN, pending.get());
+        EXPECT_EQ(0u, id);
+        EXPECT_EQ(tevhost::MSG_OK, tevhost::last_send_status());  // the service itself answered
+        EXPECT_EQ(records, tevhost::store_records().size());
+        EXPECT_LE(0, ms_until([&] { return create(2, &id) == NO_OBSERVER; }, 2s));
+        EXPECT_EQ(0u, create(3, &id));
+        EXPECT_EQ("ok", integrity());
+    }
+    // Killed while idle: withdrawn by the service's watcher, not by a request
+    // (asking a connecter's question sends nothing to the director).
+    process idle = director(2);
+    auto* handler = tev_ash_handler_facade::tev_ash_handler_get_instance();
+    unsigned char conn = 0;
+    ASSERT_EQ(0u, handler->tev_ash_handler_ctrl_notify_start(conn, "TEST_CON"));
+    long obj = 0;
+    char name[TEV_ASH_CONNECTION_NAME_LEN + 1] = {};
+    ASSERT_EQ(0u, handler->tev_ash_handler_ctrl_get_director_observer(conn, app(2), obj, name));
+    stop(idle, SIGKILL, -1);
+    const long long withdrawn_ms = ms_until(
+        [&] {
+            return handler->tev_ash_handler_ctrl_get_director_observer(conn, app(2), obj, name) ==
+                   NO_OBSERVER;
+        },
+        2s);
+    std::printf("a killed idle director was withdrawn after %lld ms\n", withdrawn_ms);
+    EXPECT_LE(0, withdrawn_ms);
+    idle = director(2);
+    unsigned int id = 0;
     EXPECT_EQ(0u, create(2, &id));
-    // Killed while idle and restarted before any request: the stale
-    // registration gives way.
-    stop(extra_, SIGKILL, -1);
-    extra_ = director(3);
-    EXPECT_EQ(0u, create(3, &id));
-    stop(held, SIGTERM, 0);
-    EXPECT_EQ(NO_OBSERVER, create(2, &id));
+
+    // Connecters of processes that ended without stopping give their ids back:
+    // more such processes than there are ids all get one.
+    for (unsigned int i = 0; i < 300; ++i) {
+        tevtest::child_process started([&] {
+            unsigned char mine = 0;
+            return handler->tev_ash_handler_ctrl_notify_start(mine, "GONE_CON") == 0 ? 0 : 1;
+        });
+        ASSERT_EQ(0, started.wait()) << "connecter start " << i;
+    }
+}
+
+// A stopped director (SIGSTOP): the create it holds is answered within the
+// service's message timeout, as of unknown outcome (or expired); later creates
+// at once as "director not answering". Continued, it has carried out none of
+// them, and it answers again. A director slower than the service's timeout
+// rolls its work back.
+TEST_F(MultiProcess, StoppedDirectorIsAnsweredForAndCarriesOutNothingLate) {
+    stop(serve_, SIGTERM, 0);
+    serve_ = start({"serve"}, {"TEVASH_HOST_IPC_TIMEOUT_MS=2000"});
+    extra_ = director(1, {"TEVASH_HOST_IPC_TIMEOUT_MS=2000"});
+    use_shared_store();
+    unsigned int id = 0;
+    ASSERT_EQ(0u, create(1, &id));
+    ASSERT_EQ(0, ::kill(extra_.pid, SIGSTOP));
+    auto started = std::chrono::steady_clock::now();
+    const unsigned int first = create(1, &id);
+    EXPECT_TRUE(first == tevhost::HOST_OUTCOME_UNKNOWN ||
+                first == tevhost::HOST_DIRECTOR_UNREACHABLE)
+        << std::hex << first;
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 20s);
+    started = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(tevhost::HOST_DIRECTOR_UNRESPONSIVE, create(1, &id));
+    const auto fast = std::chrono::steady_clock::now() - started;
+    std::printf("3 creates for a stopped director answered in %lld ms\n",
+                static_cast<long long>(
+                    std::chrono::duration_cast<std::chrono::milliseconds>(fast).count()));
+    EXPECT_LT(fast, 1900ms);  // none waited for the service's 2 s timeout
+    ASSERT_EQ(0, ::kill(extra_.pid, SIGCONT));
+    EXPECT_LE(0, ms_until([&] { return create(1, &id) == 0; }));
+    stop(extra_, SIGTERM, 0);
+    EXPECT_EQ(2u, tevhost::store_records().size());
+
+    extra_ = director(1, {"TEVASH_TEST_DIRECTOR_HOLD=2500", "TEVASH_HOST_TRACE=stderr"});
+    EXPECT_EQ(tevhost::HOST_OUTCOME_UNKNOWN, create(1, &id));
+    EXPECT_TRUE(wait_for(extra_, "rolled back")) << tevtest::file_text(extra_.log);
+    EXPECT_EQ(2u, tevhost::store_records().size());
 }
 
 // The service killed: nothing listens, applications and commands say so in
 // words; a new service replaces the stale socket, a second one is refused.
 TEST_F(MultiProcess, ServiceKilledAndReplaced) {
+    extra_ = director(1);
     stop(serve_, SIGKILL, -1);
     char request[16] = {}, reply[8] = {1};
     unsigned int len = sizeof reply;
@@ -294,11 +390,16 @@ TEST_F(MultiProcess, ServiceKilledAndReplaced) {
         EXPECT_NE(std::string::npos, r.second.find("handler service not reachable")) << r.second;
     }
 
+    // A new service: the running director registers with it by itself.
     serve_ = start({"serve"});
+    unsigned int id = 0;
+    const long long registered_ms = ms_until([&] { return create(1, &id) == 0; });
+    std::printf("the director answered the new service after %lld ms\n", registered_ms);
+    EXPECT_LE(0, registered_ms);
+    EXPECT_TRUE(wait_for(extra_, "registered again"));
     auto second = run({"serve", "--json"});
     EXPECT_EQ(1, second.first);
     EXPECT_NE(std::string::npos, second.second.find("TEV_ASH_SRV")) << second.second;
-    extra_ = director(1);
     auto created = run({"--runtime-dir", dir_.dir(), "create", "APLJOB"});
     EXPECT_EQ(0, created.first) << created.second;
     // A type without a director: the library's answer, in words, not success.

@@ -1,5 +1,6 @@
 // Opening the persistent record store: what a file is (classify), making a new
-// file a record store, opening read-only, and the online backup. Each function
+// record store file, opening read-only, and the online backup. New files are
+// made beside their name and linked into place (safe_file.h). Each function
 // works on a connection of its own (or one its caller keeps to itself), so any
 // thread may open a store.
 #include <sqlite3.h>
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "file_store.h"
+#include "safe_file.h"
 #include "sqlite_db.h"
 
 namespace tevhost {
@@ -49,31 +51,14 @@ file_kind classify(sqlite3* db, std::string* error) {
     return file_kind::ours;
 }
 
-// Makes the file a record store unless another process did so meanwhile.
-bool create_schema(sqlite3* db, std::string* error) {
-    if (!exec(db, "BEGIN IMMEDIATE", error)) return false;
-    bool ok = true;
-    switch (classify(db, error)) {
-        case file_kind::ours: break;
-        case file_kind::foreign:
-        case file_kind::unreadable: ok = false; break;
-        case file_kind::empty:
-            ok = exec(db, kCreateSchema, error) &&
-                 exec(db, "PRAGMA user_version = " + std::to_string(kSchemaVersion), error) &&
-                 exec(db, "PRAGMA application_id = " + std::to_string(kApplicationId), error);
-            break;
-    }
-    if (ok) ok = exec(db, "COMMIT", error);
-    if (!ok && !sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    return ok;
-}
-
+// Readies an open connection to an existing file, which must be a record store
+// of this version (nothing is written to any other file).
 bool prepare_file(sqlite3* db, std::string* error) {
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
-    // Look before changing anything: a file of another kind is left as it is.
     const file_kind kind = classify(db, error);
-    if (kind == file_kind::foreign || kind == file_kind::unreadable) return false;
+    if (kind == file_kind::empty) *error = "not a record store file";
+    if (kind != file_kind::ours) return false;
     std::string mode;
     if (!pragma_text(db, "PRAGMA journal_mode = WAL", &mode)) {
         *error = sqlite3_errmsg(db);
@@ -88,7 +73,55 @@ bool prepare_file(sqlite3* db, std::string* error) {
     // A page cache of up to 32 MiB keeps the indexes of a job with 100k children
     // in memory through a command (SQLite's default is 2 MiB).
     return exec(db, "PRAGMA synchronous = NORMAL", error) &&
-           exec(db, "PRAGMA cache_size = -32768", error) && create_schema(db, error);
+           exec(db, "PRAGMA cache_size = -32768", error);
+}
+
+// Opens the temporary `file` with SQLite (never through a symbolic link, and
+// only while its name is still that file's); null with *error set otherwise.
+sqlite3* open_new_file(const new_file& file, const std::string& what, std::string* error) {
+    sqlite3* db = nullptr;
+    const int rc = sqlite3_open_v2(
+        file.temp_path().c_str(), &db,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc == SQLITE_OK && file.still_named()) {
+        sqlite3_extended_result_codes(db, 1);
+        return db;
+    }
+    *error = rc == SQLITE_OK ? "the new file for " + what + " was replaced" : failure(db, rc, what);
+    sqlite3_close(db);
+    return nullptr;
+}
+
+// Makes a record store at `path`, where there was no file: the store is made
+// whole in a temporary beside it and linked into place, so no process ever sees
+// it half made. True also when another process placed one there first (open
+// that one); false with *error set when it cannot.
+bool create_store(const std::string& path, std::string* error) {
+    const std::string what = "store " + path;
+    new_file file(path);
+    sqlite3* db = file.ok() ? open_new_file(file, what, error) : nullptr;
+    if (db == nullptr) {
+        if (!file.ok()) *error = file.error();
+        return false;
+    }
+    const std::string schema = std::string("BEGIN;") + kCreateSchema +
+                               "PRAGMA user_version = " + std::to_string(kSchemaVersion) +
+                               "; PRAGMA application_id = " + std::to_string(kApplicationId) +
+                               "; COMMIT";
+    std::string mode;
+    long long busy = 1;
+    // Made in WAL mode and checkpointed, so the file alone holds it all.
+    bool ok = pragma_text(db, "PRAGMA journal_mode = WAL", &mode) && mode == "wal" &&
+              sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK &&
+              pragma_int(db, "PRAGMA wal_checkpoint(TRUNCATE)", &busy) && busy == 0;
+    if (!ok) *error = failure(db, sqlite3_extended_errcode(db), what);
+    if (sqlite3_close(db) != SQLITE_OK && ok) {
+        ok = false;
+        *error = "cannot close the new " + what;
+    }
+    if (!ok) return false;
+    const int placed = file.place(error);
+    return placed == 0 || placed == EEXIST;
 }
 
 // `path` as an SQLite URI (file:...), for opening with parameters.
@@ -149,76 +182,84 @@ bool writable(const std::string& path) {
     return access(path.c_str(), W_OK) == 0 || errno == ENOENT;
 }
 
+// Opens an existing file (never creating one) as a record store to write.
+std::unique_ptr<store_backend> open_read_write(const std::string& path, std::string* error) {
+    sqlite3* db = nullptr;
+    const int rc =
+        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) {
+        *error = describe(db, rc);
+    } else if (sqlite3_db_readonly(db, "main") == 1) {
+        sqlite3_close(db);
+        return open_read_only(path, error);
+    } else if (prepare_file(db, error)) {
+        return file_backend_on(db, false);
+    }
+    sqlite3_close(db);
+    return nullptr;
+}
+
 }  // namespace
 
 std::unique_ptr<store_backend> make_file_backend(const std::string& path, std::string* error,
                                                  bool read_only) {
     std::string reason;
+    std::unique_ptr<store_backend> opened;
     if (path.empty()) {
         reason = "empty path";
     } else if (read_only || !writable(path)) {
-        std::unique_ptr<store_backend> opened = open_read_only(path, &reason);
-        if (opened) return opened;
+        opened = open_read_only(path, &reason);
     } else {
-        sqlite3* db = nullptr;
-        const int rc = sqlite3_open_v2(
-            path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-            nullptr);
-        if (rc != SQLITE_OK) {
-            reason = describe(db, rc);
-        } else if (sqlite3_db_readonly(db, "main") == 1) {
-            sqlite3_close(db);
-            db = nullptr;
-            std::unique_ptr<store_backend> opened = open_read_only(path, &reason);
-            if (opened) return opened;
-        } else if (prepare_file(db, &reason)) {
-            return file_backend_on(db, false);
+        // A missing file is made a store first, unless its name is a dangling link.
+        reason = dangling_link(path);
+        struct stat st;
+        const bool missing = lstat(path.c_str(), &st) != 0 && errno == ENOENT;
+        if (reason.empty() && (!missing || create_store(path, &reason))) {
+            opened = open_read_write(path, &reason);
         }
-        sqlite3_close(db);
     }
-    if (error != nullptr) *error = reason;
-    return nullptr;
+    if (!opened && error != nullptr) *error = reason;
+    return opened;
 }
 
 // SQLite's online backup, in one step: it reads one snapshot (other processes
-// go on writing meanwhile) into a new file beside the target, which is renamed
+// go on writing meanwhile) into a new file beside the target, which is linked
 // into place once complete.
 bool backup_database(sqlite3* db, const std::string& path, std::string* error) {
     struct stat st;
-    if (path.empty() || stat(path.c_str(), &st) == 0) {
+    if (path.empty() || lstat(path.c_str(), &st) == 0) {
         *error = path.empty() ? "empty path" : path + " exists; name a new file";
         return false;
     }
-    const std::string part = path + ".part";
-    sqlite3* dst = nullptr;
-    int rc = sqlite3_open_v2(
-        part.c_str(), &dst,
-        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE | SQLITE_OPEN_NOMUTEX,
-        nullptr);
-    if (rc == SQLITE_OK) {
-        sqlite3_backup* b = sqlite3_backup_init(dst, "main", db, "main");
-        if (b == nullptr) {
-            rc = sqlite3_errcode(dst);
-        } else {
-            rc = sqlite3_backup_step(b, -1);
-            rc = rc == SQLITE_DONE ? sqlite3_backup_finish(b) : (sqlite3_backup_finish(b), rc);
-        }
+    const std::string what = "backup " + path;
+    new_file file(path);
+    sqlite3* dst = file.ok() ? open_new_file(file, what, error) : nullptr;
+    if (dst == nullptr) {
+        if (!file.ok()) *error = file.error();
+        return false;
+    }
+    int rc = SQLITE_OK;
+    sqlite3_backup* b = sqlite3_backup_init(dst, "main", db, "main");
+    if (b == nullptr) {
+        rc = sqlite3_extended_errcode(dst);
+    } else {
+        rc = sqlite3_backup_step(b, -1);
+        rc = rc == SQLITE_DONE ? sqlite3_backup_finish(b) : (sqlite3_backup_finish(b), rc);
     }
     if (rc == SQLITE_OK) {
         // The copy is left as one file in the ordinary journal mode.
         rc = sqlite3_exec(dst, "PRAGMA journal_mode = DELETE", nullptr, nullptr, nullptr);
     }
-    std::string reason = rc == SQLITE_OK ? "" : describe(dst, rc);
+    std::string reason = rc == SQLITE_OK ? "" : failure(dst, rc, what);
     if (sqlite3_close(dst) != SQLITE_OK && rc == SQLITE_OK) {
         rc = SQLITE_ERROR;
         reason = "cannot close the copy";
     }
-    if (rc == SQLITE_OK && std::rename(part.c_str(), path.c_str()) != 0) {
-        rc = SQLITE_ERROR;
-        reason = std::string("cannot rename the copy: ") + std::strerror(errno);
+    if (rc == SQLITE_OK) {
+        const int placed = file.place(&reason);
+        if (placed == EEXIST) reason = path + " exists; name a new file";
+        if (placed == 0) return true;
     }
-    if (rc == SQLITE_OK) return true;
-    std::remove(part.c_str());
     *error = reason;
     return false;
 }

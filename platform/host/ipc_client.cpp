@@ -3,11 +3,17 @@
 // send step then a receive step. Safe to call from any thread; a thread only
 // ever uses its own connections.
 //
+// A round trip has one deadline, carried in the request: now plus the message
+// timeout, or earlier in a thread that dispatches a request from another
+// process (see send_deadline), so that each hop gives up before its caller.
+// Connecting, sending and waiting for the reply all end at that deadline.
 // A cached connection whose server has gone (the send fails) is replaced by a
-// fresh one once, so a restarted server is reached transparently. The message
-// timeout is applied to a connection before a round trip whenever it changed
-// since the connection last used it. The reply is received into a private
-// buffer and copied to the caller's only when it is whole and well formed.
+// fresh one once, so a restarted server is reached transparently. A server
+// gone before the request was written is MSG_NOT_LISTENING, a refusal it sent
+// MSG_BUSY; MSG_PEER_GONE means the request may have been read. The reply is
+// received into a private buffer and copied to the caller's only when it is
+// whole and well formed.
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -36,7 +42,6 @@ using ipc::trace;
 struct client_connection {
     std::string name;
     int fd;
-    int timeout_ms;
 };
 
 // Counts forks, so that a child does not share its parent's connections.
@@ -71,26 +76,54 @@ struct client_cache {
         *c = connections.back();
         connections.pop_back();
     }
+    uint32_t call() {
+        if (next_call == 0) next_call = 1;  // 0 is the refusal's
+        return next_call++;
+    }
 };
 
 thread_local client_cache t_cache;
 const int g_fork_counting = pthread_atfork(nullptr, nullptr, [] { ++g_forks; });
 
-// Applies the message timeout to both directions of `c` when it changed.
-void apply_timeout(client_connection* c) {
-    int ms = settings::message_timeout_ms();
-    if (ms == c->timeout_ms) return;
-    timeval tv{ms / 1000, (ms % 1000) * 1000};
-    ::setsockopt(c->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(c->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    c->timeout_ms = ms;
+// The deadline of a round trip starting now: now + the message timeout, and in
+// a thread dispatching a request that has a deadline, at most that deadline less
+// a margin of a quarter of the time left (at most 1 s), so that this hop gives
+// up, and its caller still has time to answer, before the caller's caller gives
+// up. At or before now when the inbound deadline has passed.
+long long send_deadline(long long now) {
+    long long deadline = now + settings::message_timeout_ms() * 1000LL;
+    const long long inbound = request_deadline_us();
+    if (inbound == 0) return deadline;
+    const long long left = inbound - now;
+    return std::min(deadline, inbound - std::min(1000000LL, std::max(0LL, left / 4)));
+}
+
+// Milliseconds until `deadline` for poll: rounded up, at least 0.
+int ms_until(long long deadline) {
+    long long us = deadline - detail::monotonic_us();
+    return us <= 0 ? 0 : static_cast<int>(std::min<long long>((us + 999) / 1000, 86400000));
+}
+
+std::string ms_text(long long us) {
+    return std::to_string((us + 500) / 1000) + " ms";
+}
+
+// Waits until `fd` has `events` or `deadline` passes; false on the deadline.
+bool wait_for(int fd, short events, long long deadline) {
+    for (;;) {
+        pollfd p = {fd, events, 0};
+        int n = ::poll(&p, 1, ms_until(deadline));
+        if (n > 0) return true;
+        if (n == 0) return false;
+        if (errno != EINTR) return true;  // let the next call report the error
+    }
 }
 
 // Connects to the process serving `name`; MSG_OK with *out added to the cache,
-// or MSG_NOT_LISTENING (MSG_TIMEOUT when not accepted in time) with a trace
-// line saying why. A check (`quiet`) that finds nothing listening leaves no
-// trace line: for it that is an answer, not a failure.
-int connect_to(const std::string& name, bool quiet, client_connection** out) {
+// or MSG_NOT_LISTENING (MSG_TIMEOUT when not accepted by the deadline) with a
+// trace line saying why. A check (`quiet`) that finds nothing listening leaves
+// no trace line: for it that is an answer, not a failure.
+int connect_to(const std::string& name, bool quiet, long long deadline, client_connection** out) {
     std::string dir = rundir::path();
     std::string path = rundir::socket_file(dir, name);
     struct stat st;
@@ -108,18 +141,20 @@ int connect_to(const std::string& name, bool quiet, client_connection** out) {
         trace("send to " + name + ": socket path too long: " + path);
         return MSG_NOT_LISTENING;
     }
-    client_connection c{name, ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0), 0};
+    client_connection c{name, ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
     if (c.fd < 0) {
         trace("send to " + name + ": no socket: " + std::strerror(errno));
         return MSG_NOT_LISTENING;
     }
-    apply_timeout(&c);
+    // A connect waits while the server's queue of new connections is full.
+    const int ms = std::max(1, ms_until(deadline));
+    timeval tv{ms / 1000, (ms % 1000) * 1000};
+    ::setsockopt(c.fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     if (::connect(c.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         int error = errno;
         ::close(c.fd);
         if (error == EAGAIN) {  // the server's queue of new connections stayed full
-            trace("send to " + name + ": not accepted within " + std::to_string(c.timeout_ms) +
-                  " ms");
+            trace("send to " + name + ": not accepted within " + std::to_string(ms) + " ms");
             return MSG_TIMEOUT;
         }
         if (!quiet) {
@@ -137,55 +172,79 @@ bool server_gone(int error) {
     return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == ECONNREFUSED;
 }
 
+// Whether the server left its refusal on `fd` before closing it.
+bool refused(int fd) {
+    unsigned char frame[ipc::REPLY_HEADER + 1];
+    ssize_t n = ::recv(fd, frame, sizeof frame, MSG_DONTWAIT);
+    ipc::reply r;
+    return n > 0 && ipc::decode_reply(frame, static_cast<size_t>(n), 0, 0, &r) == nullptr &&
+           r.status == MSG_BUSY;
+}
+
 // Sends the request frame `msg` to `name` on this thread's connection, made or
 // remade as needed. MSG_OK with *out the connection it went on; on failure the
 // connection is dropped and a trace line says why.
-int send_request(const std::string& name, const msghdr& msg, bool quiet, client_connection** out) {
+int send_request(const std::string& name, const msghdr& msg, bool quiet, long long deadline,
+                 client_connection** out) {
     client_connection* c = t_cache.find(name);
     bool fresh = false;
     for (;;) {
         if (c == nullptr) {
-            int status = connect_to(name, quiet, &c);
+            int status = connect_to(name, quiet, deadline, &c);
             if (status != MSG_OK) return status;
             fresh = true;
         }
-        apply_timeout(c);
         ssize_t sent;
         do {
-            sent = ::sendmsg(c->fd, &msg, MSG_NOSIGNAL);
-        } while (sent < 0 && errno == EINTR);
+            sent = ::sendmsg(c->fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        } while ((sent < 0 && errno == EINTR) ||
+                 (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) &&
+                  wait_for(c->fd, POLLOUT, deadline)));
         if (sent >= 0) {
             *out = c;
             return MSG_OK;
         }
         int error = errno;
-        int ms = c->timeout_ms;
+        const bool busy = server_gone(error) && refused(c->fd);
         t_cache.drop(c);
         c = nullptr;
+        if (busy) {
+            trace("send to " + name + ": refused, the server has too many connections");
+            return MSG_BUSY;
+        }
         if (!fresh && server_gone(error)) continue;  // the server went away since: reconnect
         if (error == EAGAIN || error == EWOULDBLOCK) {
-            trace("send to " + name + ": timed out after " + std::to_string(ms) + " ms sending");
+            trace("send to " + name + ": timed out sending");
             return MSG_TIMEOUT;
         }
-        trace("send to " + name + ": peer gone (" + std::strerror(error) + ")");
-        return MSG_PEER_GONE;
+        // Nothing was written: as if nothing had been listening.
+        trace("send to " + name + ": the server closed the connection (" + std::strerror(error) +
+              ")");
+        return MSG_NOT_LISTENING;
     }
 }
 
-// Receives the reply to request `r` on `c`. MSG_OK with *answer pointing into
-// this thread's frame buffer; on failure `c` is dropped and a trace line says why.
+// Receives the reply to request `r` on `c` by `deadline`. MSG_OK with *answer
+// pointing into this thread's frame buffer; on failure `c` is dropped and a
+// trace line says why.
 int receive_reply(const std::string& name, client_connection* c, const ipc::request& r,
-                  ipc::reply* answer) {
-    ssize_t n;
-    do {
-        n = ::recv(c->fd, t_cache.frame.data(), t_cache.frame.size(), MSG_TRUNC);
-    } while (n < 0 && errno == EINTR);
-    int error = errno;
-    int ms = c->timeout_ms;
+                  long long deadline, long long started, ipc::reply* answer) {
+    ssize_t n = -1;
+    int error = EAGAIN;
+    while (wait_for(c->fd, POLLIN, deadline)) {
+        n = ::recv(c->fd, t_cache.frame.data(), t_cache.frame.size(), MSG_TRUNC | MSG_DONTWAIT);
+        error = errno;
+        if (n >= 0 || (error != EINTR && error != EAGAIN && error != EWOULDBLOCK)) break;
+    }
+    if (n < 0 && server_gone(error) && refused(c->fd)) {  // the reset reports first
+        t_cache.drop(c);
+        trace("send to " + name + ": refused, the server has too many connections");
+        return MSG_BUSY;
+    }
     if (n <= 0) {
         t_cache.drop(c);
         if (n < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
-            trace("send to " + name + ": no reply within " + std::to_string(ms) + " ms");
+            trace("send to " + name + ": no reply within " + ms_text(deadline - started));
             return MSG_TIMEOUT;
         }
         trace("send to " + name + ": peer gone before replying" +
@@ -194,6 +253,11 @@ int receive_reply(const std::string& name, client_connection* c, const ipc::requ
     }
     const char* bad = ipc::decode_reply(t_cache.frame.data(), static_cast<size_t>(n), r.call,
                                         r.reply_capacity, answer);
+    if (bad == nullptr && answer->status == MSG_BUSY) {
+        t_cache.drop(c);
+        trace("send to " + name + ": refused, the server has too many connections");
+        return MSG_BUSY;
+    }
     if (bad != nullptr) {
         t_cache.drop(c);
         trace("send to " + name + ": refused a reply frame of " + std::to_string(n) + " bytes (" +
@@ -206,8 +270,14 @@ int receive_reply(const std::string& name, client_connection* c, const ipc::requ
 // One request and its reply. On MSG_OK *answer points into t_cache.frame.
 int round_trip(const std::string& name, ipc::request& r, ipc::reply* answer, bool quiet) {
     t_cache.forget_if_forked();
+    const long long now = detail::monotonic_us();
+    r.deadline_us = send_deadline(now);
+    if (r.deadline_us <= now) {
+        trace("send to " + name + ": not sent, the request being dispatched has expired");
+        return MSG_EXPIRED;
+    }
     unsigned char header[ipc::REQUEST_HEADER];
-    r.call = t_cache.next_call++;
+    r.call = t_cache.call();
     ipc::encode_request_header(r, header);
     iovec iov[2] = {{header, sizeof header},
                     {const_cast<unsigned char*>(r.payload), r.payload_size}};
@@ -215,9 +285,9 @@ int round_trip(const std::string& name, ipc::request& r, ipc::reply* answer, boo
     msg.msg_iov = iov;
     msg.msg_iovlen = r.payload_size > 0 ? 2 : 1;
     client_connection* c = nullptr;
-    int status = send_request(name, msg, quiet, &c);
+    int status = send_request(name, msg, quiet, r.deadline_us, &c);
     if (status != MSG_OK) return status;
-    return receive_reply(name, c, r, answer);
+    return receive_reply(name, c, r, r.deadline_us, now, answer);
 }
 
 }  // namespace

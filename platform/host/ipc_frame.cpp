@@ -36,6 +36,9 @@ void encode_request_header(const request& r, unsigned char out[REQUEST_HEADER]) 
     put_le32(out + 20, static_cast<uint32_t>(static_cast<unsigned long>(r.func_id)));
     put_le32(out + 24, r.reply_capacity);
     put_le32(out + 28, r.payload_size);
+    const auto deadline = static_cast<unsigned long long>(r.deadline_us);
+    put_le32(out + 32, static_cast<uint32_t>(deadline));
+    put_le32(out + 36, static_cast<uint32_t>(deadline >> 32));
 }
 
 void encode_reply(const reply& r, std::vector<unsigned char>* out) {
@@ -49,6 +52,12 @@ void encode_reply(const reply& r, std::vector<unsigned char>* out) {
     if (r.size > 0) std::memcpy(at + REPLY_HEADER, r.bytes, r.size);
 }
 
+void encode_refusal(std::vector<unsigned char>* out) {
+    reply refusal;
+    refusal.status = MSG_BUSY;
+    encode_reply(refusal, out);
+}
+
 const char* decode_request(const unsigned char* frame, size_t size, request* out) {
     if (const char* error = check_frame(frame, size, REQUEST_HEADER, REQUEST_MAGIC)) return error;
     out->kind = get_le32(frame + 8);
@@ -57,6 +66,8 @@ const char* decode_request(const unsigned char* frame, size_t size, request* out
     out->func_id = signed32(get_le32(frame + 20));
     out->reply_capacity = get_le32(frame + 24);
     out->payload_size = get_le32(frame + 28);
+    out->deadline_us = static_cast<long long>(get_le32(frame + 32) |
+                                              static_cast<uint64_t>(get_le32(frame + 36)) << 32);
     out->payload = frame + REQUEST_HEADER;
     if (out->kind != KIND_SEND && out->kind != KIND_CHECK) return "unknown request kind";
     if (out->payload_size != size - REQUEST_HEADER) return "payload size disagrees with frame";
@@ -64,6 +75,7 @@ const char* decode_request(const unsigned char* frame, size_t size, request* out
     if (out->kind == KIND_CHECK && (out->payload_size != 0 || out->reply_capacity != 0)) {
         return "check request with payload";
     }
+    if (out->deadline_us < 0) return "deadline out of range";
     return nullptr;
 }
 
@@ -74,8 +86,12 @@ const char* decode_reply(const unsigned char* frame, size_t size, uint32_t call,
     out->status = get_le32(frame + 12);
     out->size = get_le32(frame + 16);
     out->bytes = frame + REPLY_HEADER;
+    if (out->status == MSG_BUSY && out->call == 0 && size == REPLY_HEADER && out->size == 0) {
+        return nullptr;  // the refusal
+    }
     if (out->call != call) return "reply to another call";
-    if (out->status != MSG_OK && out->status != MSG_NO_OBJECT && out->status != MSG_NO_REPLY) {
+    if (out->status != MSG_OK && out->status != MSG_NO_OBJECT && out->status != MSG_NO_REPLY &&
+        out->status != MSG_EXPIRED) {
         return "unknown reply status";
     }
     if (out->size != size - REPLY_HEADER) return "reply size disagrees with frame";
@@ -93,10 +109,12 @@ const char* answer(const std::string& connection, const unsigned char* frame, si
     std::vector<unsigned char> bytes;
     if (r.kind == KIND_CHECK) {
         a.status = detail::registered_here(connection, r.object_id) ? MSG_OK : MSG_NO_OBJECT;
+    } else if (r.deadline_us != 0 && detail::monotonic_us() >= r.deadline_us) {
+        a.status = MSG_EXPIRED;
     } else {
-        a.status = static_cast<uint32_t>(detail::deliver_served(connection, r.object_id, r.func_id,
-                                                                r.payload, r.payload_size,
-                                                                r.reply_capacity, &bytes));
+        a.status = static_cast<uint32_t>(
+            detail::deliver_served(connection, r.object_id, r.func_id, r.payload, r.payload_size,
+                                   r.reply_capacity, r.deadline_us, &bytes));
     }
     a.bytes = bytes.data();
     a.size = static_cast<uint32_t>(bytes.size());

@@ -4,28 +4,35 @@
 // One frame is one SOCK_SEQPACKET message, so the kernel keeps its bounds. Every
 // field is a little-endian 32-bit value; no frame is longer than MAX_FRAME bytes.
 //
-// Request (client -> serving process), 32-byte header then the payload:
+// Request (client -> serving process), 40-byte header then the payload:
 //   offset  0  magic           0x51564554 ("TEVQ" as bytes)
-//           4  version         1
+//           4  version         2
 //           8  kind            1 = send, 2 = check (is the object registered?)
-//          12  call            sender's number, echoed in the reply
+//          12  call            sender's number (never 0), echoed in the reply
 //          16  object id       low 32 bits, read back sign-extended
 //          20  function id     low 32 bits, read back sign-extended
 //          24  reply capacity  at most this many reply bytes are wanted
-//          28  payload size    must equal the frame size - 32
-//          32  payload
+//          28  payload size    must equal the frame size - 40
+//          32  deadline low    the request's deadline: an absolute time on the
+//          36  deadline high   host's CLOCK_MONOTONIC in microseconds (the clock
+//                              every process of the host shares), 0 for none.
+//                              The server does not dispatch a request read after
+//                              it (MSG_EXPIRED); the sender has given up by then.
+//          40  payload
 // Reply (serving process -> client), 20-byte header then the reply bytes:
 //   offset  0  magic           0x52564554 ("TEVR" as bytes)
-//           4  version         1
+//           4  version         2
 //           8  call            the request's call number
-//          12  status          MSG_OK, MSG_NO_OBJECT or MSG_NO_REPLY; for a check,
-//                              MSG_OK (registered) or MSG_NO_OBJECT
+//          12  status          MSG_OK, MSG_NO_OBJECT, MSG_NO_REPLY or MSG_EXPIRED;
+//                              for a check, MSG_OK (registered) or MSG_NO_OBJECT
 //          16  reply size      must equal the frame size - 20, be at most the
 //                              request's reply capacity, and be 0 unless status is MSG_OK
 //          20  reply bytes
-// A check request carries no payload and a reply capacity of 0. Any other frame
-// (short, longer than MAX_FRAME, other magic or version, unknown kind or status,
-// sizes that disagree) is refused: the receiver closes the connection.
+// A check request carries no payload and a reply capacity of 0. A server that
+// refuses a connection (too many connections) sends the refusal, a reply with
+// call 0, status MSG_BUSY and no bytes, and closes it. Any other frame (short,
+// longer than MAX_FRAME, other magic or version, unknown kind or status, sizes
+// that disagree) is refused: the receiver closes the connection.
 //
 // The functions here are safe to call from any thread.
 #ifndef TEV_HOST_IPC_FRAME_H
@@ -41,9 +48,9 @@ namespace ipc {
 
 constexpr uint32_t REQUEST_MAGIC = 0x51564554;
 constexpr uint32_t REPLY_MAGIC = 0x52564554;
-constexpr uint32_t VERSION = 1;
+constexpr uint32_t VERSION = 2;
 constexpr size_t MAX_FRAME = 64 * 1024;
-constexpr size_t REQUEST_HEADER = 32;
+constexpr size_t REQUEST_HEADER = 40;
 constexpr size_t REPLY_HEADER = 20;
 constexpr size_t MAX_REQUEST_PAYLOAD = MAX_FRAME - REQUEST_HEADER;
 constexpr size_t MAX_REPLY_BYTES = MAX_FRAME - REPLY_HEADER;
@@ -56,6 +63,7 @@ struct request {
     long object_id = 0;
     long func_id = 0;
     uint32_t reply_capacity = 0;
+    long long deadline_us = 0;               // CLOCK_MONOTONIC microseconds; 0: none
     const unsigned char* payload = nullptr;  // points into the decoded frame
     uint32_t payload_size = 0;
 };
@@ -67,20 +75,24 @@ struct reply {
     uint32_t size = 0;
 };
 
-// The 32-byte header of `r` (its payload is sent after it; payload_size must be set).
+// The header of `r` (its payload is sent after it; payload_size must be set).
 void encode_request_header(const request& r, unsigned char out[REQUEST_HEADER]);
 // A whole reply frame.
 void encode_reply(const reply& r, std::vector<unsigned char>* out);
+// The refusal a server sends on a connection it does not serve (MSG_BUSY).
+void encode_refusal(std::vector<unsigned char>* out);
 
 // Decode one received frame. Return nullptr and fill *out, or the words of what
 // is wrong with the frame (then *out is unspecified).
 const char* decode_request(const unsigned char* frame, size_t size, request* out);
-// `call` and `capacity` are those of the request this frame answers.
+// `call` and `capacity` are those of the request this frame answers; a refusal
+// (status MSG_BUSY) answers any call.
 const char* decode_reply(const unsigned char* frame, size_t size, uint32_t call, uint32_t capacity,
                          reply* out);
 
 // Serves one request frame received on `connection` by delivering it to the
-// object registered in this process, and writes the reply frame to *out.
+// object registered in this process (unless its deadline has passed: then it
+// answers MSG_EXPIRED without delivering), and writes the reply frame to *out.
 // Returns nullptr, or the words of what is wrong with the frame (no reply then).
 const char* answer(const std::string& connection, const unsigned char* frame, size_t size,
                    std::vector<unsigned char>* out);

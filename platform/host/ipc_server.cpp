@@ -1,28 +1,48 @@
 // The server side of the message service between processes: serving a
-// connection name on a Unix SOCK_SEQPACKET socket of the runtime directory, one
-// accepting thread per served name and one thread per client connection.
-// serve_connection and stop_serving are safe to call from any thread.
+// connection name on a Unix SOCK_SEQPACKET socket of the runtime directory.
+// serve_connection, stop_serving, connection_served and served_instance are
+// safe to call from any thread.
 //
-// serve_connection binds <runtime dir>/<name>.sock and holds an exclusive lock
-// on <name>.lock for as long as it serves, so a socket file whose lock is free
-// was left by a dead server and is replaced. At most MAX_SESSIONS connections
-// are served per name; one past the bound is closed at once with a trace line,
-// and its sender sees MSG_PEER_GONE. A peer of another uid (root excepted) is
-// closed at once with a trace line. A malformed frame closes its connection
-// with a trace line; the other connections go on being served. A connection
-// that ends releases its thread and descriptor as it ends.
+// Each served name has one loop thread that accepts connections and waits on
+// every idle connection at once (one epoll set, each connection armed for one
+// event at a time). A connection with a request to read is handed to a worker
+// thread, which reads the frame into its own buffer, delivers it (the dispatch
+// may block for long), writes the reply and gives the connection back to the
+// loop. Workers are started as requests need them, so a request never waits for
+// another connection's dispatch; at most MAX_IDLE_WORKERS idle ones are kept.
+// An idle connection costs its descriptor and a small session entry, no thread
+// and no frame buffer. A connection that ends releases its descriptor as it ends.
+//
+// serve_connection binds <runtime dir>/<name>.sock and holds an exclusive OFD
+// lock (fcntl F_OFD_SETLK) on <name>.lock for as long as it serves, so a socket
+// file whose lock is free was left by a dead server and is replaced, and others
+// test the lock (F_OFD_GETLK) without taking it. The lock file holds the
+// server's pid and a start stamp, the identity served_instance reports. A server
+// that stops removes both files, the lock file while it still holds the lock; a
+// starting server that locked a file removed meanwhile opens the new one again.
+//
+// Bounds: MAX_PEER_CONNECTIONS per peer process and MAX_CONNECTIONS in total per
+// name (tev_host.h). One over either is sent the refusal frame and closed (its
+// sender sees MSG_BUSY). A peer of another uid (root excepted) is closed at once.
+// A malformed frame closes its connection. These are traced without flooding:
+// the first of a kind with its reason, later ones as a count at most once a
+// second ("N bad frames from pid P (last: <reason>)"), the rest when the
+// connection name stops being served.
 #include <fcntl.h>
-#include <poll.h>
+#include <signal.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -42,33 +62,113 @@ namespace tevhost {
 namespace {
 
 using ipc::trace;
+using clock = std::chrono::steady_clock;
 
-constexpr size_t MAX_SESSIONS = 128;  // client connections per served name
+constexpr int MAX_IDLE_WORKERS = 4;  // per served name
+constexpr auto SUMMARY_PERIOD = std::chrono::seconds(1);
+constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
+
+// Repeated events of one kind from one source: the first is traced with its
+// reason, later ones counted and traced as a count at most once a period.
+struct event_log {
+    bool seen = false;
+    unsigned pending = 0;  // counted, not traced yet
+    std::string last;      // the reason of the last one counted
+    clock::time_point last_line;
+
+    // Traces `first` for the first event, else counts it under `reason`.
+    void note(const std::string& first, const std::string& reason, const std::string& head,
+              const std::string& what) {
+        if (!seen) {
+            trace(first);
+            seen = true;
+            last_line = clock::now();
+            return;
+        }
+        ++pending;
+        last = reason;
+        flush(head, what, false);
+    }
+    // Traces "<head><count> <what> (last: <reason>)" when the period has passed
+    // since the last line, or at once when `now`.
+    void flush(const std::string& head, const std::string& what, bool now) {
+        if (pending == 0 || (!now && clock::now() - last_line < SUMMARY_PERIOD)) return;
+        trace(head + std::to_string(pending) + " " + what + " (last: " + last + ")");
+        pending = 0;
+        last_line = clock::now();
+    }
+    bool quiet() const { return pending == 0 && clock::now() - last_line >= SUMMARY_PERIOD; }
+};
+
+enum class session_state { idle, queued, busy };
 
 struct session {
     int fd;
+    pid_t pid;
+    session_state state;
+    std::list<session>::iterator self;
 };
 
-// One served connection name. Its sessions run on detached threads that hold
-// it (shared_ptr) until they end.
+struct peer {
+    int connections = 0;
+    event_log bad_frames;
+};
+
+// One served connection name. Its loop and workers hold it (shared_ptr).
 struct served {
     std::string name;
     std::string socket_path;
+    std::string lock_path;
     int listen_fd = -1;
     int lock_fd = -1;
+    bool bound = false;  // the socket file is this server's
     int wake_fd = -1;
-    std::thread acceptor;
+    int epoll_fd = -1;
+    std::thread loop;
+
     std::mutex mtx;
-    std::condition_variable session_ended;
-    std::list<session> sessions;  // guarded by mtx
+    std::condition_variable work;     // a session is ready, or stopping
+    std::condition_variable changed;  // a session or a worker ended
+    std::list<session> sessions;      // everything below is guarded by mtx
+    std::deque<session*> ready;       // sessions with a request, waiting for a worker
+    std::map<pid_t, peer> peers;      // peers with connections or recent events
+    event_log refusals;
+    int workers = 0;
+    int idle_workers = 0;
+    bool stopping = false;
 
     ~served() { close_files(); }
-    // REQUIRES: the acceptor is not running.
+    // REQUIRES: the loop and the workers have ended.
     void close_files() {
-        for (int* fd : {&listen_fd, &wake_fd, &lock_fd}) {
+        for (int* fd : {&listen_fd, &wake_fd, &epoll_fd, &lock_fd}) {
             if (*fd >= 0) ::close(*fd);
             *fd = -1;
         }
+    }
+    std::string head() const { return name + ": "; }
+    static std::string bad_frames_from(pid_t pid) {
+        return "bad frames from pid " + std::to_string(pid);
+    }
+    // Traces the counts waiting longer than the period (all of them when `all`)
+    // and forgets the peers gone quiet. REQUIRES: mtx is held.
+    void flush_events(bool all) {
+        refusals.flush(head(), "connections refused", all);
+        for (auto it = peers.begin(); it != peers.end();) {
+            it->second.bad_frames.flush(head(), bad_frames_from(it->first), all);
+            if (it->second.connections == 0 && it->second.bad_frames.quiet()) {
+                it = peers.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    // REQUIRES: mtx is held.
+    bool events_pending() const {
+        if (refusals.pending != 0) return true;
+        for (const auto& p : peers) {
+            if (p.second.bad_frames.pending != 0 || p.second.connections == 0) return true;
+        }
+        return false;
     }
 };
 
@@ -83,28 +183,110 @@ served_registry& served_connections() {
     return *r;
 }
 
-// Serves one client connection until it closes, sends a bad frame or the
-// connection stops being served; then closes it and leaves the session list.
-void serve_session(std::shared_ptr<served> srv, std::list<session>::iterator ses, ucred peer) {
-    const int fd = ses->fd;  // the list entry is not touched without srv->mtx
+// Closes `s` and forgets it. REQUIRES: srv.mtx is held; no worker serves it.
+void end_session(served& srv, session* s) {
+    // Explicitly: a forked child may hold a copy of the descriptor, which would
+    // keep it in the epoll set after close.
+    ::epoll_ctl(srv.epoll_fd, EPOLL_CTL_DEL, s->fd, nullptr);
+    ::close(s->fd);
+    auto p = srv.peers.find(s->pid);
+    if (--p->second.connections == 0 && p->second.bad_frames.quiet()) srv.peers.erase(p);
+    srv.sessions.erase(s->self);
+    srv.changed.notify_all();
+}
+
+// Reads one request on `s` and answers it. False when the connection is to be
+// closed: it ended, or sent a malformed frame (*bad says why).
+bool serve_request(const served& srv, const session& s, std::vector<unsigned char>& frame,
+                   std::vector<unsigned char>& reply, std::string* bad) {
+    ssize_t n;
+    do {
+        n = ::recv(s.fd, frame.data(), frame.size(), MSG_TRUNC | MSG_DONTWAIT);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+    if (n <= 0) return false;
+    detail::request_peer_scope peer(s.pid);
+    if (const char* error = ipc::answer(srv.name, frame.data(), static_cast<size_t>(n), &reply)) {
+        *bad = std::string(error) + ", " + std::to_string(n) + " bytes";
+        return false;
+    }
+    // One reply always fits: a client has one request in flight. One that does
+    // not read its replies is closed.
+    return ::send(s.fd, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+}
+
+// Arms `s` for its next request. REQUIRES: srv.mtx is held.
+void give_back(served& srv, session* s) {
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLONESHOT;
+    ev.data.ptr = s;
+    if (::epoll_ctl(srv.epoll_fd, EPOLL_CTL_MOD, s->fd, &ev) != 0) {
+        trace(srv.name + ": cannot wait on a connection of pid " + std::to_string(s->pid) + ": " +
+              std::strerror(errno) + "; connection closed");
+        end_session(srv, s);
+        return;
+    }
+    s->state = session_state::idle;
+}
+
+// Serves the sessions the loop finds ready, then ends (stopping, or enough idle
+// workers kept already). Frame buffers are the workers', not the sessions'.
+void worker_main(std::shared_ptr<served> srv) {
     std::vector<unsigned char> frame(ipc::MAX_FRAME);
     std::vector<unsigned char> reply;
+    std::unique_lock<std::mutex> lock(srv->mtx);
     for (;;) {
-        ssize_t n = ::recv(fd, frame.data(), frame.size(), MSG_TRUNC);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        const char* error = ipc::answer(srv->name, frame.data(), static_cast<size_t>(n), &reply);
-        if (error != nullptr) {
-            trace(srv->name + ": refused a frame of " + std::to_string(n) + " bytes from pid " +
-                  std::to_string(peer.pid) + " (" + error + "); connection closed");
-            break;
+        if (srv->ready.empty()) {
+            if (srv->stopping || srv->idle_workers >= MAX_IDLE_WORKERS) break;
+            ++srv->idle_workers;
+            srv->work.wait(lock, [&] { return !srv->ready.empty() || srv->stopping; });
+            --srv->idle_workers;
+            continue;
         }
-        if (::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) < 0) break;
+        session* s = srv->ready.front();
+        srv->ready.pop_front();
+        s->state = session_state::busy;
+        lock.unlock();
+        std::string bad;
+        const bool keep = serve_request(*srv, *s, frame, reply, &bad);
+        lock.lock();
+        if (!bad.empty()) {
+            srv->peers[s->pid].bad_frames.note(srv->head() + "refused a frame from pid " +
+                                                   std::to_string(s->pid) + " (" + bad +
+                                                   "); connection closed",
+                                               bad, srv->head(), served::bad_frames_from(s->pid));
+        }
+        if (keep && !srv->stopping) {
+            give_back(*srv, s);
+        } else {
+            end_session(*srv, s);
+        }
     }
-    std::lock_guard<std::mutex> lock(srv->mtx);
-    ::close(fd);
-    srv->sessions.erase(ses);
-    srv->session_ended.notify_all();
+    --srv->workers;
+    srv->changed.notify_all();
+}
+
+// Wakes an idle worker for the last ready session, else starts one.
+// REQUIRES: srv->mtx is held.
+void find_worker(const std::shared_ptr<served>& srv) {
+    if (srv->ready.size() <= static_cast<size_t>(srv->idle_workers)) {
+        srv->work.notify_one();
+        return;
+    }
+    try {
+        std::thread(worker_main, srv).detach();
+        ++srv->workers;
+    } catch (const std::system_error& e) {
+        // The request waits for a worker to end; the loop tries again in a while.
+        trace(srv->name + ": no worker thread (" + e.what() + ")");
+    }
+}
+
+// Hands `s` to a worker. REQUIRES: srv->mtx is held.
+void queue_request(const std::shared_ptr<served>& srv, session* s) {
+    s->state = session_state::queued;
+    srv->ready.push_back(s);
+    find_worker(srv);
 }
 
 // Whether the peer on `fd` may be served; if not, a trace line says why.
@@ -122,52 +304,116 @@ bool peer_allowed(const served& srv, int fd, ucred* peer) {
     return true;
 }
 
-// Starts a session for `fd`, or closes it with a trace line.
-void start_session(const std::shared_ptr<served>& srv, int fd, ucred peer) {
-    std::lock_guard<std::mutex> lock(srv->mtx);
-    if (srv->sessions.size() >= MAX_SESSIONS) {
-        trace(srv->name + ": " + std::to_string(MAX_SESSIONS) +
-              " connections open already; refused pid " + std::to_string(peer.pid));
+// Starts a session for `fd`, or refuses it. REQUIRES: srv.mtx is held.
+void start_session(served& srv, int fd, pid_t pid) {
+    peer& p = srv.peers[pid];
+    std::string over;
+    if (p.connections >= MAX_PEER_CONNECTIONS) {
+        over = std::to_string(MAX_PEER_CONNECTIONS) + " connections from pid " +
+               std::to_string(pid) + " open already";
+    } else if (srv.sessions.size() >= static_cast<size_t>(MAX_CONNECTIONS)) {
+        over = std::to_string(MAX_CONNECTIONS) + " connections open already (pid " +
+               std::to_string(pid) + ")";
+    }
+    if (!over.empty()) {
+        std::vector<unsigned char> refusal;
+        ipc::encode_refusal(&refusal);
+        ::send(fd, refusal.data(), refusal.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         ::close(fd);
+        srv.refusals.note(srv.head() + over + "; refused a connection", over, srv.head(),
+                          "connections refused");
         return;
     }
-    auto ses = srv->sessions.insert(srv->sessions.end(), session{fd});
-    try {
-        std::thread(serve_session, srv, ses, peer).detach();
-    } catch (const std::system_error& e) {
-        trace(srv->name + ": no thread for pid " + std::to_string(peer.pid) + " (" + e.what() +
-              "); connection closed");
-        srv->sessions.erase(ses);
-        ::close(fd);
+    auto it = srv.sessions.insert(srv.sessions.end(), session{fd, pid, session_state::idle, {}});
+    it->self = it;
+    ++p.connections;
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLONESHOT;
+    ev.data.ptr = &*it;
+    if (::epoll_ctl(srv.epoll_fd, EPOLL_CTL_ADD, fd, &ev) != 0) {
+        trace(srv.name + ": cannot wait on a connection of pid " + std::to_string(pid) + ": " +
+              std::strerror(errno) + "; connection closed");
+        end_session(srv, &*it);
     }
 }
 
-void accept_loop(std::shared_ptr<served> srv) {
+// Accepts every waiting connection. False when out of descriptors or memory:
+// the rest stay queued until the loop tries again after a pause.
+bool accept_all(served& srv) {
     for (;;) {
-        pollfd fds[2] = {{srv->listen_fd, POLLIN, 0}, {srv->wake_fd, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            trace(srv->name + ": poll failed: " + std::strerror(errno));
-            return;
-        }
-        if (fds[1].revents != 0) return;
-        int fd = ::accept4(srv->listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+        int fd = ::accept4(srv.listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                // Out of descriptors or memory: the waiting clients stay queued; try
-                // again after a pause rather than spinning.
-                trace(srv->name + ": cannot accept: " + std::strerror(errno));
-                pollfd wake = {srv->wake_fd, POLLIN, 0};
-                ::poll(&wake, 1, 100);
+                trace(srv.name + ": cannot accept: " + std::strerror(errno));
+                return false;
             }
-            continue;
+            return true;  // EAGAIN: none left
         }
         ucred peer{};
-        if (!peer_allowed(*srv, fd, &peer)) {
+        if (!peer_allowed(srv, fd, &peer)) {
             ::close(fd);
             continue;
         }
-        start_session(srv, fd, peer);
+        std::lock_guard<std::mutex> lock(srv.mtx);
+        start_session(srv, fd, peer.pid);
+    }
+}
+
+void arm_listener(served& srv) {
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLONESHOT;
+    ev.data.ptr = &srv.listen_fd;
+    ::epoll_ctl(srv.epoll_fd, EPOLL_CTL_MOD, srv.listen_fd, &ev);
+}
+
+// The loop of a served name: accepts, and hands each connection with a request
+// to a worker, until woken to stop.
+void serve_loop(std::shared_ptr<served> srv) {
+    epoll_event events[64];
+    clock::time_point accept_again{};  // while out of descriptors: when to try again
+    for (;;) {
+        int timeout = -1;
+        {
+            std::lock_guard<std::mutex> lock(srv->mtx);
+            if (srv->events_pending() || (!srv->ready.empty() && srv->workers == 0)) {
+                timeout = 1000;
+            }
+        }
+        if (accept_again != clock::time_point{}) timeout = 100;
+        int n = ::epoll_wait(srv->epoll_fd, events, 64, timeout);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            trace(srv->name + ": wait failed: " + std::strerror(errno));
+            return;
+        }
+        bool accept_now = false;
+        std::unique_lock<std::mutex> lock(srv->mtx);
+        for (int i = 0; i < n; ++i) {
+            void* at = events[i].data.ptr;
+            if (at == &srv->wake_fd) return;
+            if (at == &srv->listen_fd) {
+                accept_now = true;
+            } else {
+                queue_request(srv, static_cast<session*>(at));
+            }
+        }
+        if (!srv->ready.empty() && srv->workers == 0) find_worker(srv);
+        srv->flush_events(false);
+        if (accept_again != clock::time_point{} && clock::now() >= accept_again) {
+            accept_again = {};
+            accept_now = true;
+        }
+        if (accept_now) {
+            lock.unlock();
+            const bool drained = accept_all(*srv);
+            lock.lock();
+            if (drained) {
+                arm_listener(*srv);
+            } else {
+                accept_again = clock::now() + ACCEPT_PAUSE;
+            }
+        }
     }
 }
 
@@ -177,23 +423,60 @@ bool fail(std::string* error, const std::string& text) {
     return false;
 }
 
+// Opens and locks the lock file of `srv`'s name, and writes this server's
+// identity into it. REQUIRES: the registry lock is held.
+bool take_lock(served* srv, std::string* error) {
+    const std::string& name = srv->name;
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        int fd = ::open(srv->lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            return fail(error, "serve " + name + ": cannot open " + srv->lock_path + ": " +
+                                   std::strerror(errno));
+        }
+        struct flock fl {};
+        fl.l_type = F_WRLCK;
+        fl.l_whence = SEEK_SET;
+        if (::fcntl(fd, F_OFD_SETLK, &fl) != 0) {
+            const int why = errno;
+            ::close(fd);
+            if (why == EAGAIN || why == EACCES) {
+                return fail(error, "serve " + name + ": already served by a live process (" +
+                                       srv->socket_path + ")");
+            }
+            return fail(error, "serve " + name + ": cannot lock " + srv->lock_path + ": " +
+                                   std::strerror(why));
+        }
+        // A server that stopped meanwhile may have removed the file locked here.
+        struct stat locked, at_path;
+        if (::fstat(fd, &locked) == 0 && ::stat(srv->lock_path.c_str(), &at_path) == 0 &&
+            locked.st_dev == at_path.st_dev && locked.st_ino == at_path.st_ino) {
+            srv->lock_fd = fd;
+            timespec ts;
+            clock_gettime(CLOCK_REALTIME, &ts);
+            const std::string identity = std::to_string(::getpid()) + " " +
+                                         std::to_string(ts.tv_sec * 1000000000LL + ts.tv_nsec) +
+                                         "\n";
+            if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, identity.data(), identity.size(), 0) !=
+                                               static_cast<ssize_t>(identity.size())) {
+                trace("serve " + name + ": cannot write " + srv->lock_path + ": " +
+                      std::strerror(errno));
+            }
+            return true;
+        }
+        ::close(fd);
+    }
+    return fail(error, "serve " + name + ": " + srv->lock_path + " keeps being replaced");
+}
+
 // Takes the lock of `srv`'s name, replaces a stale socket and listens.
 // REQUIRES: the registry lock is held.
-bool listen_on(served* srv, const std::string& lock_path, std::string* error) {
+bool listen_on(served* srv, std::string* error) {
     const std::string& name = srv->name;
     sockaddr_un addr;
     if (!rundir::socket_address(srv->socket_path, &addr)) {
         return fail(error, "serve " + name + ": socket path too long: " + srv->socket_path);
     }
-    srv->lock_fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (srv->lock_fd < 0) {
-        return fail(error,
-                    "serve " + name + ": cannot open " + lock_path + ": " + std::strerror(errno));
-    }
-    if (::flock(srv->lock_fd, LOCK_EX | LOCK_NB) != 0) {
-        return fail(error, "serve " + name + ": already served by a live process (" +
-                               srv->socket_path + ")");
-    }
+    if (!take_lock(srv, error)) return false;
     // The lock was free, so a socket file here was left by a server that died.
     struct stat st;
     if (::lstat(srv->socket_path.c_str(), &st) == 0) {
@@ -203,15 +486,48 @@ bool listen_on(served* srv, const std::string& lock_path, std::string* error) {
         ::unlink(srv->socket_path.c_str());
         trace("serve " + name + ": replaced the stale socket " + srv->socket_path);
     }
-    srv->listen_fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    srv->listen_fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     srv->wake_fd = ::eventfd(0, EFD_CLOEXEC);
-    if (srv->listen_fd < 0 || srv->wake_fd < 0 ||
-        ::bind(srv->listen_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(srv->listen_fd, 64) != 0) {
+    srv->epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
+    epoll_event listen_ev{}, wake_ev{};
+    listen_ev.events = EPOLLIN | EPOLLONESHOT;
+    listen_ev.data.ptr = &srv->listen_fd;
+    wake_ev.events = EPOLLIN;
+    wake_ev.data.ptr = &srv->wake_fd;
+    srv->bound = srv->listen_fd >= 0 &&
+                 ::bind(srv->listen_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    if (!srv->bound || srv->wake_fd < 0 || srv->epoll_fd < 0 || ::listen(srv->listen_fd, 64) != 0 ||
+        ::epoll_ctl(srv->epoll_fd, EPOLL_CTL_ADD, srv->listen_fd, &listen_ev) != 0 ||
+        ::epoll_ctl(srv->epoll_fd, EPOLL_CTL_ADD, srv->wake_fd, &wake_ev) != 0) {
         return fail(error, "serve " + name + ": cannot listen on " + srv->socket_path + ": " +
                                std::strerror(errno));
     }
     return true;
+}
+
+// Removes the files of `srv`'s name (the lock file while still holding its lock)
+// and closes its descriptors. REQUIRES: the loop and the workers have ended.
+void remove_files(served* srv) {
+    if (srv->bound) ::unlink(srv->socket_path.c_str());
+    if (srv->lock_fd >= 0) ::unlink(srv->lock_path.c_str());
+    srv->close_files();
+}
+
+// The lock file of `connection`, open for reading when a live process holds
+// its lock; -1 otherwise.
+int locked_lock_file(const char* connection) {
+    if (connection == nullptr) return -1;
+    const std::string path = rundir::lock_file(rundir::path(), detail::connection_name(connection));
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return -1;
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_OFD_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace
@@ -224,18 +540,22 @@ bool serve_connection(const char* connection, std::string* error) {
     auto srv = std::make_shared<served>();
     srv->name = name;
     srv->socket_path = rundir::socket_file(dir, name);
+    srv->lock_path = rundir::lock_file(dir, name);
 
     served_registry& registry = served_connections();
     std::lock_guard<std::mutex> lock(registry.mtx);
     if (registry.by_name.count(name) != 0) {
         return fail(error, "serve " + name + ": already served by this process");
     }
-    if (!listen_on(srv.get(), rundir::lock_file(dir, name), error)) return false;
+    if (!listen_on(srv.get(), error)) {
+        remove_files(srv.get());
+        return false;
+    }
     try {
-        srv->acceptor = std::thread(accept_loop, srv);
+        srv->loop = std::thread(serve_loop, srv);
     } catch (const std::system_error& e) {
-        ::unlink(srv->socket_path.c_str());
-        return fail(error, "serve " + name + ": no thread to accept with (" + e.what() + ")");
+        remove_files(srv.get());
+        return fail(error, "serve " + name + ": no thread to serve with (" + e.what() + ")");
     }
     registry.by_name.emplace(name, srv);
     return true;
@@ -253,16 +573,47 @@ bool stop_serving(const char* connection) {
         registry.by_name.erase(it);
     }
     uint64_t one = 1;
-    if (::write(srv->wake_fd, &one, sizeof one) < 0) trace(srv->name + ": cannot wake acceptor");
-    srv->acceptor.join();
-    ::unlink(srv->socket_path.c_str());
-    // Idle sessions see end of input at once; one in a delivery finishes it and
-    // sends its reply first. Each closes its connection as it ends.
-    std::unique_lock<std::mutex> lock(srv->mtx);
-    for (session& ses : srv->sessions) ::shutdown(ses.fd, SHUT_RD);
-    srv->session_ended.wait(lock, [&] { return srv->sessions.empty(); });
-    srv->close_files();  // the lock too: the name may be served again at once
+    if (::write(srv->wake_fd, &one, sizeof one) < 0) trace(srv->name + ": cannot wake its loop");
+    srv->loop.join();
+    ::unlink(srv->socket_path.c_str());  // no new connections from here on
+    srv->bound = false;
+    {
+        // Idle connections are closed now; one with a request finishes it and
+        // sends its reply first.
+        std::unique_lock<std::mutex> lock(srv->mtx);
+        srv->stopping = true;
+        for (auto it = srv->sessions.begin(); it != srv->sessions.end();) {
+            session* s = &*it++;
+            if (s->state == session_state::idle) end_session(*srv, s);
+        }
+        srv->work.notify_all();
+        srv->changed.wait(lock, [&] { return srv->sessions.empty() && srv->workers == 0; });
+        srv->flush_events(true);
+    }
+    remove_files(srv.get());  // the name may be served again at once
     return true;
+}
+
+bool connection_served(const char* connection) {
+    int fd = locked_lock_file(connection);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
+unsigned long long served_instance(const char* connection) {
+    int fd = locked_lock_file(connection);
+    if (fd < 0) return 0;
+    char text[64] = {};
+    ssize_t n = ::pread(fd, text, sizeof text - 1, 0);
+    ::close(fd);
+    long long pid = 0;
+    unsigned long long stamp = 0;
+    if (n <= 0 || std::sscanf(text, "%lld %llu", &pid, &stamp) != 2 || pid <= 0) return 0;
+    // Until a starting server writes its own, the file may hold a dead one's.
+    if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM) return 0;
+    unsigned long long identity = stamp ^ (static_cast<unsigned long long>(pid) << 40);
+    return identity != 0 ? identity : 1;
 }
 
 }  // namespace tevhost

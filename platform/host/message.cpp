@@ -73,6 +73,10 @@ message_state& state() {
 thread_local std::vector<const registration*> t_deliveries;
 // The result of this thread's last send.
 thread_local int t_last_status = tevhost::MSG_OK;
+// The deadline of the request from another process this thread dispatches (0: none).
+thread_local long long t_request_deadline_us = 0;
+// The pid of the process whose request this thread dispatches (0: none).
+thread_local int t_request_peer_pid = 0;
 
 int send(long object_id, long func_id, char* req, unsigned int req_len, char* rpl,
          unsigned int* rpl_len, const char* connection);
@@ -266,18 +270,28 @@ namespace detail {
 
 int deliver_served(const std::string& connection, long object_id, long func_id,
                    const unsigned char* request, uint32_t request_size, uint32_t capacity,
-                   std::vector<unsigned char>* reply) {
+                   long long deadline_us, std::vector<unsigned char>* reply) {
     reply->clear();
     std::shared_ptr<registration> reg = begin_delivery(connection, object_id);
     if (!reg) return MSG_NO_OBJECT;
     std::vector<char> bytes(request, request + request_size);
     std::vector<char> buffer(capacity);
     pending_call call{buffer.data(), capacity};
+    const long long outer_deadline = t_request_deadline_us;
+    t_request_deadline_us = deadline_us;
     bool replied = deliver(reg, func_id, bytes, call);
+    t_request_deadline_us = outer_deadline;
     end_delivery(*reg);
     if (!replied) return MSG_NO_REPLY;
     reply->assign(buffer.begin(), buffer.begin() + call.written);
     return MSG_OK;
+}
+
+request_peer_scope::request_peer_scope(int pid) : outer_(t_request_peer_pid) {
+    t_request_peer_pid = pid;
+}
+request_peer_scope::~request_peer_scope() {
+    t_request_peer_pid = outer_;
 }
 
 int registered_here(const std::string& connection, long object_id) {
@@ -292,6 +306,24 @@ int last_send_status() {
     return t_last_status;
 }
 
+bool send_outcome_unknown(int status) {
+    // The transport answers MSG_PEER_GONE only once the request was written; a
+    // server gone before that is MSG_NOT_LISTENING.
+    return status == MSG_TIMEOUT || status == MSG_PEER_GONE;
+}
+
+long long request_deadline_us() {
+    return t_request_deadline_us;
+}
+
+int request_peer_pid() {
+    return t_request_peer_pid;
+}
+
+bool request_expired() {
+    return t_request_deadline_us != 0 && detail::monotonic_us() >= t_request_deadline_us;
+}
+
 const char* send_status_text(int status) {
     switch (status) {
         case MSG_OK: return "delivered";
@@ -302,6 +334,8 @@ const char* send_status_text(int status) {
         case MSG_PEER_GONE: return "peer gone";
         case MSG_TIMEOUT: return "timed out";
         case MSG_BAD_FRAME: return "bad frame";
+        case MSG_EXPIRED: return "expired before dispatch";
+        case MSG_BUSY: return "service busy";
         default: return "unknown result";
     }
 }

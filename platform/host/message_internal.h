@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -22,13 +23,32 @@ inline std::string connection_name(const char* connection) {
     return std::string(connection, strnlen(connection, CONNECTION_NAME_MAX));
 }
 
+// Now on CLOCK_MONOTONIC, in microseconds: the clock of request deadlines.
+inline long long monotonic_us() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
 // message.cpp: delivers a request that arrived from another process to the
-// object registered here under (connection, object_id), as a local send would.
-// Returns MSG_OK with *reply holding at most `capacity` bytes, MSG_NO_OBJECT or
-// MSG_NO_REPLY (then *reply is empty).
+// object registered here under (connection, object_id), as a local send would,
+// with `deadline_us` (0: none) as the thread's request_deadline_us while the
+// dispatch runs. Returns MSG_OK with *reply holding at most `capacity` bytes,
+// MSG_NO_OBJECT or MSG_NO_REPLY (then *reply is empty).
 int deliver_served(const std::string& connection, long object_id, long func_id,
                    const unsigned char* request, uint32_t request_size, uint32_t capacity,
-                   std::vector<unsigned char>* reply);
+                   long long deadline_us, std::vector<unsigned char>* reply);
+// message.cpp: makes `pid` the calling thread's request_peer_pid for its lifetime.
+class request_peer_scope {
+public:
+    explicit request_peer_scope(int pid);
+    ~request_peer_scope();
+    request_peer_scope(const request_peer_scope&) = delete;
+    request_peer_scope& operator=(const request_peer_scope&) = delete;
+
+private:
+    int outer_;
+};
 // message.cpp: 1 when (connection, object_id) is registered in this process.
 int registered_here(const std::string& connection, long object_id);
 

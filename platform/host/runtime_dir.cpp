@@ -10,7 +10,9 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "host/tev_host.h"
@@ -77,6 +79,10 @@ std::string store_file(const std::string& dir) {
     return dir + "/store.db";
 }
 
+std::string store_choice_file(const std::string& dir) {
+    return dir + "/store.path";
+}
+
 bool socket_address(const std::string& path, sockaddr_un* addr) {
     std::memset(addr, 0, sizeof *addr);
     addr->sun_family = AF_UNIX;
@@ -107,8 +113,38 @@ bool runtime_dir(std::string* dir, std::string* error) {
 bool shared_store_file(std::string* path, std::string* error) {
     std::string dir;
     if (!runtime_dir(&dir, error)) return false;
+    std::string chosen;
+    if (std::ifstream in{rundir::store_choice_file(dir)};
+        in && std::getline(in, chosen) && !chosen.empty() && chosen[0] == '/') {
+        if (path != nullptr) *path = chosen;
+        return true;
+    }
     if (path != nullptr) *path = rundir::store_file(dir);
     return true;
+}
+
+bool choose_shared_store(const std::string& path, std::string* error) {
+    std::string dir;
+    if (!runtime_dir(&dir, error)) return false;
+    char* absolute = ::realpath(path.c_str(), nullptr);
+    const std::string file = rundir::store_choice_file(dir);
+    const std::string part = file + ".part" + std::to_string(::getpid());
+    bool ok = absolute != nullptr;
+    if (ok) {
+        // The runtime directory is this user's alone: a new name, then renamed over.
+        std::ofstream out(part, std::ios::trunc);
+        out << absolute << '\n';
+        out.close();
+        ok = out && ::rename(part.c_str(), file.c_str()) == 0;
+    }
+    std::free(absolute);
+    if (!ok) {
+        ::unlink(part.c_str());
+        const std::string why = "cannot record the shared store " + path + " in " + file;
+        ipc::trace(why);
+        if (error != nullptr) *error = why;
+    }
+    return ok;
 }
 
 }  // namespace tevhost

@@ -24,6 +24,7 @@ std::string unsafe(const std::string& dir);
 std::string socket_file(const std::string& dir, const std::string& connection);  // <name>.sock
 std::string lock_file(const std::string& dir, const std::string& connection);    // <name>.lock
 std::string store_file(const std::string& dir);                                  // store.db
+std::string store_choice_file(const std::string& dir);  // store.path: the store a service chose
 
 // Fills *addr with the Unix socket address of `path`; false when the path is
 // too long for one.

@@ -3,11 +3,43 @@
 // hold the connection's mutex, or require it held (sql).
 #include "sqlite_db.h"
 
+#include <cerrno>
+#include <cstring>
+
+#include "tiv_trace.h"
+
 namespace tevhost {
 namespace detail {
 
 std::string describe(sqlite3* db, int rc) {
     return db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+}
+
+namespace {
+
+// The last errno of the database's log (the file a write most likely failed
+// on), else of the database file, else the connection's last one; 0 if none.
+int last_errno(sqlite3* db) {
+    int err = 0;
+    sqlite3_file* log = nullptr;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log) == SQLITE_OK &&
+        log != nullptr && log->pMethods != nullptr) {
+        log->pMethods->xFileControl(log, SQLITE_FCNTL_LAST_ERRNO, &err);
+    }
+    if (err == 0) sqlite3_file_control(db, "main", SQLITE_FCNTL_LAST_ERRNO, &err);
+    return err != 0 ? err : sqlite3_system_errno(db);
+}
+
+}  // namespace
+
+std::string failure(sqlite3* db, int rc, const std::string& what) {
+    const int err = (rc & 0xFF) == SQLITE_FULL || (rc & 0xFF) == SQLITE_IOERR ? last_errno(db) : 0;
+    if ((rc & 0xFF) == SQLITE_FULL || err == ENOSPC || err == EDQUOT || err == EFBIG) {
+        return "disk full while writing " + what +
+               (err != 0 ? std::string(" (") + std::strerror(err) + ")" : std::string());
+    }
+    if (rc == SQLITE_ROW || rc == SQLITE_DONE) return "records missing in " + what;
+    return describe(db, rc) + " (" + what + ")";
 }
 
 bool exec(sqlite3* db, const std::string& text, std::string* error) {
@@ -47,10 +79,18 @@ sqlite_db::~sqlite_db() {
     sqlite3_close(db_);
 }
 
+unsigned int sqlite_db::failed() {
+    const char* file = sqlite3_db_filename(db_, "main");
+    const std::string why =
+        failure(db_, sqlite3_extended_errcode(db_), std::string("store ") + (file ? file : "?"));
+    tivGENTrcPrintf(0, 0, 0, "host store: %s\n", why.c_str());
+    return STORE_IO;
+}
+
 unsigned int sqlite_db::begin() {
     std::lock_guard<std::mutex> lock(mtx_);
     // Read-only: a read transaction, so that the scope reads one snapshot.
-    if (!run(read_only_ ? "BEGIN" : "BEGIN IMMEDIATE")) return STORE_IO;
+    if (!run(read_only_ ? "BEGIN" : "BEGIN IMMEDIATE")) return failed();
     outer_ = true;
     outer_failed_ = false;
     return 0;
@@ -61,8 +101,9 @@ unsigned int sqlite_db::commit() {
     if (!outer_) return STORE_IO;
     outer_ = false;
     if (!outer_failed_ && !sqlite3_get_autocommit(db_) && run("COMMIT")) return 0;
+    const unsigned int rc = outer_failed_ ? STORE_IO : failed();
     abandon();
-    return STORE_IO;
+    return rc;
 }
 
 void sqlite_db::rollback() {

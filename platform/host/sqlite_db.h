@@ -20,6 +20,10 @@ namespace detail {
 
 // What SQLite says went wrong: the connection's message, else that of `rc`.
 std::string describe(sqlite3* db, int rc);
+// Why a call on `db` failed with `rc`, naming `what` ("store <path>"): "disk
+// full while writing <what>" when the disk (or the process's file size limit)
+// is full, else SQLite's message followed by `what` in parentheses.
+std::string failure(sqlite3* db, int rc, const std::string& what);
 // Runs `text`; false with *error set when it fails.
 bool exec(sqlite3* db, const std::string& text, std::string* error);
 // The first column of the first row of `text` (a pragma or a query); false
@@ -108,10 +112,10 @@ public:
         std::lock_guard<std::mutex> lock(mtx_);
         if (writes && read_only_) return STORE_READ_ONLY;
         if (outer_) return joined(writes, body);
-        if (!run(writes ? "BEGIN IMMEDIATE" : "BEGIN")) return STORE_IO;
+        if (!run(writes ? "BEGIN IMMEDIATE" : "BEGIN")) return failed();
         unsigned int rc = guarded(body);
         if (rc == 0 && run("COMMIT")) return 0;
-        if (rc == 0) rc = STORE_IO;
+        if (rc == 0) rc = failed();
         abandon();
         return rc;
     }
@@ -139,20 +143,22 @@ private:
         // calls must not go on outside it.
         if (sqlite3_get_autocommit(db_)) return STORE_IO;
         if (!writes) return guarded(body);
-        if (!run("SAVEPOINT call")) return STORE_IO;
+        if (!run("SAVEPOINT call")) return failed();
         const unsigned int rc = guarded(body);
         if (rc != 0 && !run("ROLLBACK TO call")) outer_failed_ = true;
         if (!run("RELEASE call")) outer_failed_ = true;
         return outer_failed_ && rc == 0 ? STORE_IO : rc;
     }
     template <typename Body>
-    static unsigned int guarded(Body& body) {
+    unsigned int guarded(Body& body) {
         try {
             return body();
         } catch (const db_failure&) {
-            return STORE_IO;
+            return failed();
         }
     }
+    // Writes a trace line saying why the last SQLite call failed; STORE_IO.
+    unsigned int failed();
     bool run(const char* text) {
         return sqlite3_exec(db_, text, nullptr, nullptr, nullptr) == SQLITE_OK;
     }

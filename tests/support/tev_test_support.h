@@ -17,6 +17,8 @@
 
 #include "child_process.h"
 #include "host/tev_host_testing.h"
+#include "tev_ash_control.h"
+#include "tev_ash_facade.h"
 #include "tev_ash_observer.h"
 
 namespace tevtest {
@@ -68,6 +70,8 @@ struct job_tree {
     std::vector<unsigned int> children;
 };
 job_tree make_job_tree(const std::vector<unsigned int>& child_categories = {});
+
+using lines = std::vector<std::string>;
 
 // Captured trace lines as "file::function,message" (source line and the final
 // newline removed), in order.
@@ -136,12 +140,15 @@ private:
 };
 
 // A test of the library with a fresh in-memory store, the handler service
-// check answered and trace capture on. Library singletons are made on first use.
+// check answered and trace capture on; with the facade, and a control layer
+// of its own.
 class library_test : public ::testing::Test {
 protected:
-    library_test() { answer_service_checks(); }
     fresh_store store_;
     tevhost::trace_capture trace_;
+    velmora::tev_ash_facade* facade =
+        (answer_service_checks(), velmora::tev_ash_facade::tev_ash_get_instance());
+    velmora::tev_ash_control control;
 };
 
 }  // namespace tevtest

@@ -159,30 +159,19 @@ unsigned int write_integer(const target& t, long long v) {
 int run_set(context& ctx, const member_options& o) {
     target t;
     if (int rc = resolve(ctx, o, &t)) return rc;
-    unsigned int rc = 0;
-    if (t.type == member_kind::bytes) {
-        if (!t.has_value)
-            return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
-                                 " has no size yet; bytes need a member with a value");
-        if (o.value.size() > t.info.size)
-            return context::fail("a value of " + std::to_string(o.value.size()) +
-                                 " bytes does not fit " + member_text(t) + " (" +
-                                 std::to_string(t.info.size) + " bytes)");
-        // The store takes the member's whole width from the buffer: pad with zeros.
-        std::vector<char> buf(t.info.size, '\0');
-        std::copy(o.value.begin(), o.value.end(), buf.begin());
-        rc = context::facade()->tev_ash_set_member(APP_CMP_ID, t.handler, t.member, t.info.size,
-                                                   buf.data(), t.order);
-    } else {
-        long long v = 0, lo = 0, hi = 0;
-        kind_range(t.type, &lo, &hi);
-        if (!parse_number(o.value, &v))
-            return context::fail("malformed " + o.type + " value '" + o.value + "'");
-        if (v < lo || v > hi)
-            return context::fail("value " + o.value + " is out of range for " + o.type + " (" +
-                                 std::to_string(lo) + ".." + std::to_string(hi) + ")");
-        rc = write_integer(t, v);
-    }
+    if (t.type == member_kind::bytes && !t.has_value)
+        return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
+                             " has no size yet; bytes need a member with a value");
+    member_value v;
+    const std::string why =
+        member_value_refusal(t.member, t.type, o.value, false, t.has_value ? &t.info : nullptr, &v);
+    if (!why.empty()) return context::fail(why);
+    // Bytes go as the member's whole width (the value is padded to it).
+    const unsigned int rc = t.type == member_kind::bytes
+                                ? context::facade()->tev_ash_set_member(
+                                      APP_CMP_ID, t.handler, t.member, v.size,
+                                      reinterpret_cast<char*>(v.value.data()), t.order)
+                                : write_integer(t, decode_value(t.type, v.value));
     return rc ? ctx.fail_code("cannot write " + member_text(t), rc) : 0;
 }
 

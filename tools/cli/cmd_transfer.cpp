@@ -1,159 +1,162 @@
-// export, import: a handler tree as JSON and back; backup: a copy of the store file.
+// export, import: a handler tree as JSON and back (the format: transfer.h);
+// backup: a copy of the store file.
 //
-//   {"tevash_tree": 1,
-//    "root": {"category": "APLJOB",
-//             "members": [{"member": "0x00360000", "kind": "i32", "size": 4, "value": 42},
-//                         {"member": "0x00360001", "kind": "bytes", "size": 2, "value": "0x4142"}],
-//             "children": [ ...nodes like root, in child order... ]}}
+// Import makes new handlers through the handler service and the director, as
+// create does, then stores each member value with its kind and links them in
+// order, and prints the new root's id. An export of the imported tree is the
+// same text as the export it came from.
 //
-// Handler ids are not part of an export: import makes new handlers (through the
-// handler service and the director, as create does), links them in order and
-// stores each member value with its kind, then prints the new root's id. An
-// export of the imported tree is the same text as the export it came from.
+// All or nothing: the document is read and checked whole before anything is
+// made. Then each handler is created (one request each), and last, in one store
+// transaction, every member is stored and every link made, children before
+// their parents, so each link's cycle check sees a parent not yet linked (cost
+// linear in the handlers, whatever the shape). Embedded, the whole command is
+// one transaction besides. Through a service in another process, each created
+// handler carries the import's mark (transfer.h) until that last transaction
+// (the first is marked once made, the others are made as copies of it);
+// when the import fails it removes what it made, and after a kill only unlinked
+// marked handlers remain, which `tevash check --repair` removes.
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "commands.h"
-#include "tree_model.h"
+#include "tev_ash_control.h"
+#include "transfer.h"
 #include "util.h"
 
 namespace tevash_cli {
 
 namespace {
 
-using json = nlohmann::ordered_json;
-using tevhost::member_kind;
 using tevhost::member_value;
-
-constexpr int FORMAT = 1;
 
 int run_export(context& ctx, const std::string& text) {
     unsigned int root = 0;
     if (!parse_arg(text, &root, "handler id")) return 1;
     if (int rc = ctx.check_handler(root)) return rc;
-    std::vector<tree_entry> entries;
-    if (unsigned int rc = walk_tree(root, &entries))
+    if (unsigned int rc = write_export(root, std::cout))
         return ctx.fail_code("the tree below handler " + text + " could not be read whole", rc);
-    const json tree = nest_json(entries, [](const tree_entry& e) {
-        json node = {{"category", category_token(e.category)},
-                     {"members", json::array()},
-                     {"children", json::array()}};
-        for (const auto& m : tevhost::record_members(e.id))
-            node["members"].push_back(member_json(m));
-        return node;
-    });
-    const json doc = {{"tevash_tree", FORMAT}, {"root", tree}};
-    std::cout << doc.dump(2) << '\n';
     return 0;
-}
-
-// One handler to make: its category, its parent's index in the plan (-1: the
-// root) and its member values.
-struct planned {
-    unsigned int category;
-    long parent;
-    std::vector<member_value> members;
-};
-
-// Reads one member value; false with *why set when it is malformed.
-bool read_member(const json& row, member_value* m, std::string* why) {
-    if (!row.is_object() || !row.contains("member") || !row.contains("kind") ||
-        !row.contains("value") || !row["member"].is_string() || !row["kind"].is_string())
-        return *why = "a member needs \"member\", \"kind\" and \"value\"", false;
-    const std::string id = row["member"].get<std::string>();
-    if (!parse_u32(id, &m->member_id)) return *why = "malformed member id '" + id + "'", false;
-    const std::string kind = row["kind"].get<std::string>();
-    if (!parse_kind(kind, &m->kind)) return *why = "unknown kind '" + kind + "'", false;
-    const json& v = row["value"];
-    if (m->kind == member_kind::bytes) {
-        if (!v.is_string() || !parse_hex_bytes(v.get<std::string>(), &m->value) || m->value.empty())
-            return *why = "member " + id + ": bytes are a 0x-hex string", false;
-    } else {
-        long long lo = 0, hi = 0;
-        kind_range(m->kind, &lo, &hi);
-        if (!v.is_number_integer() || v.get<long long>() < lo || v.get<long long>() > hi)
-            return *why = "member " + id + ": value is not a " + kind + " number", false;
-        m->value = encode_value(v.get<long long>(), tevhost::member_width(m->kind));
-    }
-    m->size = static_cast<unsigned int>(m->value.size());
-    if (row.contains("size") && row["size"] != m->size)
-        return *why = "member " + id + ": size does not match its value", false;
-    return true;
-}
-
-// The whole document checked and flattened in pre-order before anything is made.
-bool read_plan(const json& doc, std::vector<planned>* plan, std::string* why) {
-    if (!doc.is_object() || doc.value("tevash_tree", 0) != FORMAT || !doc.contains("root"))
-        return *why = "not a tevash tree export (format " + std::to_string(FORMAT) + ")", false;
-    std::vector<std::pair<const json*, long>> stack{{&doc["root"], -1}};
-    while (!stack.empty()) {
-        const json& node = *stack.back().first;
-        planned p{0, stack.back().second, {}};
-        stack.pop_back();
-        if (!node.is_object() || !node.contains("category") || !node["category"].is_string() ||
-            !parse_category(node["category"].get<std::string>(), &p.category))
-            return *why = "a handler needs a known \"category\"", false;
-        const json empty = json::array();
-        const json& members = node.contains("members") ? node["members"] : empty;
-        const json& children = node.contains("children") ? node["children"] : empty;
-        if (!members.is_array() || !children.is_array())
-            return *why = "\"members\" and \"children\" are arrays", false;
-        for (const auto& row : members) {
-            p.members.emplace_back();
-            if (!read_member(row, &p.members.back(), why)) return false;
-        }
-        plan->push_back(std::move(p));
-        for (auto it = children.rbegin(); it != children.rend(); ++it)
-            stack.emplace_back(&*it, static_cast<long>(plan->size() - 1));
-    }
-    return true;
 }
 
 struct import_options {
     std::string file, parent;
 };
 
+// Removes the handlers an import made through another process, in one store
+// transaction (they are unlinked and childless): `ids`, and any carrying its
+// `mark` (one whose create was carried out but not answered). 0 or the store's result.
+unsigned int remove_made(std::vector<unsigned int> ids, const member_value& mark) {
+    std::unordered_set<unsigned int> made(ids.begin(), ids.end());
+    for (const auto& r : tevhost::store_records()) {
+        member_value m;
+        if (r.parent_id == 0 && made.count(r.handler_id) == 0 &&
+            tevhost::member_info(r.handler_id, IMPORT_MARK, &m) == 0 && m.value == mark.value)
+            ids.push_back(r.handler_id);
+    }
+    velmora::tev_ash_control control;
+    tevhost::store_transaction txn;
+    for (unsigned int id : ids)
+        if (unsigned int rc = control.remove_info(id)) return rc;
+    return txn.commit();
+}
+
+// The last step: members and links in one store transaction. `marked`: clear
+// the import's mark first. 0, or the failing result with *what in words.
+unsigned int fill_and_link(const std::vector<planned>& plan, const std::vector<unsigned int>& ids,
+                           bool marked, unsigned int parent, unsigned int parent_category,
+                           std::string* what) {
+    velmora::tev_ash_control control;
+    auto* f = context::facade();
+    // Children lists in child order: first[k], then next[c] ... (0: none; indexes + 1).
+    std::vector<size_t> first(plan.size()), last(plan.size()), next(plan.size());
+    for (size_t k = 1; k < plan.size(); ++k) {
+        const auto up = static_cast<size_t>(plan[k].parent);
+        (first[up] == 0 ? first[up] : next[last[up] - 1]) = k + 1;
+        last[up] = k + 1;
+    }
+    tevhost::store_transaction txn;
+    unsigned int rc = 0;
+    // Parents in descending index: a node's children are linked before it is.
+    for (size_t k = plan.size(); k-- > 0;) {
+        const unsigned int id = ids[k];
+        if (marked && (rc = control.reset_info(id)) != 0)
+            return *what = "cannot clear the import's mark on handler " + std::to_string(id), rc;
+        for (const member_value& m : plan[k].members) {
+            if ((rc = tevhost::set_member_value(id, m)) != 0)
+                return *what = "cannot store member " + hex32(m.member_id) + " on handler " +
+                               std::to_string(id),
+                       rc;
+        }
+        for (size_t c = first[k]; c != 0; c = next[c - 1]) {
+            if ((rc = f->tev_ash_set_link(plan[k].category, id, plan[c - 1].category, ids[c - 1])))
+                return *what = "cannot link handler " + std::to_string(ids[c - 1]) + " below " +
+                               std::to_string(id),
+                       rc;
+        }
+    }
+    if (parent != 0 &&
+        (rc = f->tev_ash_set_link(parent_category, parent, plan[0].category, ids[0])))
+        return *what = "cannot link handler " + std::to_string(ids[0]) + " below " +
+                       std::to_string(parent),
+               rc;
+    if ((rc = txn.commit()) != 0) *what = "the store did not keep the import";
+    return rc;
+}
+
 int run_import(context& ctx, const import_options& o) {
-    std::ifstream in(o.file);
-    if (!in) return context::fail("cannot read '" + o.file + "'");
-    const json doc = json::parse(in, nullptr, false);
-    if (doc.is_discarded()) return context::fail("'" + o.file + "' is not JSON");
+    std::ifstream file;
+    if (o.file != "-") file.open(o.file, std::ios::binary);
+    if (o.file != "-" && !file) return context::fail("cannot read '" + o.file + "'");
+    std::istream& in = o.file == "-" ? std::cin : file;
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<planned> plan;
     std::string why;
-    if (!read_plan(doc, &plan, &why)) return context::fail("'" + o.file + "': " + why);
+    if (!read_export(text, &plan, &why)) return context::fail("'" + o.file + "': " + why);
     unsigned int parent = 0, parent_category = 0;
     if (!o.parent.empty()) {
         if (!parse_arg(o.parent, &parent, "parent id")) return 1;
         if (int rc = ctx.check_handler(parent, &parent_category)) return rc;
     }
-    auto* f = context::facade();
+    // Through a service elsewhere the creates are not part of this process's
+    // transaction: mark them, and remove them again on failure.
+    const bool elsewhere = !ctx.system;
+    const member_value mark = import_mark();
     std::vector<unsigned int> ids;
+    ids.reserve(plan.size());
+    const auto undo = [&](int exit_code) {
+        if (!elsewhere || ids.empty()) return exit_code;
+        if (const unsigned int rc = remove_made(ids, mark))
+            ctx.fail_code(std::to_string(ids.size()) +
+                              " handlers the import made could not be removed; `tevash check "
+                              "--repair` removes them",
+                          rc);
+        return exit_code;
+    };
+    auto* f = context::facade();
     for (const auto& p : plan) {
+        // After the first, each is made as a copy of the first: it carries the
+        // mark from the director's own transaction on, so a kill leaves none
+        // unmarked but (in the moment before the first is marked) the first.
+        const unsigned int src = elsewhere && !ids.empty() ? ids.front() : 0;
         unsigned int id = 0;
         unsigned int rc =
-            f->tev_ash_create(p.category, ctx.app(), velmora::TEV_ASH_SERVICE_TYPE_NONE, &id, 0);
-        if (rc != 0)
-            return ctx.fail_service("cannot create a " + category_name(p.category) + " handler",
-                                    rc);
+            f->tev_ash_create(p.category, ctx.app(), velmora::TEV_ASH_SERVICE_TYPE_NONE, &id, src);
+        if (rc != 0 || !ctx.reached_service())
+            return undo(
+                ctx.fail_service("cannot create a " + category_name(p.category) + " handler", rc));
         ids.push_back(id);
-        const bool below_parent = p.parent >= 0 || !o.parent.empty();
-        const unsigned int up = p.parent >= 0 ? ids[p.parent] : parent;
-        const unsigned int up_category = p.parent >= 0 ? plan[p.parent].category : parent_category;
-        if (below_parent && (rc = f->tev_ash_set_link(up_category, up, p.category, id)) != 0)
-            return ctx.fail_code(
-                "cannot link handler " + std::to_string(id) + " below " + std::to_string(up), rc);
-        for (const auto& m : p.members) {
-            if ((rc = tevhost::set_member_value(id, m)) != 0)
-                return ctx.fail_code("cannot store member " + hex32(m.member_id) + " on handler " +
-                                         std::to_string(id),
-                                     rc);
-        }
+        if (elsewhere && src == 0 && (rc = tevhost::set_member_value(id, mark)) != 0)
+            return undo(ctx.fail_code("cannot mark handler " + std::to_string(id), rc));
     }
+    std::string what;
+    if (unsigned int rc = fill_and_link(plan, ids, elsewhere, parent, parent_category, &what))
+        return undo(ctx.fail_code(what, rc));
     std::cout << ids.front() << '\n';
     return 0;
 }
@@ -177,7 +180,7 @@ void add_transfer_commands(CLI::App& app, context& ctx) {
 
     auto o = std::make_shared<import_options>();
     auto* imp = app.add_subcommand("import", "Make a tree from an export; prints its root's id");
-    imp->add_option("file", o->file, "Export file")->required();
+    imp->add_option("file", o->file, "Export file (-: standard input)")->required();
     imp->add_option("--parent", o->parent, "Link the new root below this handler");
     run_with_system(imp, ctx, WRITES, run_mode::sends, [&ctx, o] { return run_import(ctx, *o); });
 

@@ -35,17 +35,19 @@ int run_tree(context& ctx, const tree_options& o) {
         tops = roots();
     }
     unsigned int failed = 0;
-    auto trees = nlohmann::ordered_json::array();
+    if (o.json) std::cout << '[';
     for (unsigned int top : tops) {
         std::vector<tree_entry> entries;
         const unsigned int rc = walk_tree(top, &entries);
         if (failed == 0) failed = rc;
-        if (o.json)
-            trees.push_back(tree_json(entries));
-        else
+        if (!o.json) {
             draw_tree(entries, std::cout);
+            continue;
+        }
+        if (top != tops.front()) std::cout << ',';
+        write_tree_json(entries, std::cout);
     }
-    if (o.json) std::cout << trees.dump() << '\n';
+    if (o.json) std::cout << "]\n";
     std::cout.flush();
     return failed ? ctx.fail_code("the tree could not be read whole", failed) : 0;
 }

@@ -14,6 +14,7 @@ void add_member_commands(CLI::App& app, context& ctx);    // get set members
 void add_tree_commands(CLI::App& app, context& ctx);      // tree
 void add_transfer_commands(CLI::App& app, context& ctx);  // export import backup
 void add_process_commands(CLI::App& app, context& ctx);   // serve director
+void add_check_commands(CLI::App& app, context& ctx);     // check
 
 }  // namespace tevash_cli
 

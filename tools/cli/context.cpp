@@ -25,7 +25,14 @@ int context::start_system(tevhost::store_access access) {
     if (!runtime_dir.empty()) {
         tevhost::set_runtime_dir(runtime_dir);
         std::string error;
-        if (!tevash_tools::shared_store_path(store, &store, &error)) return fail(error);
+        // The service's store only: another would be written by the service and
+        // read here.
+        std::string shared;
+        if (!tevash_tools::shared_store_path("", &shared, &error)) return fail(error);
+        if (!store.empty() && !same_file(store, shared))
+            return fail("--store " + store + " is not the store of the handler service in " +
+                        runtime_dir + " (" + shared + "); leave out --store with --runtime-dir");
+        store = shared;
         if (int rc = open_store(access)) return rc;
         if (velmora::vlq_mc_client::vlq_mc_check_facade(velmora::TEV_ASH_SRV_NAME,
                                                         velmora::TEV_ASH_SRV_OBJ_ID) == 0)
@@ -63,16 +70,21 @@ int context::fail_code(const std::string& words, unsigned int rc) const {
 
 int context::fail_service(const std::string& words, unsigned int rc) const {
     const int sent = tevhost::last_send_status();
-    if (sent != tevhost::MSG_OK)
-        return fail_code(
-            std::string("handler service not reachable (") + tevhost::send_status_text(sent) + ")",
-            rc);
+    if (sent != tevhost::MSG_OK) {
+        const std::string why = tevhost::send_status_text(sent);
+        // The request may have been carried out although no answer came back.
+        if (tevhost::send_outcome_unknown(sent))
+            return fail_code(
+                "no answer from the handler service (" + why + "): the outcome is unknown", rc);
+        if (sent == tevhost::MSG_BUSY)
+            return fail_code("handler service busy: nothing was done", rc);
+        return fail_code("handler service not reachable (" + why + ")", rc);
+    }
     std::string meaning;
     if (rc == velmora::TEV_ASH_RC_NO_OBSERVER)
         meaning = " (no director registered for application type " + std::to_string(app_type) + ")";
-    if (rc == tevhost::HOST_DIRECTOR_UNREACHABLE)
-        meaning =
-            " (the director of application type " + std::to_string(app_type) + " did not answer)";
+    else if (const char* host = tevhost::host_code_text(rc); *host != '\0')
+        meaning = std::string(" (") + host + ")";
     return fail_code(words + meaning, rc);
 }
 
@@ -86,9 +98,15 @@ int context::check_handler(unsigned int id, unsigned int* category) const {
 
 void run_with_system(CLI::App* sub, context& ctx, tevhost::store_access access, run_mode mode,
                      std::function<int()> body) {
+    run_with_system(
+        sub, ctx, [access] { return access; }, mode, std::move(body));
+}
+
+void run_with_system(CLI::App* sub, context& ctx, std::function<tevhost::store_access()> access,
+                     run_mode mode, std::function<int()> body) {
     sub->callback([&ctx, access, mode, body] {
         if (mode == run_mode::own_embedded) ctx.runtime_dir.clear();
-        ctx.exit_code = ctx.start_system(access);
+        ctx.exit_code = ctx.start_system(access());
         if (ctx.exit_code != 0) return;
         if (mode == run_mode::own_embedded || (mode == run_mode::sends && !ctx.system)) {
             ctx.exit_code = body();

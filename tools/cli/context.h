@@ -100,6 +100,9 @@ enum class run_mode {
 // system is up; its return value becomes the exit code.
 void run_with_system(CLI::App* sub, context& ctx, tevhost::store_access access, run_mode mode,
                      std::function<int()> body);
+// The same with the access chosen when the command runs (e.g. by one of its flags).
+void run_with_system(CLI::App* sub, context& ctx, std::function<tevhost::store_access()> access,
+                     run_mode mode, std::function<int()> body);
 
 }  // namespace tevash_cli
 

@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
     add_tree_commands(app, ctx);
     add_transfer_commands(app, ctx);
     add_process_commands(app, ctx);
+    add_check_commands(app, ctx);
 
     CLI11_PARSE(app, argc, argv);
     return ctx.exit_code;

@@ -1,5 +1,6 @@
 #include "tree_model.h"
 
+#include <ostream>
 #include <string>
 
 #include "context.h"
@@ -37,39 +38,34 @@ unsigned int walk_tree(unsigned int root, std::vector<tree_entry>* out) {
 }
 
 void draw_tree(const std::vector<tree_entry>& entries, std::ostream& out) {
-    std::vector<bool> last_at;  // per depth: the ancestor there is its parent's last child
+    // Per level up to DRAWN_LEVELS: the ancestor there is its parent's last child.
+    std::vector<bool> last_at(DRAWN_LEVELS + 1);
+    std::string prefix;
     for (const auto& e : entries) {
-        last_at.resize(e.depth + 1);
-        last_at[e.depth] = e.last;
-        std::string prefix;
-        for (unsigned int d = 1; d < e.depth; ++d) prefix += last_at[d] ? "    " : "|   ";
+        prefix.clear();
+        if (e.depth > DRAWN_LEVELS) {
+            prefix = "[" + std::to_string(e.depth) + "] ";
+        } else {
+            last_at[e.depth] = e.last;
+            for (unsigned int d = 1; d < e.depth; ++d) prefix += last_at[d] ? "    " : "|   ";
+        }
         if (e.depth > 0) prefix += e.last ? "`-- " : "|-- ";
         out << prefix << e.id << ' ' << category_name(e.category) << '\n';
     }
 }
 
-nlohmann::ordered_json nest_json(
-    const std::vector<tree_entry>& entries,
-    const std::function<nlohmann::ordered_json(const tree_entry&)>& node) {
-    nlohmann::ordered_json root;
-    // path[d]: the object made last at depth d (its ancestors' arrays no longer grow).
-    std::vector<nlohmann::ordered_json*> path;
+void write_tree_json(const std::vector<tree_entry>& entries, std::ostream& out) {
+    unsigned int open = 0;  // objects begun and not yet closed
     for (const auto& e : entries) {
-        path.resize(e.depth);
-        auto& slot = e.depth == 0 ? root : path.back()->at("children").emplace_back();
-        slot = node(e);
-        path.push_back(&slot);
+        // Close the objects of the previous entry's subtree that this one is not in.
+        for (; open > e.depth; --open) out << "]}";
+        // A later sibling follows the previous entry's subtree.
+        if (e.depth > 0 && (&e - 1)->depth >= e.depth) out << ',';
+        out << "{\"id\":" << e.id << ",\"category\":" << e.category << ",\"name\":\""
+            << category_name(e.category) << "\",\"children\":[";
+        ++open;
     }
-    return root;
-}
-
-nlohmann::ordered_json tree_json(const std::vector<tree_entry>& entries) {
-    return nest_json(entries, [](const tree_entry& e) {
-        return nlohmann::ordered_json{{"id", e.id},
-                                      {"category", e.category},
-                                      {"name", category_name(e.category)},
-                                      {"children", nlohmann::ordered_json::array()}};
-    });
+    for (; open > 0; --open) out << "]}";
 }
 
 unsigned int draw_tree(unsigned int root, std::ostream& out) {

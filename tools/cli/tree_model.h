@@ -1,13 +1,12 @@
 // Handler trees as the tool shows them: walked depth first in child order with
-// an explicit stack, so a tree of any depth is drawn whole.
+// an explicit stack, and written without recursion and without indentation that
+// grows with depth, so a tree of any shape costs time and output linear in its
+// handlers.
 #ifndef TEVASH_CLI_TREE_MODEL_H
 #define TEVASH_CLI_TREE_MODEL_H
 
-#include <functional>
 #include <ostream>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace tevash_cli {
 
@@ -22,15 +21,14 @@ struct tree_entry {
 // the facade (then *out holds what could be read).
 unsigned int walk_tree(unsigned int root, std::vector<tree_entry>* out);
 
-// "1 AUTH" / "`-- 2 APLSVC_IMG" lines.
+// The deepest level drawn with the guides of every ancestor.
+constexpr unsigned int DRAWN_LEVELS = 32;
+// "1 AUTH" / "`-- 2 APLSVC_IMG" lines. A line deeper than DRAWN_LEVELS starts with
+// its depth in brackets instead of its ancestors' guides: "[40] `-- 41 JOBSET_03".
 void draw_tree(const std::vector<tree_entry>& entries, std::ostream& out);
-// The tree as nested JSON objects, one made by `node` per entry; each object's
-// "children" array (which `node` makes, empty) gets its children's in order.
-nlohmann::ordered_json nest_json(
-    const std::vector<tree_entry>& entries,
-    const std::function<nlohmann::ordered_json(const tree_entry&)>& node);
-// {"id":..,"category":..,"name":..,"children":[..]}
-nlohmann::ordered_json tree_json(const std::vector<tree_entry>& entries);
+// The tree as one line of nested JSON objects {"id":..,"category":..,"name":..,
+// "children":[..]}, written as it is walked (no document is built).
+void write_tree_json(const std::vector<tree_entry>& entries, std::ostream& out);
 
 // walk_tree, then draw_tree.
 unsigned int draw_tree(unsigned int root, std::ostream& out);

@@ -1,8 +1,11 @@
 #include "util.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <iostream>
 
+#include "tev_ash_control.h"
 #include "tev_ash_types.h"
 
 namespace tevash_cli {
@@ -210,6 +213,72 @@ nlohmann::ordered_json member_json(const tevhost::member_value& m) {
     else
         row["value"] = decode_value(m.kind, m.value);
     return row;
+}
+
+std::string member_owner_refusal(unsigned int member_id, unsigned int category) {
+    static velmora::tev_ash_control control;  // its tables only
+    TEV_ASH_CATEGORY owner{};
+    if (control.get_member_category(member_id, &owner) != 0)
+        return "no member " + hex32(member_id) + " in the member table";
+    if (owner != category)
+        return "member " + hex32(member_id) + " belongs to a " + category_name(owner) +
+               " handler, not " + category_name(category);
+    return "";
+}
+
+std::string member_value_refusal(unsigned int member_id, member_kind kind, const std::string& text,
+                                 bool hex, const tevhost::member_value* stored,
+                                 tevhost::member_value* out) {
+    const std::string member = "member " + hex32(member_id);
+    if (stored != nullptr && stored->kind != kind)
+        return member + " is " + kind_name(stored->kind) + ", not " + kind_name(kind);
+    out->member_id = member_id;
+    out->kind = kind;
+    if (kind == member_kind::bytes) {
+        if (hex) {
+            if (!parse_hex_bytes(text, &out->value))
+                return member + ": bytes are a 0x-hex string, not '" + text + "'";
+        } else {
+            out->value.assign(text.begin(), text.end());
+        }
+        if (stored == nullptr && out->value.empty())
+            return member + ": bytes need at least one byte";
+        if (stored != nullptr) {
+            if (out->value.size() > stored->size)
+                return "a value of " + std::to_string(out->value.size()) + " bytes does not fit " +
+                       member + " (" + std::to_string(stored->size) + " bytes)";
+            out->value.resize(stored->size, 0);
+        }
+    } else {
+        long long v = 0, lo = 0, hi = 0;
+        kind_range(kind, &lo, &hi);
+        // A decimal too long for 32 bits is out of range, not malformed.
+        const size_t sign = !text.empty() && text[0] == '-' ? 1 : 0;
+        const bool decimal =
+            sign < text.size() && text.find_first_not_of("0123456789", sign) == std::string::npos;
+        const bool parsed = parse_number(text, &v);
+        if (!parsed && !decimal)
+            return std::string("malformed ") + kind_name(kind) + " value '" + text + "'";
+        if (!parsed || v < lo || v > hi)
+            return "value " + text + " is out of range for " + kind_name(kind) + " (" +
+                   std::to_string(lo) + ".." + std::to_string(hi) + ")";
+        out->value = encode_value(v, tevhost::member_width(kind));
+    }
+    out->size = static_cast<unsigned int>(out->value.size());
+    return "";
+}
+
+std::string pointer_token(const std::string& key) {
+    std::string token;
+    for (char c : key) token += c == '~' ? "~0" : c == '/' ? "~1" : std::string(1, c);
+    return token;
+}
+
+bool same_file(const std::string& a, const std::string& b) {
+    struct stat sa {
+    }, sb{};
+    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
 }
 
 }  // namespace tevash_cli

@@ -46,6 +46,26 @@ std::string hex32(unsigned int value);
 // {"member":"0x00360000","kind":"i32","size":4,"value":42}; bytes as a 0x-hex string.
 nlohmann::ordered_json member_json(const tevhost::member_value& m);
 
+// The rules a member value must meet before it is stored, shared by set and import.
+// Each returns "" when the rule is met, else the refusal in words.
+//
+// A member stored on a handler of `category` itself: in the member table, and of
+// that category ("no member 0x0000000A in the member table").
+std::string member_owner_refusal(unsigned int member_id, unsigned int category);
+// A value of `kind` for `member_id`: an integer kind takes a number (parse_number)
+// in its range; bytes take `text`'s characters, or with `hex` the bytes of its
+// 0x-hex digits (at least one byte for a member without a value). When the member has a value
+// already (`stored`), the kinds must match and bytes may not be longer than it (they are padded
+// with zeros to its width). On "" *out holds the value to store.
+std::string member_value_refusal(unsigned int member_id, tevhost::member_kind kind,
+                                 const std::string& text, bool hex,
+                                 const tevhost::member_value* stored, tevhost::member_value* out);
+
+// A JSON pointer's token for `key` ('~' -> "~0", '/' -> "~1").
+std::string pointer_token(const std::string& key);
+// Whether two paths name one existing file (same device and inode).
+bool same_file(const std::string& a, const std::string& b);
+
 }  // namespace tevash_cli
 
 #endif  // TEVASH_CLI_UTIL_H

@@ -1,5 +1,9 @@
 #include "handler_service.h"
 
+#include <signal.h>
+
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -61,29 +65,59 @@ public:
     void notify_create(TEV_ASH_CATEGORY category, TEV_ASH_SERVICE_TYPE service_type,
                        unsigned int& handler_id, unsigned int src_handler_id,
                        long& result) override {
-        tev_ash_observer_impl::notify_create(category, service_type, handler_id, src_handler_id,
-                                             result);
-        if (!reached("notify_create", result)) handler_id = 0;
+        if (!unresponsive("notify_create", result)) {
+            tev_ash_observer_impl::notify_create(category, service_type, handler_id, src_handler_id,
+                                                 result);
+            if (reached("notify_create", result)) return;
+        }
+        handler_id = 0;
     }
     void notify_remove(unsigned int handler_id, long& result) override {
+        if (unresponsive("notify_remove", result)) return;
         tev_ash_observer_impl::notify_remove(handler_id, result);
         reached("notify_remove", result);
     }
     void notify_reset(TEV_ASH_SERVICE_TYPE service_type, unsigned int handler_id,
                       long& result) override {
+        if (unresponsive("notify_reset", result)) return;
         tev_ash_observer_impl::notify_reset(service_type, handler_id, result);
         reached("notify_reset", result);
     }
 
 private:
+    void trace(const char* function, const char* what, const char* why) const {
+        tivGENTrcPrintf(0xE200, 0x102, 0, "handler_service::%s,director \"%s\" object %#x %s: %s\n",
+                        function, director_.connection_name,
+                        static_cast<unsigned int>(director_.obj_id), what, why);
+    }
+
+    // True, with the result set and nothing sent, while the director is marked
+    // unresponsive.
+    bool unresponsive(const char* function, long& result) const {
+        if (!director_.health->unresponsive.load()) return false;
+        result = static_cast<long>(tevhost::HOST_DIRECTOR_UNRESPONSIVE);
+        trace(function, "not asked", "it is not answering");
+        return true;
+    }
+
     bool reached(const char* function, long& result) const {
         const int status = tevhost::last_send_status();
-        if (status == tevhost::MSG_OK) return true;
-        result = static_cast<long>(tevhost::HOST_DIRECTOR_UNREACHABLE);
-        tivGENTrcPrintf(
-            0xE200, 0x102, 0, "handler_service::%s,director \"%s\" object %#x not reached: %s\n",
-            function, director_.connection_name, static_cast<unsigned int>(director_.obj_id),
-            tevhost::send_status_text(status));
+        if (status == tevhost::MSG_OK) {
+            if (director_.health->unresponsive.exchange(false)) {
+                trace(function, "answers", "no longer marked unresponsive");
+            }
+            return true;
+        }
+        // Only a result that proves the director did nothing is "unreachable".
+        const bool unknown = tevhost::send_outcome_unknown(status) ||
+                             status == tevhost::MSG_BAD_FRAME || status == tevhost::MSG_NO_REPLY;
+        result = static_cast<long>(unknown ? tevhost::HOST_OUTCOME_UNKNOWN
+                                           : tevhost::HOST_DIRECTOR_UNREACHABLE);
+        trace(function, unknown ? "did not answer, the outcome is unknown" : "not reached",
+              tevhost::send_status_text(status));
+        if (status == tevhost::MSG_TIMEOUT && !director_.health->unresponsive.exchange(true)) {
+            trace(function, "marked unresponsive", "later requests are answered at once");
+        }
         if (status == tevhost::MSG_NOT_LISTENING || status == tevhost::MSG_PEER_GONE ||
             status == tevhost::MSG_NO_OBJECT) {
             t_gone = director_;
@@ -105,6 +139,13 @@ bool handler_service::director_entry::same_director(const director_entry& other)
 handler_service::handler_service() = default;
 
 handler_service::~handler_service() {
+    {
+        std::lock_guard<std::mutex> lock(watch_mtx_);
+        stopping_ = true;
+    }
+    watch_cv_.notify_all();
+    if (watcher_.joinable()) watcher_.join();
+    if (prober_.joinable()) prober_.join();
     std::vector<long> registered;
     {
         std::lock_guard<std::mutex> lock(directors_mtx_);
@@ -150,6 +191,17 @@ void handler_service::add_observer(const char* req, unsigned int len, const gen_
     entry.obj_id = tev_ash_wire::object_id_from_wire(request.observer);
     terminated_name(entry.connection_name, request.connection_name);
     auto app_type = static_cast<TEV_ASH_APP_TYPE>(request.app_type);
+    {
+        // The registrations of one director share what is known of it.
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        for (const auto& registered : directors_) {
+            if (registered.second.same_director(entry)) entry.health = registered.second.health;
+        }
+    }
+    if (!entry.health) {
+        entry.health = std::make_shared<director_health>();
+        entry.health->remote = tevhost::connection_served(entry.connection_name);
+    }
 
     auto* proxy = new director_proxy(entry);
     tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
@@ -160,8 +212,11 @@ void handler_service::add_observer(const char* req, unsigned int len, const gen_
     if (ret != TEV_ASH_RC_OK) {
         delete proxy;  // refused: still ours
     } else {
-        std::lock_guard<std::mutex> lock(directors_mtx_);
-        directors_[app_type] = entry;
+        {
+            std::lock_guard<std::mutex> lock(directors_mtx_);
+            directors_[app_type] = entry;
+        }
+        start_watching();
     }
     reply_ctrl_ret(hdr, TEV_ASH_FUNC_ADD_OBSERVER, ret);
 }
@@ -243,12 +298,13 @@ void handler_service::reset(const char* req, unsigned int len, const gen_ipc_msg
     reply_result(hdr, rc);
 }
 
-unsigned int handler_service::withdraw(const director_entry& gone) {
+unsigned int handler_service::withdraw(const director_entry& gone, const char* why) {
     unsigned int registrations = 0;
     {
         std::lock_guard<std::mutex> lock(directors_mtx_);
         for (auto it = directors_.begin(); it != directors_.end();) {
-            if (it->second.same_director(gone)) {
+            if (it->second.same_director(gone) &&
+                (!gone.health || it->second.health == gone.health)) {
                 it = directors_.erase(it);
                 ++registrations;
             } else {
@@ -261,9 +317,9 @@ unsigned int handler_service::withdraw(const director_entry& gone) {
     for (unsigned int i = 0; i < registrations; ++i) manager->remove_observer(gone.obj_id);
     if (registrations != 0) {
         tivGENTrcPrintf(0xE200, 0x102, 0,
-                        "handler_service::withdraw,director \"%s\" object %#x is gone: %u "
+                        "handler_service::withdraw,director \"%s\" object %#x %s: %u "
                         "registration(s) withdrawn\n",
-                        gone.connection_name, static_cast<unsigned int>(gone.obj_id),
+                        gone.connection_name, static_cast<unsigned int>(gone.obj_id), why,
                         registrations);
     }
     return registrations;
@@ -272,7 +328,8 @@ unsigned int handler_service::withdraw(const director_entry& gone) {
 void handler_service::withdraw_gone_director() {
     if (!t_gone_set) return;
     t_gone_set = false;
-    withdraw(t_gone);
+    withdraw(t_gone, "is gone");
+    t_gone = director_entry{};
 }
 
 bool handler_service::withdraw_unreachable(TEV_ASH_APP_TYPE app_type) {
@@ -286,24 +343,103 @@ bool handler_service::withdraw_unreachable(TEV_ASH_APP_TYPE app_type) {
     if (vlq_mc_client::vlq_mc_check_facade(registered.connection_name, registered.obj_id) != 0) {
         return false;
     }
-    return withdraw(registered) != 0;
+    return withdraw(registered, "does not answer a check") != 0;
 }
+
+template <typename Pick>
+std::vector<handler_service::director_entry> handler_service::directors_where(Pick&& pick) {
+    std::vector<director_entry> found;
+    std::lock_guard<std::mutex> lock(directors_mtx_);
+    for (const auto& registered : directors_) {
+        const director_entry& d = registered.second;
+        if (!pick(d)) continue;
+        bool seen = false;
+        for (const auto& f : found) seen = seen || f.health == d.health;
+        if (!seen) found.push_back(d);
+    }
+    return found;
+}
+
+void handler_service::start_watching() {
+    std::lock_guard<std::mutex> lock(watch_mtx_);
+    if (stopping_ || watcher_.joinable()) return;
+    watcher_ = std::thread([this] { watch_deaths(); });
+    prober_ = std::thread([this] { probe_unresponsive(); });
+}
+
+bool handler_service::sleep_unless_stopping(std::chrono::milliseconds period) {
+    std::unique_lock<std::mutex> lock(watch_mtx_);
+    return !watch_cv_.wait_for(lock, period, [this] { return stopping_; });
+}
+
+void handler_service::watch_deaths() {
+    while (sleep_unless_stopping(std::chrono::milliseconds(50))) {
+        for (const auto& d :
+             directors_where([](const director_entry& e) { return e.health->remote; })) {
+            // The check (quick when nothing listens) spares a director whose
+            // object is registered in this process.
+            if (!tevhost::connection_served(d.connection_name) &&
+                vlq_mc_client::vlq_mc_check_facade(d.connection_name, d.obj_id) == 0) {
+                withdraw(d, "is gone (its process no longer serves its connection)");
+            }
+        }
+    }
+}
+
+void handler_service::probe_unresponsive() {
+    while (sleep_unless_stopping(std::chrono::milliseconds(100))) {
+        for (const auto& d : directors_where(
+                 [](const director_entry& e) { return e.health->unresponsive.load(); })) {
+            // Blocks up to the message timeout while the director stays silent.
+            if (vlq_mc_client::vlq_mc_check_facade(d.connection_name, d.obj_id) != 0 &&
+                d.health->unresponsive.exchange(false)) {
+                tivGENTrcPrintf(0xE200, 0x102, 0,
+                                "handler_service::probe,director \"%s\" object %#x answers again\n",
+                                d.connection_name, static_cast<unsigned int>(d.obj_id));
+            }
+        }
+    }
+}
+
+namespace {
+
+// Whether the process `pid` (0: this one) has ended.
+bool process_gone(int pid) {
+    return pid != 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+}  // namespace
 
 void handler_service::notify_start(const gen_ipc_msghdr& hdr) {
     tev_ash_ctrl_rpl rpl;
+    rpl.ret = TEV_ASH_RC_FAILURE;
     {
         std::lock_guard<std::mutex> lock(connecters_mtx_);
-        if (next_conn_id_ > MAX_CONNECTERS) {
-            rpl.ret = TEV_ASH_RC_FAILURE;
-        } else {
-            const auto conn_id = static_cast<unsigned char>(next_conn_id_++);
+        for (unsigned int i = 0; i < MAX_CONNECTERS; ++i) {
+            const auto conn_id =
+                static_cast<unsigned char>((next_conn_id_ - 1 + i) % MAX_CONNECTERS + 1);
+            auto it = connecters_.find(conn_id);
+            if (it != connecters_.end() &&
+                it->second->get_status() != tev_ash_connecter::CTRL_STATUS_STOPPED &&
+                !process_gone(connecter_pids_[conn_id])) {
+                continue;
+            }
             char name[TEV_ASH_CONNECTION_NAME_LEN + 1];
             std::snprintf(name, sizeof name, "TEV_ASH_CON%03u", static_cast<unsigned int>(conn_id));
             auto connecter = std::make_unique<tev_ash_connecter>(conn_id, name);
             connecter->set_status(tev_ash_connecter::CTRL_STATUS_STARTED);
             connecters_[conn_id] = std::move(connecter);
+            connecter_pids_[conn_id] = tevhost::request_peer_pid();
+            next_conn_id_ = conn_id % MAX_CONNECTERS + 1;
+            rpl.ret = TEV_ASH_RC_OK;
             rpl.connecter_id = conn_id;
+            break;
         }
+    }
+    if (rpl.ret != TEV_ASH_RC_OK) {
+        tivGENTrcPrintf(0xE200, 0x102, 0,
+                        "handler_service::notify_start,all %u connecter ids are in use\n",
+                        MAX_CONNECTERS);
     }
     reply_ctrl(hdr, TEV_ASH_FUNC_CTRL_NOTIFY_START, rpl);
 }

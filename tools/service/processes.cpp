@@ -3,20 +3,31 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "handler_service.h"
 #include "host/tev_host.h"
 #include "tev_ash_types.h"
+#include "tiv_trace.h"
 #include "vlq_mc_client.h"
 
 namespace tevash_tools {
 
 namespace {
+
+// How often a director looks whether a new handler service serves, and how long
+// it waits, once asked to stop, for the notifications in flight.
+constexpr std::chrono::milliseconds SERVICE_LOOK(100);
+constexpr std::chrono::milliseconds STOP_WAIT(1500);
 
 sigset_t stop_signals() {
     sigset_t set;
@@ -116,6 +127,12 @@ int run_service(const process_options& opt) {
         tevhost::unregister_object(velmora::TEV_ASH_SRV_NAME, velmora::TEV_ASH_SRV_OBJ_ID);
         return fail("serve", "cannot serve \"TEV_ASH_SRV\" in " + dir + ": " + error);
     }
+    // Every process of the runtime directory now shares this service's store.
+    if (!opt.memory_store && !tevhost::choose_shared_store(store, &error)) {
+        tevhost::stop_serving(velmora::TEV_ASH_SRV_NAME);
+        tevhost::unregister_object(velmora::TEV_ASH_SRV_NAME, velmora::TEV_ASH_SRV_OBJ_ID);
+        return fail("serve", error);
+    }
     print_ready(opt.json, {{"runtime_dir", dir}, {"store", store}, {"connection", "TEV_ASH_SRV"}});
     const int sig = wait_for_stop_signal();
     std::fprintf(stderr, "tevash serve: %s: stopping\n", strsignal(sig));
@@ -145,6 +162,7 @@ int run_director(int app_type, const std::string& connection, const process_opti
     }
     std::unique_ptr<sample_director> director = make ? make(name) : nullptr;
     if (director == nullptr) director = std::make_unique<sample_director>(name);
+    unsigned long long service = tevhost::served_instance(velmora::TEV_ASH_SRV_NAME);
     const unsigned int rc = director->start(static_cast<velmora::TEV_ASH_APP_TYPE>(app_type));
     const std::string unreachable = service_unreachable_text();
     if (rc != 0 || !unreachable.empty()) {
@@ -159,10 +177,59 @@ int run_director(int app_type, const std::string& connection, const process_opti
                                          : ""));
     }
     print_ready(opt.json, {{"app_type", app_type}, {"connection", name}, {"store", store}});
+
+    // Follows the handler service: one started since does not know this director.
+    std::mutex mtx;
+    std::condition_variable cv;
+    bool stopping = false;
+    std::thread follower([&] {
+        std::unique_lock<std::mutex> lock(mtx);
+        while (!cv.wait_for(lock, SERVICE_LOOK, [&] { return stopping; })) {
+            lock.unlock();
+            const unsigned long long now = tevhost::served_instance(velmora::TEV_ASH_SRV_NAME);
+            if (now != 0 && now != service) {
+                const unsigned int again = director->register_again();
+                if (service_unreachable_text().empty()) {  // else: at the next look
+                    service = now;
+                    const char* what = again == 0 ? "registered again" : "registration refused";
+                    std::fprintf(stderr,
+                                 "tevash director: a new handler service: %s (result %#.8x)\n",
+                                 what, again);
+                    tivGENTrcPrintf(0xE200, 0x102, 0,
+                                    "director: a new handler service serves \"TEV_ASH_SRV\": %s "
+                                    "for application type %d (result %#.8x)\n",
+                                    what, app_type, again);
+                }
+            }
+            lock.lock();
+        }
+    });
+
     const int sig = wait_for_stop_signal();
     std::fprintf(stderr, "tevash director: %s: withdrawing\n", strsignal(sig));
-    const unsigned int stopped = director->stop();
-    tevhost::stop_serving(name);
+    director->begin_stop();  // nothing is kept from here on
+    // Withdrawing waits for the notifications in flight, which may be blocked:
+    // the process exits after STOP_WAIT all the same, keeping none of their work.
+    auto withdrawn = std::async(std::launch::async, [&] {
+        {
+            std::lock_guard<std::mutex> lock(mtx);
+            stopping = true;
+        }
+        cv.notify_all();
+        follower.join();
+        const unsigned int stopped = director->stop();
+        tevhost::stop_serving(name);
+        return stopped;
+    });
+    if (withdrawn.wait_for(STOP_WAIT) != std::future_status::ready) {
+        std::fprintf(stderr,
+                     "tevash director: a notification is still running after %lld ms: exiting "
+                     "without it (its changes are not kept)\n",
+                     static_cast<long long>(STOP_WAIT.count()));
+        std::fflush(nullptr);
+        _exit(0);
+    }
+    const unsigned int stopped = withdrawn.get();
     if (stopped != 0) {
         std::fprintf(stderr, "tevash director: withdrawal answered %#.8x\n", stopped);
     }

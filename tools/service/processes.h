@@ -45,8 +45,12 @@ using director_factory = std::function<std::unique_ptr<sample_director>(const ch
 
 // The director's connection name is `connection`, or "TEV_ASH_DIR<app type>"
 // when empty; the director is made by `make`, or is a plain sample_director
-// when `make` is empty or makes none. On a signal it withdraws its registration
-// and stops serving.
+// when `make` is empty or makes none. It looks every 100 ms which process serves
+// "TEV_ASH_SRV" (tevhost::served_instance) and registers again, with a trace
+// line, with a handler service started since. On a signal it keeps no
+// notification's changes from then on, withdraws its registration and stops
+// serving; when a notification in flight holds that up for 1.5 s, it exits at
+// once (exit status 0), the notification's transaction not committed.
 int run_director(int app_type, const std::string& connection, const process_options& opt,
                  const director_factory& make = {});
 

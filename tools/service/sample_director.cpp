@@ -1,9 +1,12 @@
 #include "sample_director.h"
 
+#include <vector>
+
 #include "gen_ipc.h"
 #include "host/tev_host.h"
 #include "tev_ash_handler_facade.h"
 #include "tev_ash_messages.h"
+#include "tiv_trace.h"
 #include "wud_wud_service_info.h"
 
 namespace tevash_tools {
@@ -46,8 +49,15 @@ unsigned int sample_director::start(TEV_ASH_APP_TYPE app_type) {
         tevhost::unregister_object(name, get_obj_id());
         return rc;
     }
+    app_type_ = app_type;
     started_ = true;
     return TEV_ASH_RC_OK;
+}
+
+unsigned int sample_director::register_again() {
+    if (!started_) return TEV_ASH_RC_BAD_ARG;
+    return tev_ash_handler_facade::tev_ash_handler_get_instance()->tev_ash_handler_add_observer(
+        app_type_, this);
 }
 
 unsigned int sample_director::stop() {
@@ -61,6 +71,23 @@ unsigned int sample_director::stop() {
     return rc;
 }
 
+template <typename Notify>
+long sample_director::in_transaction(const char* function, Notify&& notify) {
+    tevhost::store_transaction txn;
+    long result = 0;
+    const bool stopping = stopping_.load();
+    if (!stopping && !tevhost::request_expired()) notify(result);
+    if (result != 0) return result;  // the transaction rolls back
+    if (stopping || stopping_.load() || tevhost::request_expired()) {
+        tivGENTrcPrintf(0xE200, 0x102, 0, "sample_director::%s,rolled back: %s\n", function,
+                        stopping || stopping_.load()
+                            ? "the director is stopping"
+                            : "the handler service gave up on the request");
+        return static_cast<long>(tevhost::STORE_ROLLED_BACK);
+    }
+    return static_cast<long>(txn.commit());
+}
+
 void sample_director::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_len,
                                gen_ipc_msghdr sync_handle) {
     switch (func_id) {
@@ -71,11 +98,12 @@ void sample_director::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_l
                 rpl.rc = TEV_ASH_RC_BAD_ARG;
             } else {
                 unsigned int handler_id = 0;
-                long result = 0;
-                notify_create(static_cast<TEV_ASH_CATEGORY>(req.category),
-                              static_cast<TEV_ASH_SERVICE_TYPE>(req.service_type), handler_id,
-                              req.src_handler_id, result);
-                rpl.handler_id = handler_id;
+                const long result = in_transaction("notify_create", [&](long& r) {
+                    notify_create(static_cast<TEV_ASH_CATEGORY>(req.category),
+                                  static_cast<TEV_ASH_SERVICE_TYPE>(req.service_type), handler_id,
+                                  req.src_handler_id, r);
+                });
+                rpl.handler_id = result == 0 ? handler_id : 0;
                 rpl.rc = static_cast<std::uint32_t>(result);
             }
             char buf[tev_ash_create_rpl::SIZE];
@@ -86,21 +114,20 @@ void sample_director::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_l
         case TEV_ASH_FUNC_REMOVE:
         case TEV_ASH_FUNC_RESET: {
             tev_ash_result_rpl rpl;
-            long result = 0;
+            long result = TEV_ASH_RC_BAD_ARG;
             if (func_id == TEV_ASH_FUNC_REMOVE) {
                 tev_ash_remove_req req;
                 if (decode(rcvbuf, rcvbuf_len, &req)) {
-                    notify_remove(req.handler_id, result);
-                } else {
-                    result = TEV_ASH_RC_BAD_ARG;
+                    result = in_transaction("notify_remove",
+                                            [&](long& r) { notify_remove(req.handler_id, r); });
                 }
             } else {
                 tev_ash_reset_req req;
                 if (decode(rcvbuf, rcvbuf_len, &req)) {
-                    notify_reset(static_cast<TEV_ASH_SERVICE_TYPE>(req.service_type),
-                                 req.handler_id, result);
-                } else {
-                    result = TEV_ASH_RC_BAD_ARG;
+                    result = in_transaction("notify_reset", [&](long& r) {
+                        notify_reset(static_cast<TEV_ASH_SERVICE_TYPE>(req.service_type),
+                                     req.handler_id, r);
+                    });
                 }
             }
             rpl.rc = static_cast<std::uint32_t>(result);
@@ -138,25 +165,27 @@ void sample_director::notify_reset(TEV_ASH_SERVICE_TYPE, unsigned int handler_id
     result = static_cast<long>(store::wud_wud_service_info_init_current(cmp_id_, handler_id));
 }
 
-// Deletes the record and everything below it, deepest first, one record per
-// round, without recursion.
+// Deletes the record and everything below it, top down: each record's children
+// are noted, then the record is deleted (which unlinks them). One worklist, no
+// recursion, each record read and deleted once. A failure stops it half-way;
+// the notification's transaction then keeps none of it.
 unsigned int sample_director::remove_tree(unsigned int handler_id) {
-    for (;;) {
-        unsigned int leaf = handler_id;
-        for (;;) {
-            unsigned int count = 0;
-            unsigned int rc =
-                store::wud_wud_service_info_get_child_link_num_direct(cmp_id_, leaf, &count);
-            if (rc != 0) return rc;
-            if (count == 0) break;
+    std::vector<unsigned int> pending{handler_id};
+    while (!pending.empty()) {
+        const unsigned int id = pending.back();
+        pending.pop_back();
+        unsigned int count = 0;
+        unsigned int rc =
+            store::wud_wud_service_info_get_child_link_num_direct(cmp_id_, id, &count);
+        for (unsigned int order = 0; rc == 0 && order < count; ++order) {
             unsigned int child = 0;
-            rc = store::wud_wud_service_info_get_child_link_direct(cmp_id_, leaf, 0, &child);
-            if (rc != 0) return rc;
-            leaf = child;
+            rc = store::wud_wud_service_info_get_child_link_direct(cmp_id_, id, order, &child);
+            pending.push_back(child);
         }
-        const unsigned int rc = store::wud_wud_service_info_delete_current(cmp_id_, leaf);
-        if (rc != 0 || leaf == handler_id) return rc;
+        if (rc == 0) rc = store::wud_wud_service_info_delete_current(cmp_id_, id);
+        if (rc != 0) return rc;
     }
+    return 0;
 }
 
 }  // namespace tevash_tools

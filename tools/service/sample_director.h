@@ -9,6 +9,13 @@
 // shorter than their record are answered with 0xC1030008; unknown function ids
 // are not answered.
 //
+// Each notification received through dispatch is one store transaction: its
+// changes are kept together, and only when the caller still waits for the answer
+// (tevhost::request_expired() is false) and the director is not stopping;
+// otherwise they are rolled back and the answer is tevhost::STORE_ROLLED_BACK.
+// So a request the handler service gave up on (and answered as of unknown
+// outcome) is not carried out after all.
+//
 // start() makes the director reachable and registers it with the handler
 // service; stop() withdraws it. Notifications may run concurrently.
 #ifndef TEVASH_TOOLS_SAMPLE_DIRECTOR_H
@@ -40,6 +47,13 @@ public:
     // service's result (0 when not started).
     unsigned int stop();
     bool started() const { return started_; }
+    // Registers the started director again for its application type, with a
+    // handler service that does not know it (one started since). Returns the
+    // service's result; TEV_ASH_RC_BAD_ARG when not started.
+    unsigned int register_again();
+    // From now on no notification keeps its changes (each is answered
+    // STORE_ROLLED_BACK): the director is about to stop. Any thread may call it.
+    void begin_stop() { stopping_.store(true); }
 
     void dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_len,
                   gen_ipc_msghdr sync_handle) override;
@@ -56,9 +70,15 @@ public:
 
 private:
     unsigned int remove_tree(unsigned int handler_id);
+    // Runs `notify(result)` in one store transaction and keeps its changes only
+    // when it succeeded, its caller still waits and the director is not stopping.
+    template <typename Notify>
+    long in_transaction(const char* function, Notify&& notify);
 
     unsigned int cmp_id_;
+    velmora::TEV_ASH_APP_TYPE app_type_{};
     bool started_ = false;
+    std::atomic<bool> stopping_{false};
     std::atomic<unsigned int> notifications_{0};
 };
 

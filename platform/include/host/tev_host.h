@@ -88,17 +88,60 @@ bool unregister_object(const char* connection, long object_id);
 // with a trace line. Each sending thread keeps one connection per connection
 // name; a cached connection to a server that has gone is replaced once, so a
 // restarted server is reached without a failure. A request longer than a frame
-// carries (64 KiB less its 32-byte header) is refused with MSG_BAD_ARG. On
+// carries (64 KiB less its 40-byte header) is refused with MSG_BAD_ARG. On
 // every failure the caller's reply buffer and *rpl_len are left untouched, and
 // a trace line says what happened.
+//
+// Every request carries a deadline: now plus the message timeout, and in a
+// thread dispatching a request from another process no later than that
+// request's deadline less a margin (a quarter of the time left, at most 1 s),
+// so each hop gives up before its caller does. The sender waits for the reply
+// until the deadline (MSG_TIMEOUT), and the server does not dispatch a request
+// it reads after the deadline (MSG_EXPIRED). A thread whose own request has
+// expired sends nothing onward (MSG_EXPIRED at once).
 
 constexpr int MSG_NOT_LISTENING = 4;  // nothing serves the connection: no socket, a stale
                                       // one, or a runtime directory that is not safe
 constexpr int MSG_PEER_GONE = 5;      // the serving process closed the connection or died
-                                      // before replying (also: it refused this peer)
-constexpr int MSG_TIMEOUT = 6;        // no reply within the message timeout
-                                      // (set_message_timeout_ms); the connection is dropped
+                                      // after the request was written, before replying
+                                      // (also: it refused this peer); closed before the
+                                      // request was written: MSG_NOT_LISTENING
+constexpr int MSG_TIMEOUT = 6;        // no reply by the request's deadline (the message
+                                      // timeout, set_message_timeout_ms, or earlier in a
+                                      // dispatch, see above); the connection is dropped
 constexpr int MSG_BAD_FRAME = 7;      // the peer answered with a malformed frame
+constexpr int MSG_EXPIRED = 8;        // the request's deadline passed before the server could
+                                      // dispatch it: not dispatched (nothing was done)
+constexpr int MSG_BUSY = 9;           // the server refused the connection: too many connections
+                             // from this process or in total ("service busy"); nothing was done
+
+// Connections a server accepts per served name: at most MAX_PEER_CONNECTIONS from
+// one peer process and MAX_CONNECTIONS in total. One over either bound is sent a
+// refusal and closed (its sender sees MSG_BUSY); the others go on being served.
+constexpr int MAX_PEER_CONNECTIONS = 64;
+constexpr int MAX_CONNECTIONS = 1024;
+
+// Whether a send with this result may have been carried out by the receiver although no
+// reply came back (MSG_TIMEOUT, and MSG_PEER_GONE after the request was written): the
+// outcome is unknown. False for MSG_OK and for results that prove nothing was dispatched.
+bool send_outcome_unknown(int status);
+// The deadline of the request the calling thread is dispatching (a dispatch running for a
+// request from another process), as CLOCK_MONOTONIC microseconds; 0 when the thread is not
+// dispatching a request that carries one. Sends made from such a thread give up before it.
+long long request_deadline_us();
+// True when the calling thread dispatches a request whose deadline has passed (its caller
+// has given up): work it has not committed must be rolled back, not committed.
+bool request_expired();
+// The pid of the process whose request the calling thread is dispatching; 0 when the
+// thread is not dispatching a request from another process (an in-process send).
+int request_peer_pid();
+// True when a live process serves `connection` in the runtime directory (it holds the
+// name's lock). Never blocks, never takes the lock (a starting server is never refused
+// because of this check). Cheap enough to call every 50 ms per name.
+bool connection_served(const char* connection);
+// An identity of the process instance serving `connection` (changes whenever another
+// server starts serving the name, e.g. the socket file's inode with its device), 0 when none.
+unsigned long long served_instance(const char* connection);
 
 // The words for a MSG_* result ("delivered", "nothing listening", "peer gone",
 // "timed out", "bad frame", ...); "unknown result" for any other value.
@@ -117,39 +160,59 @@ int last_send_status();
 // others. Senders never create it; they refuse to connect into a directory that
 // fails these checks (MSG_NOT_LISTENING).
 bool runtime_dir(std::string* dir, std::string* error = nullptr);
-// The record store file the processes of the runtime directory share by
-// default: <runtime dir>/store.db. The directory is made and checked as by
-// runtime_dir, which gives the result and *error.
+// The record store file the processes of the runtime directory share: the one
+// the last choose_shared_store made there (a handler service started on a store
+// of its own), else <runtime dir>/store.db. The directory is made and checked as
+// by runtime_dir, which gives the result and *error.
 bool shared_store_file(std::string* path, std::string* error = nullptr);
+// Makes `path` (an existing file) the store shared_store_file gives from now on,
+// in every process of the runtime directory. False with *error set when it
+// cannot be recorded.
+bool choose_shared_store(const std::string& path, std::string* error = nullptr);
 
 // Makes the objects registered in this process under `connection` (now or
 // later) reachable from other processes of the runtime directory, through the
 // socket <runtime dir>/<name>.sock; the name's bytes other than letters, digits,
 // '_', '-' and '.' are written as %XX. While serving, the process holds a lock
-// on <name>.lock (the file stays), so a socket whose lock is free was left by a
-// dead server and is replaced; a live server's is refused (false, *error says
-// so, as it does for a name this process serves already or an unsafe runtime
-// directory). Peers of another uid (root excepted) are closed at once with a
-// trace line. Each client connection (one per sending thread) is served by a
-// thread of its own, at most 128 per connection name; a connection past that
-// bound is closed at once with a trace line and its sender sees MSG_PEER_GONE.
+// on <name>.lock, so a socket whose lock is free was left by a dead server and
+// is replaced; a live server's is refused (false, *error says so, as it does for
+// a name this process serves already or an unsafe runtime directory). Peers of
+// another uid (root excepted) are closed at once with a trace line. Idle client
+// connections (one per sending thread) wait in one loop thread per name; a
+// request is dispatched in a worker thread started as needed, so requests of
+// different connections never wait for each other. Connections past the bounds
+// above are refused (MSG_BUSY). Malformed frames and refusals are traced as the
+// first one, then a count at most once a second per peer.
 bool serve_connection(const char* connection, std::string* error = nullptr);
-// Stops accepting on `connection`, removes its socket, lets each connection
-// finish the request it is delivering (the reply is still sent), then closes
-// them all and returns. Returns false when the connection was not served.
+// Stops accepting on `connection`, removes its socket and lock file, lets each
+// connection finish the request it is delivering (the reply is still sent), then
+// closes them all and returns. Returns false when the connection was not served.
 // REQUIRES: not called from a dispatch of that connection.
 bool stop_serving(const char* connection);
 
 // Host result codes the handler service answers with when the transport, not a
 // director, failed (never made by the library; distinct from its 0xC103xxxx).
 // HOST_DIRECTOR_UNREACHABLE: the handler service's message to the director of
-// the application type was not answered (any MSG_* result but MSG_OK). When the
+// the application type was not carried out, and provably nothing was done
+// (nothing listening, expired before dispatch, busy, no such object). When the
 // director's process is gone, its registrations are withdrawn before this answer,
 // so later requests for its types get 0xC1030006 until a director registers again.
 constexpr unsigned int HOST_DIRECTOR_UNREACHABLE = 0xE2000001;
 // HOST_ALREADY_REGISTERED: the (connection, object) a host tool wanted to register
 // in this process is taken, e.g. a second in-process handler service.
 constexpr unsigned int HOST_ALREADY_REGISTERED = 0xE2000002;
+// HOST_OUTCOME_UNKNOWN: the message reached the director but no answer came back
+// (timed out, or its process died while working on it): the director may or may
+// not have carried it out. A director commits nothing once the service has given
+// up on the request, so a timed-out request is normally not carried out; look.
+constexpr unsigned int HOST_OUTCOME_UNKNOWN = 0xE2000003;
+// HOST_DIRECTOR_UNRESPONSIVE: the director stopped answering (an earlier message to
+// it timed out); nothing was sent. Answered at once until the director answers a
+// check again.
+constexpr unsigned int HOST_DIRECTOR_UNRESPONSIVE = 0xE2000004;
+// The words for a host result code (HOST_* and STORE_*): "director not answering",
+// "no such record", ...; "" for any other code.
+const char* host_code_text(unsigned int code);
 
 // ---------------------------------------------------------------------------
 // Record store.
@@ -213,7 +276,11 @@ enum class store_access { read_write, read_only };
 // Opens (creating if needed) a persistent store on `path` and uses it from now
 // on. Returns false with *error set, and keeps the current store, when the path
 // cannot be opened or holds something other than a record store of this version;
-// such a file is left unchanged. A file this user may not write (or in a
+// such a file (an empty one too) is left unchanged. A missing file is made whole
+// beside `path` and linked into place, so processes creating one file at once
+// all open the same store; never through a dangling symbolic link. A full disk
+// is said in words ("disk full while writing store <path>"), and the failing
+// call returns STORE_IO. A file this user may not write (or in a
 // directory this user may not write), or `access` read_only, is opened
 // read-only: it must exist, nothing is ever written to it, and every change
 // fails with STORE_READ_ONLY (reads work, transactions read one snapshot).
@@ -224,8 +291,9 @@ bool store_use_file(const std::string& path, std::string* error = nullptr,
 bool store_read_only();
 // Writes a consistent copy of the persistent store to a new file at `path`
 // with SQLite's online backup (one snapshot; other processes may go on writing).
-// Returns false with *error set when `path` exists, the current store is the
-// in-memory one, or the copy fails; nothing is left at `path` then.
+// Returns false with *error set when `path` exists (a dangling symbolic link
+// too), the current store is the in-memory one, or the copy fails; nothing is
+// left at `path` then. The copy is made beside `path` and linked into place.
 bool store_backup(const std::string& path, std::string* error = nullptr);
 // Drops every record (the schema stays).
 void store_clear();
