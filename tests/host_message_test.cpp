@@ -4,12 +4,10 @@
 // uid, concurrent senders.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,8 +30,6 @@
 #include "host/tev_host_testing.h"
 #include "tev_test_support.h"
 #include "vlq_mc_client.h"
-
-extern char** environ;
 
 namespace {
 
@@ -127,52 +123,34 @@ const bool g_dir_set = [] {
 // This test binary run as a child server of `name`; killed or stopped at the end.
 class child_server {
 public:
-    explicit child_server(const std::string& name) {
-        int in[2], out[2];
-        EXPECT_EQ(0, pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC));
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        std::string serve = "HOST_IPC_TEST_SERVE=" + name,
-                    dir = "TEVASH_RUNTIME_DIR=" + g_dir.dir();
-        std::vector<char*> envp{&serve[0], &dir[0]};
-        for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
-        envp.push_back(nullptr);
-        char arg0[] = "host_ipc_test_server";
-        char* argv[] = {arg0, nullptr};
-        EXPECT_EQ(0, posix_spawn(&pid_, "/proc/self/exe", &actions, nullptr, argv, envp.data()));
-        posix_spawn_file_actions_destroy(&actions);
-        close(in[0]);
-        close(out[1]);
-        to_ = in[1];
-        from_ = out[0];
+    explicit child_server(const std::string& name) : child_({"/proc/self/exe"}, options(name)) {
         EXPECT_EQ('R', next()) << "child server of " << name << " did not start";
     }
     ~child_server() {
-        close(to_);  // the child stops serving and exits 0
-        int status = 0;
-        if (pid_ > 0 && waitpid(pid_, &status, 0) != pid_) status = -1;
-        EXPECT_EQ(0, status);
-        close(from_);
+        child_.close_stdin();  // the child stops serving and exits 0
+        if (!killed_) {
+            EXPECT_EQ(0, child_.wait());
+        }
     }
     char next() {
         char c = 0;
-        return ::read(from_, &c, 1) == 1 ? c : 0;
+        return child_.read_stdout(&c, 1) ? c : 0;
     }
     void kill9() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
+        child_.kill(SIGKILL);
+        killed_ = true;
     }
-    void signal(int sig) {  // returns once SIGSTOP has stopped every thread
-        kill(pid_, sig);
-        if (sig == SIGSTOP) waitpid(pid_, nullptr, WUNTRACED);
-    }
+    void signal(int sig) { child_.signal(sig); }  // returns once SIGSTOP has stopped it
 
 private:
-    pid_t pid_ = -1;
-    int to_ = -1, from_ = -1;
+    static tevtest::child_options options(const std::string& name) {
+        tevtest::child_options opt;
+        opt.env = {"HOST_IPC_TEST_SERVE=" + name, "TEVASH_RUNTIME_DIR=" + g_dir.dir()};
+        opt.pipe_stdin = opt.pipe_stdout = true;
+        return opt;
+    }
+    tevtest::child_process child_;
+    bool killed_ = false;
 };
 
 // Sends `request` with a buffer of capacity + 1 bytes filled with 'x'; *reply
@@ -473,20 +451,19 @@ TEST(MessageProcesses, MalformedFramesAreRefusedAndSummarisedOthersStillServed) 
 // A process of its own that opens `n` connections to BOUND and asks once on
 // each; holds them open until `hold` reads end of input. 'S' when all were
 // served, 'B' when the first was refused as busy.
-char peer_process(int n, int hold[2], std::vector<pid_t>* peers) {
+char peer_process(int n, int hold[2], std::vector<tevtest::child_process>* peers) {
     const bytes ask = request(2, 1, 0, {}), busy = reply_frame(MSG_BUSY, {});
     int report[2];
     char result = 'S';
     if (pipe(report) != 0) return 0;
-    peers->push_back(fork());
-    if (peers->back() == 0) {
+    peers->emplace_back([&] {
         close(hold[1]);
         for (int i = 0; i < n && result == 'S'; ++i) {
             bytes in = exchange_frame(raw_connect("BOUND"), ask);
             if (in == busy || in.size() != 20) result = in == busy && i == 0 ? 'B' : 'X';
         }
-        _exit(write(report[1], &result, 1) == 1 && read(hold[0], &result, 1) == 0 ? 0 : 1);
-    }
+        return write(report[1], &result, 1) == 1 && read(hold[0], &result, 1) == 0 ? 0 : 1;
+    });
     close(report[1]);
     if (read(report[0], &result, 1) != 1) result = 0;
     close(report[0]);
@@ -514,14 +491,14 @@ TEST(MessageProcesses, ConnectionsAreBoundedPerPeerAndInTotalAndIdleOnesAreCheap
     EXPECT_EQ(MSG_BUSY, send("BOUND", 1, 0, "abc"));
     int hold[2];
     ASSERT_EQ(0, pipe(hold));
-    std::vector<pid_t> peers;
+    std::vector<tevtest::child_process> peers;
     for (int i = 1; i < MAX_CONNECTIONS / MAX_PEER_CONNECTIONS; ++i)
         ASSERT_EQ('S', peer_process(MAX_PEER_CONNECTIONS, hold, &peers)) << "process " << i;
     EXPECT_LT((rss_kib() - rss) * 1024 / MAX_CONNECTIONS, 32 * 1024) << "bytes per connection";
     EXPECT_LE(open_fds("task") - serving_threads, 8);  // a few workers kept idle, no thread each
     EXPECT_EQ('B', peer_process(1, hold, &peers)) << "one connection over the total";
     for (int fd : hold) close(fd);
-    for (pid_t pid : peers) waitpid(pid, nullptr, 0);
+    for (tevtest::child_process& peer : peers) peer.wait();
     for (int fd : open) close(fd);
     for (int i = 0; i < 1000 && open_fds() != serving; ++i) std::this_thread::sleep_for(10ms);
     EXPECT_EQ(serving, open_fds());
@@ -566,17 +543,14 @@ TEST(MessageProcesses, APeerOfAnotherUidIsRefused) {
     trace_capture trace;
     chmod(g_dir.dir().c_str(), 0711);
     chmod(g_dir.path("RAW.sock").c_str(), 0777);
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-        int fd = raw_connect("RAW");
-        _exit(fd >= 0 && exchange_frame(fd, request(2, 1, 0, {})).empty() ? 0
-                                                                          : 1);  // closed at once
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
+    const int status =
+        tevtest::child_process([] {
+            if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+            int fd = raw_connect("RAW");  // closed at once:
+            return fd >= 0 && exchange_frame(fd, request(2, 1, 0, {})).empty() ? 0 : 1;
+        }).wait();
     chmod(g_dir.dir().c_str(), 0700);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(0, status);
     EXPECT_NE(std::string::npos, trace.lines().back().text.find("uid 65534"));
     EXPECT_TRUE(stop_serving("RAW"));
 }

@@ -92,7 +92,6 @@ TEST(MultiProcessDirector, ServesWhenStartedAsDirector) {
 struct process {
     tevtest::child_process child;
     std::string log;  // its standard output and error
-    pid_t pid = 0;    // a director's, from its ready line
 };
 
 // Milliseconds until `done()` holds, polled; -1 when it did not within `limit`.
@@ -136,7 +135,7 @@ protected:
         return p;
     }
     // `tevash director`, or with `env` settings of test_director this program
-    // running one; its pid from its JSON ready line.
+    // running one; ready once its JSON ready line is out.
     process director(int app_type, std::vector<std::string> env = {}) {
         process p;
         if (env.empty()) {
@@ -146,9 +145,6 @@ protected:
             p = start({"--gtest_filter=MultiProcessDirector.*"}, env, false, true);
         }
         EXPECT_TRUE(wait_for(p, "{\"ready\":true,\"pid\":")) << tevtest::file_text(p.log);
-        const std::string log = tevtest::file_text(p.log);
-        const std::size_t at = log.find("\"pid\":");
-        if (at != std::string::npos) p.pid = std::atoi(log.c_str() + at + 6);
         return p;
     }
 
@@ -346,7 +342,7 @@ TEST_F(MultiProcess, StoppedDirectorIsAnsweredForAndCarriesOutNothingLate) {
     use_shared_store();
     unsigned int id = 0;
     ASSERT_EQ(0u, create(1, &id));
-    ASSERT_EQ(0, ::kill(extra_.pid, SIGSTOP));
+    extra_.child.signal(SIGSTOP);  // returns once the director has stopped
     auto started = std::chrono::steady_clock::now();
     const unsigned int first = create(1, &id);
     EXPECT_TRUE(first == tevhost::HOST_OUTCOME_UNKNOWN ||
@@ -360,7 +356,7 @@ TEST_F(MultiProcess, StoppedDirectorIsAnsweredForAndCarriesOutNothingLate) {
                 static_cast<long long>(
                     std::chrono::duration_cast<std::chrono::milliseconds>(fast).count()));
     EXPECT_LT(fast, 1900ms);  // none waited for the service's 2 s timeout
-    ASSERT_EQ(0, ::kill(extra_.pid, SIGCONT));
+    extra_.child.signal(SIGCONT);
     EXPECT_LE(0, ms_until([&] { return create(1, &id) == 0; }));
     stop(extra_, SIGTERM, 0);
     EXPECT_EQ(2u, tevhost::store_records().size());

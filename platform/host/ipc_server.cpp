@@ -55,12 +55,14 @@
 #include "host/tev_host.h"
 #include "ipc_frame.h"
 #include "ipc_internal.h"
+#include "ipc_name_lock.h"
 #include "message_internal.h"
 #include "runtime_dir.h"
 
 namespace tevhost {
 namespace {
 
+using ipc::fail;
 using ipc::trace;
 using clock = std::chrono::steady_clock;
 
@@ -417,57 +419,6 @@ void serve_loop(std::shared_ptr<served> srv) {
     }
 }
 
-bool fail(std::string* error, const std::string& text) {
-    trace(text);
-    if (error != nullptr) *error = text;
-    return false;
-}
-
-// Opens and locks the lock file of `srv`'s name, and writes this server's
-// identity into it. REQUIRES: the registry lock is held.
-bool take_lock(served* srv, std::string* error) {
-    const std::string& name = srv->name;
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        int fd = ::open(srv->lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (fd < 0) {
-            return fail(error, "serve " + name + ": cannot open " + srv->lock_path + ": " +
-                                   std::strerror(errno));
-        }
-        struct flock fl {};
-        fl.l_type = F_WRLCK;
-        fl.l_whence = SEEK_SET;
-        if (::fcntl(fd, F_OFD_SETLK, &fl) != 0) {
-            const int why = errno;
-            ::close(fd);
-            if (why == EAGAIN || why == EACCES) {
-                return fail(error, "serve " + name + ": already served by a live process (" +
-                                       srv->socket_path + ")");
-            }
-            return fail(error, "serve " + name + ": cannot lock " + srv->lock_path + ": " +
-                                   std::strerror(why));
-        }
-        // A server that stopped meanwhile may have removed the file locked here.
-        struct stat locked, at_path;
-        if (::fstat(fd, &locked) == 0 && ::stat(srv->lock_path.c_str(), &at_path) == 0 &&
-            locked.st_dev == at_path.st_dev && locked.st_ino == at_path.st_ino) {
-            srv->lock_fd = fd;
-            timespec ts;
-            clock_gettime(CLOCK_REALTIME, &ts);
-            const std::string identity = std::to_string(::getpid()) + " " +
-                                         std::to_string(ts.tv_sec * 1000000000LL + ts.tv_nsec) +
-                                         "\n";
-            if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, identity.data(), identity.size(), 0) !=
-                                               static_cast<ssize_t>(identity.size())) {
-                trace("serve " + name + ": cannot write " + srv->lock_path + ": " +
-                      std::strerror(errno));
-            }
-            return true;
-        }
-        ::close(fd);
-    }
-    return fail(error, "serve " + name + ": " + srv->lock_path + " keeps being replaced");
-}
-
 // Takes the lock of `srv`'s name, replaces a stale socket and listens.
 // REQUIRES: the registry lock is held.
 bool listen_on(served* srv, std::string* error) {
@@ -476,7 +427,8 @@ bool listen_on(served* srv, std::string* error) {
     if (!rundir::socket_address(srv->socket_path, &addr)) {
         return fail(error, "serve " + name + ": socket path too long: " + srv->socket_path);
     }
-    if (!take_lock(srv, error)) return false;
+    srv->lock_fd = ipc::lock_name(name, srv->lock_path, srv->socket_path, error);
+    if (srv->lock_fd < 0) return false;
     // The lock was free, so a socket file here was left by a server that died.
     struct stat st;
     if (::lstat(srv->socket_path.c_str(), &st) == 0) {
@@ -511,23 +463,6 @@ void remove_files(served* srv) {
     if (srv->bound) ::unlink(srv->socket_path.c_str());
     if (srv->lock_fd >= 0) ::unlink(srv->lock_path.c_str());
     srv->close_files();
-}
-
-// The lock file of `connection`, open for reading when a live process holds
-// its lock; -1 otherwise.
-int locked_lock_file(const char* connection) {
-    if (connection == nullptr) return -1;
-    const std::string path = rundir::lock_file(rundir::path(), detail::connection_name(connection));
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return -1;
-    struct flock fl {};
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    if (::fcntl(fd, F_OFD_GETLK, &fl) != 0 || fl.l_type == F_UNLCK) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 }  // namespace
@@ -592,28 +527,6 @@ bool stop_serving(const char* connection) {
     }
     remove_files(srv.get());  // the name may be served again at once
     return true;
-}
-
-bool connection_served(const char* connection) {
-    int fd = locked_lock_file(connection);
-    if (fd < 0) return false;
-    ::close(fd);
-    return true;
-}
-
-unsigned long long served_instance(const char* connection) {
-    int fd = locked_lock_file(connection);
-    if (fd < 0) return 0;
-    char text[64] = {};
-    ssize_t n = ::pread(fd, text, sizeof text - 1, 0);
-    ::close(fd);
-    long long pid = 0;
-    unsigned long long stamp = 0;
-    if (n <= 0 || std::sscanf(text, "%lld %llu", &pid, &stamp) != 2 || pid <= 0) return 0;
-    // Until a starting server writes its own, the file may hold a dead one's.
-    if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM) return 0;
-    unsigned long long identity = stamp ^ (static_cast<unsigned long long>(pid) << 40);
-    return identity != 0 ? identity : 1;
 }
 
 }  // namespace tevhost

@@ -147,6 +147,13 @@ int child_process::wait(std::chrono::milliseconds timeout) {
     return status_;
 }
 
+void child_process::signal(int sig) {
+    if (pid_ <= 0 || status_ != RUNNING) return;
+    ::kill(pid_, sig);
+    int st = 0;
+    if (sig == SIGSTOP) waitpid(pid_, &st, WUNTRACED);
+}
+
 int child_process::kill(int sig) {
     if (pid_ > 0 && status_ == RUNNING) ::kill(pid_, sig);
     return wait();

@@ -62,6 +62,9 @@ public:
     // The exit status, SIGNALLED, or RUNNING after `timeout`; kept for later waits.
     int wait(std::chrono::milliseconds timeout = FOREVER);
     int kill(int sig);  // sends `sig` unless ended, then waits
+    // Sends `sig` without waiting for an end; after SIGSTOP, returns once the
+    // child has stopped.
+    void signal(int sig);
 
 private:
     pid_t pid_ = -1;
