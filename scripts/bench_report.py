@@ -27,6 +27,7 @@ BASELINE = {"BM_create_processes": "BM_create", "BM_create_processes_no_director
 
 
 def row_order(name):
+    name = name.replace("/real_time", "")
     ranks = [i for i, prefix in enumerate(ORDER) if name == prefix or name.startswith(prefix + "/")]
     return (ranks[-1] if ranks else len(ORDER), name)
 
@@ -35,12 +36,15 @@ print(f"{'benchmark':44} {'ns/op':>10} {'raw ns/op':>10} {'ratio':>7}")
 for name, b in sorted(runs.items(), key=lambda item: row_order(item[0])):
     if name.startswith("BM_raw_"):
         continue
-    raw_name = BASELINE.get(name, name.replace("BM_", "BM_raw_", 1))
+    # Names measured in wall time end in "/real_time" (or carry it before their
+    # arguments); their baseline is looked up by the bare name.
+    bare = name.replace("/real_time", "")
+    raw_name = BASELINE.get(bare, name.replace("BM_", "BM_raw_", 1))
     raw = runs.get(raw_name) or runs.get(raw_name.replace("_scan", "")) or runs.get(
         raw_name.replace("BM_raw_member_category", "BM_raw_member_category_scan"))
     # Threaded figures and work in other processes are wall time per operation
     # (the sender's CPU time leaves out the other side's work).
-    wall = "threads" in name or "round_trip" in name or name in BASELINE
+    wall = "threads" in name or "round_trip" in name or bare in BASELINE or "/real_time" in name
     clock = "real_time" if wall else "cpu_time"
     t = b[clock]
     if raw:
@@ -70,8 +74,12 @@ if os.path.exists(scale):
     for b in json.loads(out)["benchmarks"]:
         if b.get("aggregate_name") != "median":
             continue
-        op, file_arg, children = b["run_name"].split("/")[:3]
-        key = (op.replace("BM_scale_", ""), "file" if file_arg.endswith(":1") else "memory")
+        parts = b["run_name"].split("/")
+        op, file_arg, children = parts[:3]
+        op = op.replace("BM_scale_", "").replace("BM_shape_", "")
+        if len(parts) > 3 and parts[3].startswith("deep:"):  # the shape rows: wide or deep
+            op += " deep" if parts[3].endswith(":1") else " wide"
+        key = (op, "file" if file_arg.endswith(":1") else "memory")
         rows.setdefault(key, {})[int(children.split(":")[1])] = b["per_child"] * 1e6
     print()
     print(f"{'scale: us per child':28} {'1k':>10} {'10k':>10} {'100k':>10} {'100k/1k':>8}")

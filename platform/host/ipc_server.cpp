@@ -7,9 +7,12 @@
 // every idle connection at once (one epoll set, each connection armed for one
 // event at a time). A connection with a request to read is handed to a worker
 // thread, which reads the frame into its own buffer, delivers it (the dispatch
-// may block for long), writes the reply and gives the connection back to the
-// loop. Workers are started as requests need them, so a request never waits for
-// another connection's dispatch; at most MAX_IDLE_WORKERS idle ones are kept.
+// may block for long), writes the reply and waits up to ACTIVE_LINGER for the
+// connection's next request, so a client that sends one request after another
+// is answered without a hand-over between threads; then it gives the connection
+// back to the loop. Workers are started as requests need them, so a request never
+// waits for another connection's dispatch; at most MAX_IDLE_WORKERS idle ones are
+// kept.
 // An idle connection costs its descriptor and a small session entry, no thread
 // and no frame buffer. A connection that ends releases its descriptor as it ends.
 //
@@ -29,6 +32,7 @@
 // second ("N bad frames from pid P (last: <reason>)"), the rest when the
 // connection name stops being served.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -66,7 +70,8 @@ using ipc::fail;
 using ipc::trace;
 using clock = std::chrono::steady_clock;
 
-constexpr int MAX_IDLE_WORKERS = 4;  // per served name
+constexpr int MAX_IDLE_WORKERS = 4;   // per served name
+constexpr int ACTIVE_LINGER_MS = 20;  // a worker's wait for its connection's next request
 constexpr auto SUMMARY_PERIOD = std::chrono::seconds(1);
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
 
@@ -233,6 +238,17 @@ void give_back(served& srv, session* s) {
 
 // Serves the sessions the loop finds ready, then ends (stopping, or enough idle
 // workers kept already). Frame buffers are the workers', not the sessions'.
+// Whether the connection's next request arrives within ACTIVE_LINGER_MS (false
+// as soon as the name stops being served).
+bool next_request_soon(const served& srv, const session& s) {
+    pollfd fds[2] = {{s.fd, POLLIN, 0}, {srv.wake_fd, POLLIN, 0}};
+    int n;
+    do {
+        n = ::poll(fds, 2, ACTIVE_LINGER_MS);
+    } while (n < 0 && errno == EINTR);
+    return n > 0 && fds[1].revents == 0 && (fds[0].revents & POLLIN) != 0;
+}
+
 void worker_main(std::shared_ptr<served> srv) {
     std::vector<unsigned char> frame(ipc::MAX_FRAME);
     std::vector<unsigned char> reply;
@@ -250,7 +266,9 @@ void worker_main(std::shared_ptr<served> srv) {
         s->state = session_state::busy;
         lock.unlock();
         std::string bad;
-        const bool keep = serve_request(*srv, *s, frame, reply, &bad);
+        bool keep = serve_request(*srv, *s, frame, reply, &bad);
+        while (keep && next_request_soon(*srv, *s))
+            keep = serve_request(*srv, *s, frame, reply, &bad);
         lock.lock();
         if (!bad.empty()) {
             srv->peers[s->pid].bad_frames.note(srv->head() + "refused a frame from pid " +
