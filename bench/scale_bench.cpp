@@ -208,7 +208,10 @@ void BM_shape_import(benchmark::State& st) {
     per_child(st);
 }
 
-void BM_shape_export(benchmark::State& st) {
+// Writes a shape's tree to nowhere, one store transaction per walk: an export
+// or a drawing.
+template <unsigned int (*Walk)(unsigned int, std::ostream&)>
+void BM_shape_walk(benchmark::State& st) {
     scale_store s(st);
     const unsigned int root =
         import_shape(shape_export(static_cast<unsigned int>(st.range(1)), st.range(2)));
@@ -216,24 +219,16 @@ void BM_shape_export(benchmark::State& st) {
     std::ostream out(&sink);
     for (auto _ : st) {
         tevhost::store_transaction txn;
-        tevash_cli::write_export(root, out);
+        Walk(root, out);
         txn.commit();
     }
     per_child(st);
 }
-
+void BM_shape_export(benchmark::State& st) {
+    BM_shape_walk<tevash_cli::write_export>(st);
+}
 void BM_shape_tree(benchmark::State& st) {
-    scale_store s(st);
-    const unsigned int root =
-        import_shape(shape_export(static_cast<unsigned int>(st.range(1)), st.range(2)));
-    null_buffer sink;
-    std::ostream out(&sink);
-    for (auto _ : st) {
-        tevhost::store_transaction txn;
-        tevash_cli::draw_tree(root, out);
-        txn.commit();
-    }
-    per_child(st);
+    BM_shape_walk<tevash_cli::draw_tree>(st);
 }
 
 }  // namespace
