@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "../platform/host/link_order.h"
+#include "link_order.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "../platform/host/store_lock.h"
+#include "store_lock.h"
 
 namespace {
 

@@ -9,11 +9,10 @@
 // thread, which reads the frame into its own buffer, delivers it (the dispatch
 // may block for long), writes the reply and waits up to ACTIVE_LINGER for the
 // connection's next request, so a client that sends one request after another
-// is answered without a hand-over between threads; then it gives the connection
-// back to the loop. Workers are started as requests need them, so a request never
-// waits for another connection's dispatch; at most MAX_IDLE_WORKERS idle ones are
-// kept.
-// An idle connection costs its descriptor and a small session entry, no thread
+// is answered without a hand-over between threads (at most MAX_LINGERING workers
+// wait so at once); then it gives the connection back to the loop. Workers are started as requests
+// need them, so a request never waits for another connection's dispatch; at most MAX_IDLE_WORKERS
+// idle ones are kept. An idle connection costs its descriptor and a small session entry, no thread
 // and no frame buffer. A connection that ends releases its descriptor as it ends.
 //
 // serve_connection binds <runtime dir>/<name>.sock and holds an exclusive OFD
@@ -72,6 +71,7 @@ using clock = std::chrono::steady_clock;
 
 constexpr int MAX_IDLE_WORKERS = 4;   // per served name
 constexpr int ACTIVE_LINGER_MS = 20;  // a worker's wait for its connection's next request
+constexpr int MAX_LINGERING = 4;      // workers waiting so at once, per served name
 constexpr auto SUMMARY_PERIOD = std::chrono::seconds(1);
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
 
@@ -142,6 +142,7 @@ struct served {
     event_log refusals;
     int workers = 0;
     int idle_workers = 0;
+    int lingering = 0;  // workers waiting for their connection's next request
     bool stopping = false;
 
     ~served() { close_files(); }
@@ -264,12 +265,15 @@ void worker_main(std::shared_ptr<served> srv) {
         session* s = srv->ready.front();
         srv->ready.pop_front();
         s->state = session_state::busy;
+        const bool linger = srv->lingering < MAX_LINGERING;
+        srv->lingering += linger ? 1 : 0;
         lock.unlock();
         std::string bad;
         bool keep = serve_request(*srv, *s, frame, reply, &bad);
-        while (keep && next_request_soon(*srv, *s))
+        while (keep && linger && next_request_soon(*srv, *s))
             keep = serve_request(*srv, *s, frame, reply, &bad);
         lock.lock();
+        srv->lingering -= linger ? 1 : 0;
         if (!bad.empty()) {
             srv->peers[s->pid].bad_frames.note(srv->head() + "refused a frame from pid " +
                                                    std::to_string(s->pid) + " (" + bad +

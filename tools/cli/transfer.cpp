@@ -25,51 +25,72 @@ using ordered = nlohmann::ordered_json;
 using tevhost::member_kind;
 using tevhost::member_value;
 
-// Parses `text`, refusing a duplicate key with its pointer. Each open object or
-// array keeps only its own token, so the pointer is made only for a refusal and
-// deep nesting costs no more than its length.
-bool parse_strict(const std::string& text, json* doc, std::string* why) {
+// The DOM parser's events, passed on after keeping the pointer of the value
+// being read and refusing duplicate keys. (The parser callback of nlohmann-json
+// scans the parent array at the end of every object, which is quadratic in the
+// nodes of an export.)
+class strict_sax {
+public:
+    explicit strict_sax(json* doc) : dom_(*doc, false) {}
+    const std::string& error() const { return error_; }
+
+    bool null() { return element(), dom_.null(); }
+    bool boolean(bool v) { return element(), dom_.boolean(v); }
+    bool number_integer(json::number_integer_t v) { return element(), dom_.number_integer(v); }
+    bool number_unsigned(json::number_unsigned_t v) { return element(), dom_.number_unsigned(v); }
+    bool number_float(json::number_float_t v, const std::string& s) {
+        return element(), dom_.number_float(v, s);
+    }
+    bool string(json::string_t& v) { return element(), dom_.string(v); }
+    bool binary(json::binary_t& v) { return element(), dom_.binary(v); }
+    bool start_object(std::size_t n) { return open(false), dom_.start_object(n); }
+    bool start_array(std::size_t n) { return open(true), dom_.start_array(n); }
+    bool end_object() { return stack_.pop_back(), dom_.end_object(); }
+    bool end_array() { return stack_.pop_back(), dom_.end_array(); }
+    bool key(json::string_t& k) {
+        frame& f = stack_.back();
+        f.token = pointer_token(k);
+        if (!f.keys.insert(f.token).second && error_.empty()) {
+            for (const auto& up : stack_) error_ += "/" + up.token;
+            error_ += ": duplicate key";
+        }
+        return dom_.key(k);
+    }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) {
+        error_ = std::string("not JSON: ") + e.what();
+        return false;
+    }
+
+private:
     struct frame {
         bool array = false;
         size_t next = 0;    // arrays: the index of the next element
         std::string token;  // the element or member being read
         std::unordered_set<std::string> keys;
     };
-    std::vector<frame> stack;
-    std::string error;
-    const auto element = [&stack] {
-        if (!stack.empty() && stack.back().array)
-            stack.back().token = std::to_string(stack.back().next++);
-    };
-    const json::parser_callback_t check = [&](int, json::parse_event_t event, json& parsed) {
-        switch (event) {
-            case json::parse_event_t::object_start:
-            case json::parse_event_t::array_start:
-                element();
-                stack.emplace_back();
-                stack.back().array = event == json::parse_event_t::array_start;
-                break;
-            case json::parse_event_t::key: {
-                frame& f = stack.back();
-                f.token = pointer_token(parsed.get<std::string>());
-                if (!f.keys.insert(f.token).second && error.empty()) {
-                    for (const auto& up : stack) error += "/" + up.token;
-                    error += ": duplicate key";
-                }
-                break;
-            }
-            case json::parse_event_t::object_end:
-            case json::parse_event_t::array_end: stack.pop_back(); break;
-            case json::parse_event_t::value: element(); break;
-        }
-        return true;
-    };
-    try {
-        *doc = json::parse(text, check);
-    } catch (const json::exception& e) {
-        return *why = std::string("not JSON: ") + e.what(), false;
+    void element() {
+        if (!stack_.empty() && stack_.back().array)
+            stack_.back().token = std::to_string(stack_.back().next++);
     }
-    if (!error.empty()) return *why = error, false;
+    void open(bool array) {
+        element();
+        stack_.emplace_back();
+        stack_.back().array = array;
+    }
+
+    nlohmann::detail::json_sax_dom_parser<json> dom_;
+    std::vector<frame> stack_;
+    std::string error_;
+};
+
+// Parses `text`, refusing a duplicate key with its pointer. Each open object or
+// array keeps only its own token, so the pointer is made only for a refusal and
+// deep nesting costs no more than its length.
+bool parse_strict(const std::string& text, json* doc, std::string* why) {
+    strict_sax sax(doc);
+    const bool parsed = json::sax_parse(text, &sax);
+    if (!sax.error().empty()) return *why = sax.error(), false;
+    if (!parsed) return *why = "not JSON", false;
     return true;
 }
 
