@@ -503,8 +503,10 @@ TEST(MessageProcesses, ConnectionsAreBoundedPerPeerAndInTotalAndIdleOnesAreCheap
     for (int fd : hold) close(fd);
     for (tevtest::child_process& peer : peers) peer.wait();
     for (int fd : open) close(fd);
-    for (int i = 0; i < 1000 && open_fds() != serving; ++i) std::this_thread::sleep_for(10ms);
-    EXPECT_EQ(serving, open_fds());
+    // No descriptor is left behind (the count may also drop below the mark when a
+    // descriptor open at the mark, not the service's, has been closed since).
+    for (int i = 0; i < 1000 && open_fds() > serving; ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_LE(open_fds(), serving);
     EXPECT_EQ(MSG_NO_OBJECT, send("BOUND", 1, 0, "abc"));  // served again
     EXPECT_TRUE(stop_serving("BOUND"));
 }
