@@ -21,13 +21,18 @@ runs = {b["run_name"]: b for b in json.loads(out)["benchmarks"]
 # Rows in a fixed order whatever order the repetitions ran in.
 ORDER = ["BM_read_itself", "BM_read_child", "BM_read_auth", "BM_write_auth", "BM_member_category",
          "BM_copy/1", "BM_copy/16", "BM_copy/256", "BM_create", "BM_create_processes",
-         "BM_create_processes_no_director", "BM_read_auth_threads", "BM_ipc_round_trip"]
+         "BM_create_processes_no_director", "BM_serve_create", "BM_read_auth_threads",
+         "BM_ipc_round_trip"]
 # Figures whose baseline is another library figure: the same create in one process.
 BASELINE = {"BM_create_processes": "BM_create", "BM_create_processes_no_director": "BM_create"}
 
 
+def bare_name(name):
+    return name.replace("/real_time", "").replace("/manual_time", "")
+
+
 def row_order(name):
-    name = name.replace("/real_time", "")
+    name = bare_name(name)
     ranks = [i for i, prefix in enumerate(ORDER) if name == prefix or name.startswith(prefix + "/")]
     return (ranks[-1] if ranks else len(ORDER), name)
 
@@ -38,13 +43,14 @@ for name, b in sorted(runs.items(), key=lambda item: row_order(item[0])):
         continue
     # Names measured in wall time end in "/real_time" (or carry it before their
     # arguments); their baseline is looked up by the bare name.
-    bare = name.replace("/real_time", "")
+    bare = bare_name(name)
     raw_name = BASELINE.get(bare, name.replace("BM_", "BM_raw_", 1))
     raw = runs.get(raw_name) or runs.get(raw_name.replace("_scan", "")) or runs.get(
         raw_name.replace("BM_raw_member_category", "BM_raw_member_category_scan"))
     # Threaded figures and work in other processes are wall time per operation
     # (the sender's CPU time leaves out the other side's work).
-    wall = "threads" in name or "round_trip" in name or bare in BASELINE or "/real_time" in name
+    wall = ("threads" in name or "round_trip" in name or bare in BASELINE or "/real_time" in name
+            or "/manual_time" in name)
     clock = "real_time" if wall else "cpu_time"
     t = b[clock]
     if raw:
@@ -55,17 +61,54 @@ for name, b in sorted(runs.items(), key=lambda item: row_order(item[0])):
     if "round_trip" in name and raw and "cpu_ns" in b and "cpu_ns" in raw:
         c, rc = b["cpu_ns"], raw["cpu_ns"]
         print(f"{'  CPU of both processes':44} {c:10.1f} {rc:10.1f} {c / rc:7.2f}")
+    # Creates through the service beside the raw relay: CPU per create of each process.
+    for counter, label in (("middle_cpu_ns", "service / relay"), ("end_cpu_ns", "director / end"),
+                           ("client_cpu_ns", "clients")):
+        if counter in b and raw and counter in raw and raw[counter]:
+            c, rc = b[counter], raw[counter]
+            print(f"{'  CPU per create, ' + label:44} {c:10.1f} {rc:10.1f} {c / rc:7.2f}")
     if name.startswith("BM_copy/"):
         n = int(name.split("/")[1])
         raw_per_child = f"{raw['cpu_time'] / n:10.1f}" if raw else ""
         print(f"{'  per child':44} {t / n:10.1f} {raw_per_child}")
+
+# The SQLite record store against a hand-written SQLite program doing the same
+# logical work (bench/sqlite_bench.cpp), when built beside the main binary: CPU
+# time per operation, autocommit (txn:0) and inside one transaction (txn:1).
+import os
+sqlite_bench = os.path.join(os.path.dirname(binary), "tevash_sqlite_bench")
+if os.path.exists(sqlite_bench):
+    out = subprocess.run([sqlite_bench, "--benchmark_format=json", "--benchmark_repetitions=9",
+                          "--benchmark_min_time=0.2", "--benchmark_enable_random_interleaving=true",
+                          "--benchmark_report_aggregates_only=true"], check=True,
+                         capture_output=True, text=True).stdout
+    aggregates = [b for b in json.loads(out)["benchmarks"] if b.get("run_type") == "aggregate"]
+    by = {(b["run_name"], b["aggregate_name"]): b["cpu_time"] for b in aggregates}
+    print()
+    print(f"{'SQLite store: CPU ns/op':36} {'store':>9} {'raw':>9} {'ratio':>6}"
+          f" {'min':>6} {'max':>6}")
+    ops = ["member_read", "member_write", "create/", "create_and_link", "unlink", "copy",
+           "child_by_order", "remove"]
+    rank = lambda name: ([i for i, op in enumerate(ops) if "BM_sqlite_" + op in name + "/"] +
+                         [len(ops)])[0]
+    for name in sorted((n for (n, agg) in by if agg == "median" and n.startswith("BM_sqlite_")),
+                       key=lambda n: (rank(n), n)):
+        t = by[(name, "median")]
+        raw_name = name.replace("BM_sqlite_", "BM_raw_sqlite_", 1)
+        r = by.get((raw_name, "median"))
+        # min and max: the fastest and slowest repetitions of each side, paired.
+        lo = by.get((name, "min")), by.get((raw_name, "min"))
+        hi = by.get((name, "max")), by.get((raw_name, "max"))
+        spread = (f" {lo[0] / lo[1]:6.2f} {hi[0] / hi[1]:6.2f}"
+                  if None not in lo and None not in hi else "")
+        label = name.replace("BM_sqlite_", "")
+        print(f"{label:36} {t:9.0f} {r:9.0f} {t / r:6.2f}{spread}" if r else f"{label:36} {t:9.0f}")
 
 # Scale of the record store (bench/scale_bench.cpp), when built beside the main
 # binary: cost per child of building, drawing and copying a job of 1k, 10k and
 # 100k children, and the ratio 100k / 1k (flat is 1.0). CPU time per child: on a
 # shared machine the wall time of the persistent store also holds other
 # processes' turns and the disk.
-import os
 scale = os.path.join(os.path.dirname(binary), "tevash_scale_bench")
 if os.path.exists(scale):
     out = subprocess.run([scale, "--benchmark_format=json"], check=True, capture_output=True,
@@ -88,3 +131,23 @@ if os.path.exists(scale):
         text = " ".join(f"{c:10.3f}" if c is not None else f"{'':>10}" for c in cells)
         ratio = f"{cells[2] / cells[0]:8.2f}" if cells[0] and cells[2] else ""
         print(f"{op + ', ' + store_kind:28} {text} {ratio}")
+
+# Monitoring and watching (bench/live_bench.cpp), when built beside the main
+# binary: a create through the service and a member write to the shared store,
+# wall time, with nothing attached and with one monitor or watcher.
+live = os.path.join(os.path.dirname(binary), "tevash_live_bench")
+if os.path.exists(live):
+    out = subprocess.run([live, "--benchmark_format=json", "--benchmark_repetitions=9",
+                          "--benchmark_min_time=0.2", "--benchmark_enable_random_interleaving=true",
+                          "--benchmark_report_aggregates_only=true"], check=True,
+                         capture_output=True, text=True).stdout
+    med = {b["run_name"]: b["real_time"] for b in json.loads(out)["benchmarks"]
+           if b.get("aggregate_name") == "median"}
+    print()
+    print(f"{'live: wall ns/op':36} {'none':>9} {'one':>9} {'ratio':>6}")
+    for op, arg in (("BM_create_monitored", "monitor"), ("BM_member_write_watched", "watcher")):
+        off = med.get(f"{op}/{arg}:0/real_time")
+        on = med.get(f"{op}/{arg}:1/real_time")
+        if off and on:
+            print(f"{op.replace('BM_', '') + ' (' + arg + ')':36} {off:9.0f} {on:9.0f}"
+                  f" {on / off:6.2f}")

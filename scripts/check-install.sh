@@ -3,14 +3,18 @@
 #   1. installs it into a temporary prefix and moves that elsewhere (the tree
 #      is relocatable), checks that the host library exports only the platform
 #      and tevhost:: and that the installed `tevash demo` runs;
-#   2. builds examples/ against the moved prefix with CMake and with pkg-config
-#      and runs both, and the CMake one installed into a prefix of its own;
-#   3. builds the Debian package with cpack, extracts it into a temporary root
-#      and runs its `tevash demo`. With TEVASH_CHECK_DPKG=1 (CI, as root on a
-#      throwaway machine) it also installs the package with apt-get, runs
-#      /usr/bin/tevash demo and removes the package again.
+#   2. builds examples/ (their sources only, whatever was built in the tree)
+#      against the moved prefix with CMake and with pkg-config and runs both,
+#      and the CMake one installed into a prefix of its own;
+#   3. builds the Debian packages (packaging/build-debs.sh), checks each with
+#      lintian (any error or warning fails; overrides only with a reason beside
+#      them), extracts them into a temporary root and runs its `tevash demo`.
+#      With TEVASH_CHECK_DPKG=1 (CI, as root on a throwaway machine) it also
+#      installs libtevash1 and libtevash-dev with dpkg and builds and runs the
+#      CMake example against them, then installs tevash, runs /usr/bin/tevash
+#      demo, checks the loader's cache has the libraries and purges all three.
 # Every ELF file of the build tree, the prefix, the examples' builds and the
-# package has no empty or relative run path entry (scripts/check-runpath.sh).
+# packages has no empty or relative run path entry (scripts/check-runpath.sh).
 # Nothing runs with LD_LIBRARY_PATH. Usage: scripts/check-install.sh [BUILD_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -107,10 +111,12 @@ check_exports libtevash_host.so.1 TEVASH_HOST_1 \
 step "installed tevash"
 expect_line "^tevash [0-9]" "$prefix/bin/tevash" --version
 demo_ok "$prefix/bin/tevash"
-[ -f "$prefix/share/man/man1/tevash.1" ] || fail "man page not installed"
+[ -f "$prefix/share/man/man1/tevash.1.gz" ] || fail "man page not installed"
 
 step "CMake consumer (examples/cmake)"
-cp -r examples "$tmp/examples"
+# The sources only: a build of the README's examples inside the tree stays there.
+(find examples -name build -prune -o -type f \( -name '*.cpp' -o -name CMakeLists.txt \
+    -o -name Makefile \) -print0 | xargs -0 cp --parents -t "$tmp")
 cmake -S "$tmp/examples/cmake" -B "$tmp/examples/cmake/build" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_INSTALL_PREFIX="$tmp/app" >/dev/null
 cmake --build "$tmp/examples/cmake/build" >/dev/null
@@ -128,23 +134,53 @@ expect_line "member 0x00360000 = 42" "$tmp/examples/pkg-config/app"
 scripts/check-runpath.sh "$tmp/examples" "$tmp/app"
 unset PKG_CONFIG_PATH
 
-step "Debian package"
-cpack --config "$build/CPackConfig.cmake" -G DEB -B "$tmp/deb" >"$tmp/cpack.log" 2>&1 ||
-    { cat "$tmp/cpack.log" >&2; fail "cpack -G DEB failed"; }
-deb=$(ls "$tmp"/deb/*.deb)
-echo "   $(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
-dpkg-deb -x "$deb" "$tmp/root"
+step "Debian packages"
+packaging/build-debs.sh "$build" "$tmp/deb" >"$tmp/debs" || fail "packaging/build-debs.sh failed"
+mapfile -t debs <"$tmp/debs"
+[ ${#debs[@]} -eq 3 ] || fail "expected 3 packages, got: ${debs[*]}"
+for deb in "${debs[@]}"; do
+    echo "   $(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
+    dpkg-deb -x "$deb" "$tmp/root"
+done
+lintian --fail-on error,warning "${debs[@]}" >"$tmp/lintian.log" 2>&1 ||
+    { cat "$tmp/lintian.log" >&2; fail "lintian found errors or warnings"; }
+echo "   lintian: no error or warning"
 scripts/check-runpath.sh "$tmp/root"
 demo_ok "$tmp/root/usr/bin/tevash"
-for f in usr/share/man/man1/tevash.1 usr/share/doc/tevash/LICENSE usr/lib/libtevash_service.a \
-    usr/include/tevash/tevhost/embedded_service.h; do
-    [ -f "$tmp/root/$f" ] || fail "the package lacks /$f"
+triplet=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+for f in usr/lib/$triplet/libtevash.so.1 usr/lib/$triplet/libtevash_host.so.1 \
+    usr/lib/$triplet/libtevash_service.a usr/include/tevash/tevhost/embedded_service.h \
+    usr/lib/$triplet/pkgconfig/tevash.pc usr/share/man/man1/tevash.1.gz \
+    usr/lib/systemd/user/tevash.socket; do
+    [ -e "$tmp/root/$f" ] || fail "the packages lack /$f"
 done
+# A tool that writes its shell completion has it installed where bash and zsh look.
+if "$tmp/root/usr/bin/tevash" completion bash >/dev/null 2>&1; then
+    for f in usr/share/bash-completion/completions/tevash usr/share/zsh/vendor-completions/_tevash; do
+        [ -s "$tmp/root/$f" ] || fail "the packages lack /$f"
+    done
+fi
 if [ "${TEVASH_CHECK_DPKG:-0}" = 1 ]; then
     [ "$(id -u)" -eq 0 ] || fail "TEVASH_CHECK_DPKG=1 needs root"
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$deb" >"$tmp/apt.log" 2>&1 ||
-        { cat "$tmp/apt.log" >&2; fail "the package does not install"; }
-    trap 'dpkg -P tevash >/dev/null; rm -rf "$tmp"' EXIT
+    trap 'dpkg -P tevash libtevash-dev libtevash1 >/dev/null 2>&1; rm -rf "$tmp"' EXIT
+    install_debs() { dpkg -i "$@" >"$tmp/dpkg.log" 2>&1 || { cat "$tmp/dpkg.log" >&2; fail "$* do not install"; }; }
+    # The library and its development files serve an application without the tool.
+    install_debs "${debs[@]:0:2}"
+    cmake -S "$tmp/examples/cmake" -B "$tmp/sys-app" >/dev/null
+    cmake --build "$tmp/sys-app" >/dev/null
+    expect_line "member 0x00360000 = 42" "$tmp/sys-app/app"
+    install_debs "${debs[2]}"
     demo_ok /usr/bin/tevash
+    cache=$(ldconfig -p)
+    for so in libtevash.so.1 libtevash_host.so.1; do
+        grep -q "^[[:space:]]*$so " <<<"$cache" || fail "$so is not in the loader's cache after install"
+    done
+    loaded=$(ldd /usr/bin/tevash | sed -n 's/.*libtevash\.so\.1 => \([^ ]*\).*/\1/p')
+    [ -n "$loaded" ] && [ "$(realpath "$loaded")" = "$(realpath "/usr/lib/$triplet/libtevash.so.1")" ] ||
+        fail "/usr/bin/tevash loads libtevash.so.1 from '$loaded', not the installed one"
+    dpkg -P tevash libtevash-dev libtevash1 >"$tmp/dpkg.log" 2>&1 ||
+        { cat "$tmp/dpkg.log" >&2; fail "the packages do not purge"; }
+    ! ldconfig -p | grep libtevash || fail "libtevash stays in the loader's cache after purge"
+    echo "   installed (an application built on libtevash-dev alone), ran and purged"
 fi
 echo "-- install check passed"

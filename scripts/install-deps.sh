@@ -2,7 +2,8 @@
 # Installs the Debian packages the build needs, only those missing.
 set -euo pipefail
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-      libsqlite3-dev libcli11-dev nlohmann-json3-dev pkg-config dpkg-dev make python3)
+      libsqlite3-dev libcli11-dev nlohmann-json3-dev pkg-config dpkg-dev make python3
+      lintian)  # lintian: ./run install-check checks the Debian packages with it
 # Extra packages named on the command line (e.g. gcovr, valgrind) are added.
 pkgs+=("$@")
 missing=()

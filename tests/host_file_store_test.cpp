@@ -91,7 +91,7 @@ bool write_records(unsigned int root, unsigned int count, int progress = -1) {
 // they were; no store is made through a dangling link.
 TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     const std::string text = dir_.path("notes.txt"), foreign = dir_.path("foreign.db");
-    const std::string older = dir_.path("v1.db"), newer = dir_.path("v3.db");
+    const std::string older = dir_.path("v1.db"), newer = dir_.path("v4.db");
     const std::string empty = dir_.path("empty.db"), dangling = dir_.path("dangling.db");
     std::ofstream(text) << "not a database at all, but long enough to look like one\n";
     std::ofstream{empty};
@@ -99,7 +99,7 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     ASSERT_THAT(raw_sql(foreign, "CREATE TABLE t(x); INSERT INTO t VALUES(5)"), ElementsAre());
     open();
     store_use_memory();  // closed: the file alone holds the store
-    for (const auto& [file, version] : {std::pair{older, "1"}, std::pair{newer, "3"}}) {
+    for (const auto& [file, version] : {std::pair{older, "1"}, std::pair{newer, "4"}}) {
         std::ofstream(file, std::ios::binary) << file_text(path());
         ASSERT_THAT(raw_sql(file, std::string("PRAGMA user_version = ") + version), ElementsAre());
     }
@@ -115,8 +115,8 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
         {foreign, store_access::read_only, "not a record store"},
         {older, store_access::read_write, "version 1 is not supported"},
         {older, store_access::read_only, "version 1 is not supported"},
-        {newer, store_access::read_write, "version 3 is not supported"},
-        {newer, store_access::read_only, "version 3 is not supported"},
+        {newer, store_access::read_write, "version 4 is not supported"},
+        {newer, store_access::read_only, "version 4 is not supported"},
     };
     for (const auto& [file, access, words] : cases) {
         std::string before = file_text(file), error;
@@ -130,6 +130,56 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     EXPECT_THAT(raw_sql(foreign, "SELECT x FROM t"), ElementsAre("5"));
     EXPECT_THAT(raw_sql(foreign, "PRAGMA journal_mode"), ElementsAre("delete"));
     EXPECT_EQ(1u, store_records().size());
+}
+
+// A store of the previous version (built here as that release wrote it: next_id
+// the first id not handed out, every record indexed) reads as it is when opened
+// read-only, and is migrated when opened to write: records, order and members
+// stay, and no id it handed out is handed out again, nor the largest one after
+// it is removed.
+TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
+    const std::string v2 = std::string(
+        "PRAGMA journal_mode = WAL; PRAGMA application_id = 1413830227;"
+        "PRAGMA user_version = 2; CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
+        "CREATE TABLE records(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"
+        " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"
+        " category_slot INTEGER NOT NULL DEFAULT 0);"
+        "CREATE INDEX records_by_slot ON records(parent, slot);"
+        "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot);"
+        "CREATE TABLE lists(parent INTEGER NOT NULL, category INTEGER NOT NULL, used INTEGER NOT"
+        " NULL, live INTEGER NOT NULL, top INTEGER NOT NULL, skipped INTEGER NOT NULL, head"
+        " INTEGER NOT NULL, PRIMARY KEY(parent, category)) WITHOUT ROWID;"
+        "CREATE TABLE holes(parent INTEGER NOT NULL, category INTEGER NOT NULL, node INTEGER NOT"
+        " NULL, count INTEGER NOT NULL, PRIMARY KEY(parent, category, node)) WITHOUT ROWID;"
+        "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL, kind INTEGER NOT"
+        " NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;"
+        "INSERT INTO meta VALUES('next_id', 90000);"  // 4 made, 5..89999 made and removed
+        "INSERT INTO records VALUES(1, 4, 0, 0, 0), (2, 8, 1, 1, 1), (3, 16, 1, 2, 1),"
+        " (4, 8, 1, 3, 2);"
+        "INSERT INTO lists VALUES(1, 0, 3, 3, 4, 0, 1), (1, 8, 2, 2, 2, 0, 1), (1, 16, 1, 1, 1, 0, "
+        "1);"
+        "INSERT INTO members VALUES(4, 1, 5, x'07000000');");
+    ASSERT_THAT(raw_sql(path(), v2), ElementsAre("wal"));
+    for (store_access access : {store_access::read_only, store_access::read_write}) {
+        std::string error;
+        ASSERT_TRUE(store_use_file(path(), &error, access)) << error;
+        unsigned int second_a = 0;
+        EXPECT_EQ(0u, S::wud_wud_service_info_get_child_link(CMP, JOB, 1, SET_A, 1, &second_a));
+        EXPECT_EQ(4u, second_a);
+        EXPECT_THAT(children(1), ElementsAre(2u, 3u, 4u));
+        EXPECT_EQ(7u, read_u32(4, 1));
+        store_use_memory();
+        EXPECT_THAT(raw_sql(path(), "PRAGMA user_version"),
+                    ElementsAre(access == store_access::read_only ? "2" : "3"));
+    }
+    EXPECT_THAT(raw_sql(path(), "SELECT count(*) FROM sqlite_master WHERE sql LIKE '%parent != 0'"),
+                ElementsAre("2"));
+    open();
+    const unsigned int made = make(SET_B);
+    EXPECT_GE(made, 90000u);
+    EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, made));
+    store_use_memory();
+    EXPECT_THAT(raw_sql(path(), "SELECT value FROM meta"), ElementsAre(std::to_string(made + 1)));
 }
 
 // A writer killed at many points while it replaces a job's children inside

@@ -3,11 +3,16 @@
 // (store_backend.h); the connection's own mutex (sqlite_db.h) serialises the
 // readers the shared lock lets in together.
 //
-// Every store operation is one transaction (BEGIN IMMEDIATE when it writes), so
-// a process killed at any point leaves the file at the last committed operation.
-// Several processes may share one file: the busy timeout makes a writer wait for
+// Every store operation is one transaction (BEGIN IMMEDIATE when it writes), or
+// one statement, which SQLite makes a transaction by itself: so a process killed
+// at any point leaves the file at the last committed operation. The common
+// operations are one statement each (a member read or write, a create, a child
+// by order on a list without holes); they fall back to several statements in a
+// transaction for the rest (a failure to explain, a list with holes). Several
+// processes may share one file: the busy timeout makes a writer wait for
 // another's transaction. Out-values are written only after the transaction
-// committed.
+// committed. Inside a store transaction a call takes no savepoint: one whose
+// SQLite statements fail partway fails the whole transaction (sqlite_db.h).
 #include <cstring>
 #include <memory>
 #include <string>
@@ -43,10 +48,16 @@ public:
     unsigned int make(unsigned int category, unsigned int* handler_id) override {
         if (category == 0) return STORE_BAD_CATEGORY;
         unsigned int id = 0;
-        unsigned int rc = write([&] {
-            id = new_record(category);
-            return id == 0 ? STORE_IO : 0u;
+        unsigned int rc = db_.single(true, [&] {
+            id = claim(category, next_hint_);
+            return 0u;
         });
+        if (rc == 0 && id == 0) {  // another process made or removed records meanwhile
+            rc = write([&] {
+                id = new_record(category);
+                return id == 0 ? STORE_IO : 0u;
+            });
+        }
         if (rc == 0) *handler_id = id;
         return rc;
     }
@@ -58,7 +69,8 @@ public:
         unsigned int rc = write([&] {
             record_row src;
             if (!find(src_handler_id, &src)) return STORE_NO_RECORD;
-            id = new_record(category);
+            id = claim(category, next_hint_);
+            if (id == 0) id = new_record(category);
             if (id == 0) return STORE_IO;
             copy_members(src_handler_id, id);
             return 0u;
@@ -69,10 +81,12 @@ public:
 
     unsigned int copy(unsigned int src_handler_id, unsigned int dst_handler_id) override {
         return write([&] {
-            record_row row;
-            if (!find(src_handler_id, &row) || !find(dst_handler_id, &row)) {
-                return STORE_NO_RECORD;
-            }
+            query q =
+                sql("SELECT EXISTS(SELECT 1 FROM records WHERE id = ?1)"
+                    " AND EXISTS(SELECT 1 FROM records WHERE id = ?2)");
+            q.bind(1, src_handler_id).bind(2, dst_handler_id);
+            if (!q.step()) throw db_failure{};
+            if (q.integer(0) == 0) return STORE_NO_RECORD;
             if (src_handler_id != dst_handler_id) {
                 sql("DELETE FROM members WHERE record = ?").bind(1, dst_handler_id).run();
                 copy_members(src_handler_id, dst_handler_id);
@@ -82,11 +96,12 @@ public:
     }
 
     unsigned int init(unsigned int handler_id) override {
-        return write([&] {
-            record_row row;
-            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+        // A record that is missing now never comes back (ids are not reused), so
+        // the check after the change reads the same as one before it.
+        return db_.single(true, [&] {
             sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
-            return 0u;
+            record_row row;
+            return db_.changes() > 0 || find(handler_id, &row) ? 0u : STORE_NO_RECORD;
         });
     }
 
@@ -94,14 +109,22 @@ public:
         return write([&] {
             record_row row;
             if (!find(handler_id, &row)) return STORE_NO_RECORD;
-            if (row.parent != 0) unlink(handler_id, row);
+            sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
+            if (row.parent != 0) erase(row.parent, row.category, row.slot, row.category_slot);
             sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
-            sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE parent = ?")
+            sql("DELETE FROM lists WHERE parent = ?").bind(1, handler_id).run();
+            if (db_.changes() > 0) {  // it had children: they are left unlinked
+                sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0"
+                    " WHERE parent = ?1 AND parent != 0")
+                    .bind(1, handler_id)
+                    .run();
+                sql("DELETE FROM holes WHERE parent = ?").bind(1, handler_id).run();
+            }
+            // The largest id leaves its mark, so that it is never handed out again.
+            sql("UPDATE meta SET value = ?1 + 1 WHERE key = 'next_id' AND value <= ?1"
+                " AND NOT EXISTS(SELECT 1 FROM records WHERE id > ?1)")
                 .bind(1, handler_id)
                 .run();
-            sql("DELETE FROM lists WHERE parent = ?").bind(1, handler_id).run();
-            sql("DELETE FROM holes WHERE parent = ?").bind(1, handler_id).run();
-            sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
             return 0u;
         });
     }
@@ -118,13 +141,13 @@ public:
             }
             if (child.parent != 0) return STORE_HAS_PARENT;
             // The child may not be the parent or one of its ancestors.
-            record_row up = parent;
-            for (unsigned int id = parent_handler_id; id != 0; id = up.parent) {
-                if (id == child_handler_id) return STORE_CYCLE;
-                if (!find(id, &up)) break;
+            if (parent_handler_id == child_handler_id) return STORE_CYCLE;
+            for (record_row up = parent; up.parent != 0;) {
+                if (up.parent == child_handler_id) return STORE_CYCLE;
+                if (!find(up.parent, &up)) break;
             }
-            const long long slot = append(parent_handler_id, 0);
-            const long long category_slot = append(parent_handler_id, child_category);
+            long long slot = 0, category_slot = 0;
+            append(parent_handler_id, child_category, &slot, &category_slot);
             sql("UPDATE records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
                 .bind(1, parent_handler_id)
                 .bind(2, slot)
@@ -149,74 +172,28 @@ public:
     unsigned int child(unsigned int parent_category, unsigned int parent_handler_id,
                        unsigned int child_category, unsigned int order,
                        unsigned int* child_handler_id) override {
-        unsigned int found = 0;
-        unsigned int rc = read([&] {
-            record_row parent;
-            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
-            if (parent.category != parent_category) return STORE_BAD_CATEGORY;
-            const order_state list = load_list(parent_handler_id, child_category);
-            if (order >= list.live) return STORE_NO_LINK;
-            query q = sql(
-                "SELECT id FROM records WHERE parent = ? AND category = ? AND category_slot = ?");
-            q.bind(1, parent_handler_id)
-                .bind(2, child_category)
-                .bind(3, slot_of(parent_handler_id, child_category, list, order));
-            if (!q.step()) throw db_failure{};
-            found = static_cast<unsigned int>(q.integer(0));
-            return 0u;
-        });
-        if (rc == 0) *child_handler_id = found;
-        return rc;
+        return child_at(&parent_category, parent_handler_id, child_category, order,
+                        child_handler_id);
     }
 
     unsigned int child_count(unsigned int parent_category, unsigned int parent_handler_id,
                              unsigned int child_category, unsigned int* count) override {
-        unsigned int n = 0;
-        unsigned int rc = read([&] {
-            record_row parent;
-            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
-            if (parent.category != parent_category) return STORE_BAD_CATEGORY;
-            n = static_cast<unsigned int>(load_list(parent_handler_id, child_category).live);
-            return 0u;
-        });
-        if (rc == 0) *count = n;
-        return rc;
+        return count_of(&parent_category, parent_handler_id, child_category, count);
     }
 
     unsigned int child_direct(unsigned int parent_handler_id, unsigned int order,
                               unsigned int* child_handler_id) override {
-        unsigned int found = 0;
-        unsigned int rc = read([&] {
-            record_row parent;
-            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
-            const order_state list = load_list(parent_handler_id, 0);
-            if (order >= list.live) return STORE_NO_LINK;
-            query q = sql("SELECT id FROM records WHERE parent = ? AND slot = ?");
-            q.bind(1, parent_handler_id).bind(2, slot_of(parent_handler_id, 0, list, order));
-            if (!q.step()) throw db_failure{};
-            found = static_cast<unsigned int>(q.integer(0));
-            return 0u;
-        });
-        if (rc == 0) *child_handler_id = found;
-        return rc;
+        return child_at(nullptr, parent_handler_id, 0, order, child_handler_id);
     }
 
     unsigned int child_count_direct(unsigned int parent_handler_id, unsigned int* count) override {
-        unsigned int n = 0;
-        unsigned int rc = read([&] {
-            record_row parent;
-            if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
-            n = static_cast<unsigned int>(load_list(parent_handler_id, 0).live);
-            return 0u;
-        });
-        if (rc == 0) *count = n;
-        return rc;
+        return count_of(nullptr, parent_handler_id, 0, count);
     }
 
     unsigned int parent(unsigned int child_category, unsigned int child_handler_id,
                         unsigned int* parent_handler_id) override {
         record_row row{0, 0, 0, 0};
-        unsigned int rc = read([&] {
+        unsigned int rc = read_one([&] {
             if (!find(child_handler_id, &row)) return STORE_NO_RECORD;
             if (row.category != child_category) return STORE_BAD_CATEGORY;
             if (row.parent == 0) return STORE_NO_LINK;
@@ -228,26 +205,44 @@ public:
 
     unsigned int category(unsigned int handler_id, unsigned int* category) override {
         record_row row{0, 0, 0, 0};
-        unsigned int rc = read([&] { return find(handler_id, &row) ? 0u : STORE_NO_RECORD; });
+        unsigned int rc = read_one([&] { return find(handler_id, &row) ? 0u : STORE_NO_RECORD; });
         if (rc == 0) *category = row.category;
         return rc;
     }
 
     unsigned int get(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      void* value) override {
-        std::vector<unsigned char> bytes;
-        const unsigned int rc = read([&] {
+        // One statement: nothing is written before it has read all it needs.
+        return read_one([&] {
             return read_member(handler_id, member_id, decl, [&](const member_view& v) {
-                bytes.assign(v.data, v.data + v.size);
+                if (v.size != 0) std::memcpy(value, v.data, v.size);
             });
         });
-        if (rc == 0 && !bytes.empty()) std::memcpy(value, bytes.data(), bytes.size());
-        return rc;
     }
 
     unsigned int set(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                      const unsigned char* bytes, unsigned int width, member_kind kind,
                      bool exact) override {
+        // A known width that the declaration (if any) agrees with is written in
+        // one statement, which stores nothing unless the record exists and a
+        // value stored already has that width; the write rule then holds. The
+        // rest, and every refusal, take the full rule in a transaction.
+        if (width != 0 && (decl == nullptr || decl->width == width)) {
+            bool written = false;
+            const member_kind stored_kind = exact || decl == nullptr ? kind : decl->kind;
+            for (const char* text :
+                 {exact ? kUpdateExact : kUpdate, exact ? kUpsertExact : kUpsert}) {
+                const unsigned int rc = db_.single(true, [&] {
+                    query q = sql(text);
+                    q.bind(1, handler_id).bind(2, member_id).bind_blob(3, bytes, width);
+                    if (exact || text != kUpdate) q.bind(4, static_cast<long long>(stored_kind));
+                    q.run();
+                    written = db_.changes() > 0;
+                    return 0u;
+                });
+                if (rc != 0 || written) return rc;
+            }
+        }
         return write([&] {
             record_row row;
             if (!find(handler_id, &row)) return STORE_NO_RECORD;
@@ -270,7 +265,7 @@ public:
     unsigned int member(unsigned int handler_id, unsigned int member_id, const member_decl* decl,
                         member_value* out) override {
         member_value v{};
-        const unsigned int rc = read([&] {
+        const unsigned int rc = read_one([&] {
             return read_member(handler_id, member_id, decl, [&](const member_view& found) {
                 v = to_member_value(member_id, found);
             });
@@ -281,7 +276,7 @@ public:
 
     std::vector<member_value> members(unsigned int handler_id) override {
         std::vector<member_value> out;
-        const unsigned int rc = read([&] {
+        const unsigned int rc = read_one([&] {
             out.clear();
             query q =
                 sql("SELECT kind, value, member FROM members WHERE record = ?"
@@ -298,6 +293,9 @@ public:
 
     void clear() override {
         write([&] {
+            sql("UPDATE meta SET value = max(value, (SELECT coalesce(max(id), 0) + 1 FROM records))"
+                " WHERE key = 'next_id'")
+                .run();
             sql("DELETE FROM members").run();
             sql("DELETE FROM records").run();
             sql("DELETE FROM lists").run();
@@ -306,9 +304,18 @@ public:
         });
     }
 
-    unsigned int begin() override { return db_.begin(); }
-    unsigned int commit() override { return db_.commit(); }
-    void rollback() override { db_.rollback(); }
+    unsigned int begin() override {
+        hint_exact_ = false;
+        return db_.begin();
+    }
+    unsigned int commit() override {
+        hint_exact_ = false;
+        return db_.commit();
+    }
+    void rollback() override {
+        hint_exact_ = false;
+        db_.rollback();
+    }
     bool read_only() const override { return db_.read_only(); }
 
     bool backup(const std::string& path, std::string* error) override {
@@ -317,7 +324,7 @@ public:
 
     std::vector<record_info> records() override {
         std::vector<record_info> out;
-        unsigned int rc = read([&] {
+        unsigned int rc = read_one([&] {
             out.clear();
             query q = sql("SELECT id, category, parent FROM records ORDER BY id");
             while (q.step()) {
@@ -332,6 +339,43 @@ public:
     }
 
 private:
+    // Members written in one statement (set): a stored value of the same width
+    // (or of none) replaced, else the member inserted when the record exists
+    // (or a stored value so replaced, should it have been stored meanwhile).
+    static constexpr const char kUpdate[] =
+        "UPDATE members SET value = ?3 WHERE record = ?1 AND member = ?2"
+        " AND length(value) IN (0, length(?3))";
+    static constexpr const char kUpdateExact[] =
+        "UPDATE members SET value = ?3, kind = ?4 WHERE record = ?1 AND member = ?2"
+        " AND length(value) IN (0, length(?3))";
+    static constexpr const char kUpsert[] =
+        "INSERT INTO members(record, member, value, kind) SELECT ?1, ?2, ?3, ?4 FROM records"
+        " WHERE id = ?1 ON CONFLICT(record, member) DO UPDATE SET value = excluded.value"
+        " WHERE length(members.value) IN (0, length(excluded.value))";
+    static constexpr const char kUpsertExact[] =
+        "INSERT INTO members(record, member, value, kind) SELECT ?1, ?2, ?3, ?4 FROM records"
+        " WHERE id = ?1 ON CONFLICT(record, member) DO UPDATE SET kind = excluded.kind,"
+        " value = excluded.value WHERE length(members.value) IN (0, length(excluded.value))";
+    // The parent's category, the list's child count, whether the list has no
+    // holes, and the child at slot skipped + order + 1 (the child at `order`
+    // when it has none). ?1 parent, ?2 order, ?3 category.
+    static constexpr const char kChildAll[] =
+        "SELECT p.category, l.live, l.used = l.live + l.skipped,"
+        " (SELECT id FROM records WHERE parent = ?1 AND parent != 0"
+        "  AND slot = l.skipped + ?2 + 1)"
+        " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = 0 WHERE p.id = ?1";
+    static constexpr const char kChildOf[] =
+        "SELECT p.category, l.live, l.used = l.live + l.skipped,"
+        " (SELECT id FROM records WHERE parent = ?1 AND parent != 0 AND category = ?3"
+        "  AND category_slot = l.skipped + ?2 + 1)"
+        " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = ?3 WHERE p.id = ?1";
+    // A record with id ?1 unless the file handed that id out already: a record
+    // at or above it, or the mark a removed one left in meta.
+    static constexpr const char kClaim[] =
+        "INSERT INTO records(id, category) SELECT ?1, ?2"
+        " WHERE ?1 > (SELECT coalesce(max(id), 0) FROM records)"
+        " AND ?1 >= (SELECT value FROM meta WHERE key = 'next_id')";
+
     template <typename Body>
     unsigned int write(Body body) {
         return db_.transact(true, body);
@@ -340,49 +384,151 @@ private:
     unsigned int read(Body body) {
         return db_.transact(false, body);
     }
+    // A read in one statement.
+    template <typename Body>
+    unsigned int read_one(Body body) {
+        return db_.single(false, body);
+    }
     query sql(const char* text) { return db_.sql(text); }
 
-    // REQUIRES: inside a transaction.
+    static record_row row_of(const query& q) {
+        return record_row{static_cast<unsigned int>(q.integer(0)),
+                          static_cast<unsigned int>(q.integer(1)), q.integer(2), q.integer(3)};
+    }
+    // REQUIRES: inside a body.
     bool find(unsigned int handler_id, record_row* row) {
         query q = sql("SELECT category, parent, slot, category_slot FROM records WHERE id = ?");
         q.bind(1, handler_id);
         if (!q.step()) return false;
-        *row = record_row{static_cast<unsigned int>(q.integer(0)),
-                          static_cast<unsigned int>(q.integer(1)), q.integer(2), q.integer(3)};
+        *row = row_of(q);
         return true;
     }
 
+    // The child at `order` among the children of `category` (0: all) of the
+    // parent, whose category is checked unless `parent_category` is null. One
+    // statement, unless the list has holes.
+    unsigned int child_at(const unsigned int* parent_category, unsigned int parent_handler_id,
+                          unsigned int category, unsigned int order,
+                          unsigned int* child_handler_id) {
+        unsigned int found = 0;
+        bool holes = false;
+        unsigned int rc = read_one([&] {
+            query q = category == 0 ? sql(kChildAll) : sql(kChildOf);
+            q.bind(1, parent_handler_id).bind(2, order);
+            if (category != 0) q.bind(3, category);
+            if (!q.step()) return STORE_NO_RECORD;
+            if (parent_category != nullptr && q.integer(0) != *parent_category) {
+                return STORE_BAD_CATEGORY;
+            }
+            if (order >= q.count(1)) return STORE_NO_LINK;
+            holes = q.integer(2) == 0;
+            if (!holes && q.is_null(3)) throw db_failure{};
+            found = static_cast<unsigned int>(q.integer(3));
+            return 0u;
+        });
+        if (rc == 0 && holes) {
+            rc = read([&] {
+                record_row parent;
+                if (!find(parent_handler_id, &parent)) return STORE_NO_RECORD;
+                if (parent_category != nullptr && parent.category != *parent_category) {
+                    return STORE_BAD_CATEGORY;
+                }
+                const order_state list = load_list(parent_handler_id, category);
+                if (order >= list.live) return STORE_NO_LINK;
+                query q = category == 0
+                              ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
+                                    " AND slot = ?2")
+                              : sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
+                                    " AND category_slot = ?2 AND category = ?3");
+                q.bind(1, parent_handler_id)
+                    .bind(2, slot_of(parent_handler_id, category, list, order));
+                if (category != 0) q.bind(3, category);
+                if (!q.step()) throw db_failure{};
+                found = static_cast<unsigned int>(q.integer(0));
+                return 0u;
+            });
+        }
+        if (rc == 0) *child_handler_id = found;
+        return rc;
+    }
+
+    // The number of children of `category` (0: all), as child_at.
+    unsigned int count_of(const unsigned int* parent_category, unsigned int parent_handler_id,
+                          unsigned int category, unsigned int* count) {
+        unsigned int n = 0;
+        unsigned int rc = read_one([&] {
+            query q =
+                sql("SELECT category, (SELECT live FROM lists WHERE parent = ?1 AND category = ?2)"
+                    " FROM records WHERE id = ?1");
+            q.bind(1, parent_handler_id).bind(2, category);
+            if (!q.step()) return STORE_NO_RECORD;
+            if (parent_category != nullptr && q.integer(0) != *parent_category) {
+                return STORE_BAD_CATEGORY;
+            }
+            n = static_cast<unsigned int>(q.count(1));
+            return 0u;
+        });
+        if (rc == 0) *count = n;
+        return rc;
+    }
+
     // ---- Link order (lists and holes). Category 0 is the list of all children.
-    // REQUIRES: inside a transaction (a write one to change anything).
+    // REQUIRES: inside a body (a writing one to change anything).
 
     order_state load_list(unsigned int parent, unsigned int category) {
         query q = sql(
             "SELECT used, live, top, skipped, head FROM lists WHERE parent = ? AND category = ?");
         q.bind(1, parent).bind(2, category);
         order_state st;
-        if (!q.step()) return st;
-        st.used = q.count(0);
-        st.live = q.count(1);
-        st.top = q.count(2);
-        st.skipped = q.count(3);
-        st.head = q.count(4);
+        if (q.step()) st = state_of(q, 0);
         return st;
     }
-
-    void store_list(unsigned int parent, unsigned int category, const order_state& st) {
-        sql("INSERT OR REPLACE INTO lists(parent, category, used, live, top, skipped, head)"
-            " VALUES(?, ?, ?, ?, ?, ?, ?)")
-            .bind(1, parent)
-            .bind(2, category)
-            .bind(3, static_cast<long long>(st.used))
-            .bind(4, static_cast<long long>(st.live))
-            .bind(5, static_cast<long long>(st.top))
-            .bind(6, static_cast<long long>(st.skipped))
-            .bind(7, static_cast<long long>(st.head))
-            .run();
+    static order_state state_of(const query& q, int first) {
+        order_state st;
+        st.used = q.count(first);
+        st.live = q.count(first + 1);
+        st.top = q.count(first + 2);
+        st.skipped = q.count(first + 3);
+        st.head = q.count(first + 4);
+        return st;
+    }
+    // The list of all children and that of `category`, in one statement.
+    void load_lists(unsigned int parent, unsigned int category, order_state* all,
+                    order_state* mine) {
+        query q = sql(
+            "SELECT 0, used, live, top, skipped, head FROM lists WHERE parent = ?1 AND category = 0"
+            " UNION ALL SELECT 1, used, live, top, skipped, head FROM lists"
+            " WHERE parent = ?1 AND category = ?2");
+        q.bind(1, parent).bind(2, category);
+        while (q.step()) *(q.integer(0) == 0 ? all : mine) = state_of(q, 1);
+    }
+    // Stores the two lists in one statement (`all` may be null).
+    void store_lists(unsigned int parent, unsigned int category, const order_state& mine,
+                     const order_state* all) {
+        query q = all != nullptr
+                      ? sql("INSERT INTO lists(parent, category, used, live, top, skipped, head)"
+                            " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7), (?1, 0, ?8, ?9, ?10, ?11, ?12)"
+                            " ON CONFLICT(parent, category) DO UPDATE SET used = excluded.used,"
+                            " live = excluded.live, top = excluded.top, skipped = excluded.skipped,"
+                            " head = excluded.head")
+                      : sql("INSERT INTO lists(parent, category, used, live, top, skipped, head)"
+                            " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"
+                            " ON CONFLICT(parent, category) DO UPDATE SET used = excluded.used,"
+                            " live = excluded.live, top = excluded.top, skipped = excluded.skipped,"
+                            " head = excluded.head");
+        q.bind(1, parent).bind(2, category);
+        int index = 3;
+        for (const order_state* st : {&mine, all}) {
+            if (st == nullptr) break;
+            for (unsigned long long v : {st->used, st->live, st->top, st->skipped, st->head}) {
+                q.bind(index++, static_cast<long long>(v));
+            }
+        }
+        q.run();
     }
 
-    // The node storage of one list for order_state.
+    // The node storage of one list for order_state. Holes added along a chain
+    // of nodes (an erase) are gathered and written by flush() in one statement.
     struct list_nodes {
         file_backend& b;
         unsigned int parent, category;
@@ -406,15 +552,37 @@ private:
         }
         unsigned long long next_child(unsigned long long slot) const {
             query q = category == 0
-                          ? b.sql("SELECT min(slot) FROM records WHERE parent = ? AND slot > ?")
+                          ? b.sql(
+                                "SELECT min(slot) FROM records WHERE parent = ?1"
+                                " AND parent != 0 AND slot > ?2")
                           : b.sql(
-                                "SELECT min(category_slot) FROM records WHERE parent = ?"
-                                " AND category = ? AND category_slot > ?");
-            q.bind(1, parent);
-            if (category != 0) q.bind(2, category);
-            q.bind(category == 0 ? 2 : 3, static_cast<long long>(slot));
+                                "SELECT min(category_slot) FROM records WHERE parent = ?1"
+                                " AND parent != 0 AND category = ?3 AND category_slot > ?2");
+            q.bind(1, parent).bind(2, static_cast<long long>(slot));
+            if (category != 0) q.bind(3, category);
             if (!q.step()) throw db_failure{};
             return q.count(0);
+        }
+    };
+    // An erase's node storage: the holes it adds, one to each node of a chain,
+    // are written together by flush() in one statement.
+    struct erase_nodes : list_nodes {
+        std::string nodes;  // a JSON array of the nodes
+        void add_holes(unsigned long long node, unsigned long long n) {
+            if (n != 1) throw db_failure{};
+            nodes += (nodes.empty() ? "[" : ",") + std::to_string(node);
+        }
+        void flush() {
+            if (nodes.empty()) return;
+            nodes += "]";
+            b.sql(
+                 "INSERT INTO holes(parent, category, node, count)"
+                 " SELECT ?1, ?2, value, 1 FROM json_each(?3) WHERE true"
+                 " ON CONFLICT(parent, category, node) DO UPDATE SET count = count + 1")
+                .bind(1, parent)
+                .bind(2, category)
+                .bind_text(3, nodes.c_str())
+                .run();
         }
     };
 
@@ -425,19 +593,36 @@ private:
         return static_cast<long long>(order_slot(st, order, nodes));
     }
 
-    // Returns the slot for a child appended to the list.
-    long long append(unsigned int parent, unsigned int category) {
-        order_state st = load_list(parent, category);
-        list_nodes nodes{*this, parent, category};
-        const unsigned long long slot = order_append(st, nodes);
-        store_list(parent, category, st);
-        return static_cast<long long>(slot);
+    // Appends a child of `category` to the parent's lists: sets the slots it
+    // takes in the list of all children and in that of its category.
+    void append(unsigned int parent, unsigned int category, long long* slot,
+                long long* category_slot) {
+        order_state all, mine;
+        load_lists(parent, category, &all, &mine);
+        list_nodes all_nodes{*this, parent, 0}, mine_nodes{*this, parent, category};
+        *slot = static_cast<long long>(order_append(all, all_nodes));
+        *category_slot = static_cast<long long>(order_append(mine, mine_nodes));
+        store_lists(parent, category, mine, &all);
     }
 
-    // Takes the child at `slot` out of the list. REQUIRES: its record no longer
-    // lists it there.
-    void erase(unsigned int parent, unsigned int category, long long slot) {
-        order_state st = load_list(parent, category);
+    // Takes a child of `category` out of the parent's lists, where it had
+    // `slot` and `category_slot`. REQUIRES: its record no longer lists it there.
+    void erase(unsigned int parent, unsigned int category, long long slot,
+               long long category_slot) {
+        order_state all, mine;
+        load_lists(parent, category, &all, &mine);
+        const bool all_kept = erase_from(parent, 0, slot, all);
+        const bool mine_kept = erase_from(parent, category, category_slot, mine);
+        if (all_kept && mine_kept) {
+            store_lists(parent, category, mine, &all);
+        } else if (all_kept || mine_kept) {
+            store_lists(parent, all_kept ? 0 : category, all_kept ? all : mine, nullptr);
+        }
+    }
+
+    // Takes the child at `slot` out of the list `st`; false when that was its
+    // last child (the list is gone).
+    bool erase_from(unsigned int parent, unsigned int category, long long slot, order_state& st) {
         if (st.live <= 1) {
             sql("DELETE FROM lists WHERE parent = ? AND category = ?")
                 .bind(1, parent)
@@ -447,23 +632,25 @@ private:
                 .bind(1, parent)
                 .bind(2, category)
                 .run();
-            return;
+            return false;
         }
-        list_nodes nodes{*this, parent, category};
+        erase_nodes nodes{{*this, parent, category}, {}};
         if (order_erase(st, static_cast<unsigned long long>(slot), nodes)) {
             st = pack(parent, category, st.live);
+        } else {
+            nodes.flush();
         }
-        store_list(parent, category, st);
+        return true;
     }
-
     // Renumbers the children in the list 1..live and drops its holes.
     order_state pack(unsigned int parent, unsigned int category, unsigned long long live) {
         std::vector<long long> ids;
         {
-            query q = category == 0 ? sql("SELECT id FROM records WHERE parent = ? AND slot > 0"
-                                          " ORDER BY slot")
-                                    : sql("SELECT id FROM records WHERE parent = ? AND category = ?"
-                                          " AND category_slot > 0 ORDER BY category_slot");
+            query q = category == 0 ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
+                                          " AND slot > 0 ORDER BY slot")
+                                    : sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
+                                          " AND category = ?2 AND category_slot > 0"
+                                          " ORDER BY category_slot");
             q.bind(1, parent);
             if (category != 0) q.bind(2, category);
             while (q.step()) ids.push_back(q.integer(0));
@@ -488,12 +675,11 @@ private:
         sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE id = ?")
             .bind(1, handler_id)
             .run();
-        erase(row.parent, 0, row.slot);
-        erase(row.parent, row.category, row.category_slot);
+        erase(row.parent, row.category, row.slot, row.category_slot);
     }
 
     // Returns `use(stored)`, `stored` the member's stored value (null when the
-    // record holds none). REQUIRES: inside a transaction.
+    // record holds none). REQUIRES: inside a body.
     template <typename Use>
     unsigned int with_stored(unsigned int handler_id, unsigned int member_id, Use use) {
         query q = sql("SELECT kind, value FROM members WHERE record = ? AND member = ?");
@@ -511,51 +697,62 @@ private:
     }
 
     // Calls `use` with what a read of the member reports (read_rule) and returns
-    // 0, or returns the failure. REQUIRES: inside a transaction.
+    // 0, or returns the failure. One statement: a member is stored only for a
+    // record that exists, so the record is looked up only when it has none.
     template <typename Use>
     unsigned int read_member(unsigned int handler_id, unsigned int member_id,
                              const member_decl* decl, Use use) {
-        record_row row;
-        if (!find(handler_id, &row)) return STORE_NO_RECORD;
-        return with_stored(handler_id, member_id, [&](const member_view* stored) {
-            member_view out{};
-            const unsigned int rc = read_rule(stored, decl, &out);
-            if (rc == 0) use(out);
-            return rc;
-        });
+        query q =
+            sql("SELECT kind, value FROM members WHERE record = ?1 AND member = ?2"
+                " UNION ALL SELECT NULL, NULL FROM records WHERE id = ?1 LIMIT 1");
+        q.bind(1, handler_id).bind(2, member_id);
+        if (!q.step()) return STORE_NO_RECORD;
+        const bool stored = !q.is_null(0);
+        const member_view v = stored ? view(q) : member_view{};
+        member_view out{};
+        const unsigned int rc = read_rule(stored ? &v : nullptr, decl, &out);
+        if (rc == 0) use(out);
+        return rc;
     }
 
-    // Returns the counter `key` of the meta table and stores it plus one.
-    // REQUIRES: inside a write transaction.
-    long long take_meta(const char* key) {
-        long long value = 0;
-        {
-            query q = sql("SELECT value FROM meta WHERE key = ?");
-            q.bind_text(1, key);
-            if (!q.step()) throw db_failure{};
-            value = q.integer(0);
-        }
-        store_meta(key, value + 1);
-        return value;
-    }
-
-    void store_meta(const char* key, long long value) {
-        sql("UPDATE meta SET value = ? WHERE key = ?").bind(1, value).bind_text(2, key).run();
-    }
-
-    // Makes an unlinked record without members; 0 when the ids are used up.
-    // REQUIRES: inside a write transaction.
-    unsigned int new_record(unsigned int category) {
-        long long next = take_meta("next_id");
-        if (next < 1 || next > 0xFFFFFFFFLL) return 0;
-        unsigned int id = take_handler_id(static_cast<unsigned int>(next));
+    // Inserts an unlinked record of `category` with the first id this process
+    // may hand out at or above `floor`, unless the file has handed that id out.
+    // Returns the id, or 0 when nothing was inserted (the id taken from the
+    // process is spent either way: ids may skip, never repeat). Inside a write
+    // transaction in which a record was made, no other process has made one
+    // since, so the check is left out. REQUIRES: inside a writing body.
+    unsigned int claim(unsigned int category, unsigned int floor) {
+        const unsigned int id = take_handler_id(floor);
         if (id == 0) return 0;
-        store_meta("next_id", static_cast<long long>(id) + 1);
-        sql("INSERT INTO records(id, category) VALUES(?, ?)").bind(1, id).bind(2, category).run();
+        const bool known = hint_exact_ && db_.in_write_transaction();
+        (known ? sql("INSERT INTO records(id, category) VALUES(?1, ?2)") : sql(kClaim))
+            .bind(1, id)
+            .bind(2, category)
+            .run();
+        if (db_.changes() == 0) return 0;
+        next_hint_ = id + 1;
+        hint_exact_ = db_.in_write_transaction();
         return id;
     }
 
-    // REQUIRES: inside a write transaction; `to` has no members.
+    // Makes an unlinked record without members; 0 when the ids are used up. The
+    // first id the file has not handed out: above every record, and at least
+    // the mark the largest removed one left. REQUIRES: inside a write
+    // transaction.
+    unsigned int new_record(unsigned int category) {
+        long long next = 0;
+        {
+            query q =
+                sql("SELECT max((SELECT coalesce(max(id), 0) + 1 FROM records),"
+                    " (SELECT value FROM meta WHERE key = 'next_id'))");
+            if (!q.step()) throw db_failure{};
+            next = q.integer(0);
+        }
+        if (next < 1 || next > 0xFFFFFFFFLL) return 0;
+        return claim(category, static_cast<unsigned int>(next));
+    }
+
+    // REQUIRES: inside a writing body; `to` has no members.
     void copy_members(unsigned int from, unsigned int to) {
         sql("INSERT INTO members(record, member, kind, value)"
             " SELECT ?, member, kind, value FROM members WHERE record = ?")
@@ -564,6 +761,10 @@ private:
             .run();
     }
 
+    // The id a create tries first: one past the last this backend made.
+    unsigned int next_hint_ = 1;
+    // Whether no other process can have made a record since (see claim).
+    bool hint_exact_ = false;
     sqlite_db db_;
 };
 

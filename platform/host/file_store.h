@@ -4,10 +4,15 @@
 //
 // One SQLite database file in WAL mode. Layout (PRAGMA user_version
 // kSchemaVersion, PRAGMA application_id kApplicationId):
-//   meta(key, value)            next_id: the first id not handed out yet
+//   meta(key, value)            next_id: no id below it is handed out again;
+//                               the first id not handed out yet is the larger
+//                               of it and the largest record id + 1 (it is
+//                               raised only when the largest record goes)
 //   records(id, category, parent, slot, category_slot)
 //                               parent 0 when unlinked; slot orders a parent's
-//                               children, category_slot those of one category
+//                               children, category_slot those of one category;
+//                               indexed for linked records only (a query on
+//                               them says `parent != 0` to use the indexes)
 //   lists(parent, category, used, live, top, skipped, head)
 //                               one per parent with children (category 0) and
 //                               per category among them: its order_state
@@ -31,7 +36,10 @@
 namespace tevhost {
 namespace detail {
 
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
+// Version 2 kept next_id as the first id not handed out and indexed every
+// record; it is read as it is and migrated when opened for writing.
+constexpr int kOldSchemaVersion = 2;
 constexpr int kApplicationId = 0x54455653;  // "TEVS"
 
 constexpr const char kCreateSchema[] =
@@ -40,8 +48,9 @@ constexpr const char kCreateSchema[] =
     "CREATE TABLE records(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"
     " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"
     " category_slot INTEGER NOT NULL DEFAULT 0);"
-    "CREATE INDEX records_by_slot ON records(parent, slot);"
-    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot);"
+    "CREATE INDEX records_by_slot ON records(parent, slot) WHERE parent != 0;"
+    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"
+    " WHERE parent != 0;"
     "CREATE TABLE lists(parent INTEGER NOT NULL, category INTEGER NOT NULL,"
     " used INTEGER NOT NULL, live INTEGER NOT NULL, top INTEGER NOT NULL,"
     " skipped INTEGER NOT NULL, head INTEGER NOT NULL,"
@@ -51,6 +60,14 @@ constexpr const char kCreateSchema[] =
     " PRIMARY KEY(parent, category, node)) WITHOUT ROWID;"
     "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
     " kind INTEGER NOT NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
+
+// Makes a version 2 store a version 3 one (its next_id is a valid mark as it is).
+constexpr const char kMigrateFrom2[] =
+    "DROP INDEX records_by_slot; DROP INDEX records_by_category_slot;"
+    "CREATE INDEX records_by_slot ON records(parent, slot) WHERE parent != 0;"
+    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"
+    " WHERE parent != 0;"
+    "PRAGMA user_version = 3;";
 
 // The backend on `db`, an open connection to a record store of this version
 // (taken, closed by the backend). With `read_only` every change fails with

@@ -23,11 +23,12 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 10000;
 
-// What an open database file is: a record store of this version, an empty
-// database that may become one, something else that SQLite read (another
-// application's database, a record store of another version), or a file that
-// could not be read at all (not a database, or its log cannot be shared).
-enum class file_kind { ours, empty, foreign, unreadable };
+// What an open database file is: a record store of this version, one of the
+// previous version (read as it is, migrated to write), an empty database that
+// may become one, something else that SQLite read (another application's
+// database, a record store of another version), or a file that could not be
+// read at all (not a database, or its log cannot be shared).
+enum class file_kind { ours, older, empty, foreign, unreadable };
 
 // *error says why for foreign and unreadable.
 file_kind classify(sqlite3* db, std::string* error) {
@@ -43,6 +44,7 @@ file_kind classify(sqlite3* db, std::string* error) {
         *error = "not a record store file";
         return file_kind::foreign;
     }
+    if (version == kOldSchemaVersion) return file_kind::older;
     if (version != kSchemaVersion) {
         *error = "record store version " + std::to_string(version) + " is not supported (this is " +
                  std::to_string(kSchemaVersion) + ")";
@@ -51,14 +53,29 @@ file_kind classify(sqlite3* db, std::string* error) {
     return file_kind::ours;
 }
 
+// Makes the previous version's store on `db` one of this version, in one
+// transaction; another process may have done so first.
+bool migrate(sqlite3* db, std::string* error) {
+    long long version = 0;
+    if (!exec(db, "BEGIN IMMEDIATE", error)) return false;
+    const bool ok = pragma_int(db, "PRAGMA user_version", &version) &&
+                    (version != kOldSchemaVersion || exec(db, kMigrateFrom2, error)) &&
+                    exec(db, "COMMIT", error);
+    if (!ok) {
+        if (error->empty()) *error = sqlite3_errmsg(db);
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    return ok;
+}
+
 // Readies an open connection to an existing file, which must be a record store
-// of this version (nothing is written to any other file).
+// of this version or the previous one (nothing is written to any other file).
 bool prepare_file(sqlite3* db, std::string* error) {
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     const file_kind kind = classify(db, error);
     if (kind == file_kind::empty) *error = "not a record store file";
-    if (kind != file_kind::ours) return false;
+    if (kind != file_kind::ours && kind != file_kind::older) return false;
     std::string mode;
     if (!pragma_text(db, "PRAGMA journal_mode = WAL", &mode)) {
         *error = sqlite3_errmsg(db);
@@ -73,7 +90,8 @@ bool prepare_file(sqlite3* db, std::string* error) {
     // A page cache of up to 32 MiB keeps the indexes of a job with 100k children
     // in memory through a command (SQLite's default is 2 MiB).
     return exec(db, "PRAGMA synchronous = NORMAL", error) &&
-           exec(db, "PRAGMA cache_size = -32768", error);
+           exec(db, "PRAGMA cache_size = -32768", error) &&
+           (kind == file_kind::ours || migrate(db, error));
 }
 
 // Opens the temporary `file` with SQLite (never through a symbolic link, and
@@ -158,7 +176,9 @@ std::unique_ptr<store_backend> open_read_only(const std::string& path, std::stri
             sqlite3_extended_result_codes(db, 1);
             sqlite3_busy_timeout(db, kBusyTimeoutMs);
             kind = classify(db, error);
-            if (kind == file_kind::ours) return file_backend_on(db, true);
+            if (kind == file_kind::ours || kind == file_kind::older) {
+                return file_backend_on(db, true);
+            }
             if (kind == file_kind::empty) *error = "not a record store file";
         } else {
             *error = describe(db, rc);

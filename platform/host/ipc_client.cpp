@@ -42,6 +42,7 @@ using ipc::trace;
 struct client_connection {
     std::string name;
     int fd;
+    long long receive_timeout_us = 0;  // the socket's SO_RCVTIMEO; 0: none set
 };
 
 // Counts forks, so that a child does not share its parent's connections.
@@ -224,17 +225,37 @@ int send_request(const std::string& name, const msghdr& msg, bool quiet, long lo
     }
 }
 
-// Receives the reply to request `r` on `c` by `deadline`. MSG_OK with *answer
+// Lets a blocking receive on `c` wait no longer than `left_us` (and at most
+// RECEIVE_SLACK_US more, as a poll rounded to milliseconds would). The socket's
+// timeout is changed only when it would wait longer than that: the deadlines of
+// one thread's round trips are mostly the same time after their start, so a
+// round trip usually makes no system call for it.
+constexpr long long RECEIVE_SLACK_US = 1000;
+void bound_receive(client_connection* c, long long left_us) {
+    if (c->receive_timeout_us != 0 && c->receive_timeout_us <= left_us + RECEIVE_SLACK_US) return;
+    timeval tv{static_cast<time_t>(left_us / 1000000), static_cast<suseconds_t>(left_us % 1000000)};
+    if (::setsockopt(c->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0) {
+        c->receive_timeout_us = left_us;
+    }
+}
+
+// Receives the reply to request `r` on `c` by `deadline`: a blocking receive
+// under the socket's receive timeout (see bound_receive). MSG_OK with *answer
 // pointing into this thread's frame buffer; on failure `c` is dropped and a
 // trace line says why.
 int receive_reply(const std::string& name, client_connection* c, const ipc::request& r,
                   long long deadline, long long started, ipc::reply* answer) {
     ssize_t n = -1;
     int error = EAGAIN;
-    while (wait_for(c->fd, POLLIN, deadline)) {
-        n = ::recv(c->fd, t_cache.frame.data(), t_cache.frame.size(), MSG_TRUNC | MSG_DONTWAIT);
+    for (;;) {  // once more without waiting when the deadline has passed
+        const long long left = deadline - detail::monotonic_us();
+        if (left > 0) bound_receive(c, left);
+        n = ::recv(c->fd, t_cache.frame.data(), t_cache.frame.size(),
+                   MSG_TRUNC | (left > 0 ? 0 : MSG_DONTWAIT));
         error = errno;
-        if (n >= 0 || (error != EINTR && error != EAGAIN && error != EWOULDBLOCK)) break;
+        if (n >= 0 || left <= 0 || (error != EINTR && error != EAGAIN && error != EWOULDBLOCK)) {
+            break;
+        }
     }
     if (n < 0 && server_gone(error) && refused(c->fd)) {  // the reset reports first
         t_cache.drop(c);

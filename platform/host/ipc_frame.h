@@ -34,6 +34,29 @@
 // longer than MAX_FRAME, other magic or version, unknown kind or status, sizes
 // that disagree) is refused: the receiver closes the connection.
 //
+// Host-only requests to the handler service (object 1 of "TEV_ASH_SRV"), sent
+// as ordinary send frames with function ids the device protocol (0 to 8) never
+// uses; layouts in the same little-endian 32-bit fields:
+//   0x7E01 status   request: empty. Reply: text lines, fields separated by one
+//                   space, bytes <= 0x20, '%' and >= 0x7F as %XX, "-" empty:
+//                     service <pid> <start, µs since the epoch> <store file>
+//                     director <app type> <object id> <pid> <1 answering|0> <name>
+//                     connecter <id> <status 0-3> <pid> <name>
+//                     peer <pid> <open connections>
+//   0x7E02 monitor  request: after seq low, after seq high (all ones: from
+//                   now on), wait in ms (at most 1000), most lines wanted.
+//                   Reply: result (0, or 0xC1030008 for a short request), last
+//                   seq given out low, high, line count, then 80 bytes a line:
+//                     0 seq low, 4 seq high, 8 time µs low, 12 time µs high,
+//                     16 latency µs, 20 pid, 24 function id, 28 fields present
+//                     (bits: 0 app type, 1 service type, 2 category, 3 handler
+//                     id, 4 source id, 5 object id, 6 connecter, 7 name,
+//                     8 answered, 9 a notification sent to a director),
+//                     32 app type, 36 service type, 40 category, 44 handler id,
+//                     48 source id, 52 connecter, 56 result, 60 object id,
+//                     64 connection name (16 bytes, NUL-padded).
+//                   Lines older than the ring keeps are gone: a gap in seq.
+//
 // The functions here are safe to call from any thread.
 #ifndef TEV_HOST_IPC_FRAME_H
 #define TEV_HOST_IPC_FRAME_H

@@ -7,13 +7,17 @@
 // every idle connection at once (one epoll set, each connection armed for one
 // event at a time). A connection with a request to read is handed to a worker
 // thread, which reads the frame into its own buffer, delivers it (the dispatch
-// may block for long), writes the reply and waits up to ACTIVE_LINGER for the
-// connection's next request, so a client that sends one request after another
-// is answered without a hand-over between threads (at most MAX_LINGERING workers
-// wait so at once); then it gives the connection back to the loop. Workers are started as requests
-// need them, so a request never waits for another connection's dispatch; at most MAX_IDLE_WORKERS
-// idle ones are kept. An idle connection costs its descriptor and a small session entry, no thread
-// and no frame buffer. A connection that ends releases its descriptor as it ends.
+// may block for long), writes the reply and waits up to ACTIVE_LINGER_MS for
+// the connection's next request in a blocking receive (the socket's receive
+// timeout), so a client that sends one request after another is served like a
+// thread per connection would: one receive and one send per request, no
+// hand-over between threads. At most MAX_LINGERING workers wait so at once (as
+// many as one peer may have connections); then a connection goes back to the
+// loop. Workers are started as requests need them, so a request never waits
+// for another connection's dispatch; at most MAX_IDLE_WORKERS idle ones are
+// kept. An idle connection costs its descriptor and a small session entry, no
+// thread and no frame buffer. A connection that ends releases its descriptor
+// as it ends.
 //
 // serve_connection binds <runtime dir>/<name>.sock and holds an exclusive OFD
 // lock (fcntl F_OFD_SETLK) on <name>.lock for as long as it serves, so a socket
@@ -22,6 +26,8 @@
 // server's pid and a start stamp, the identity served_instance reports. A server
 // that stops removes both files, the lock file while it still holds the lock; a
 // starting server that locked a file removed meanwhile opens the new one again.
+// serve_connection_on takes a listening socket bound there by a service manager
+// instead: the same lock, and the socket file is left in place when it stops.
 //
 // Bounds: MAX_PEER_CONNECTIONS per peer process and MAX_CONNECTIONS in total per
 // name (tev_host.h). One over either is sent the refusal frame and closed (its
@@ -31,7 +37,6 @@
 // second ("N bad frames from pid P (last: <reason>)"), the rest when the
 // connection name stops being served.
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -39,9 +44,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -71,7 +78,7 @@ using clock = std::chrono::steady_clock;
 
 constexpr int MAX_IDLE_WORKERS = 4;   // per served name
 constexpr int ACTIVE_LINGER_MS = 20;  // a worker's wait for its connection's next request
-constexpr int MAX_LINGERING = 4;      // workers waiting so at once, per served name
+constexpr int MAX_LINGERING = MAX_PEER_CONNECTIONS;  // workers waiting so at once, per name
 constexpr auto SUMMARY_PERIOD = std::chrono::seconds(1);
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
 
@@ -203,24 +210,30 @@ void end_session(served& srv, session* s) {
     srv.changed.notify_all();
 }
 
-// Reads one request on `s` and answers it. False when the connection is to be
-// closed: it ended, or sent a malformed frame (*bad says why).
-bool serve_request(const served& srv, const session& s, std::vector<unsigned char>& frame,
-                   std::vector<unsigned char>& reply, std::string* bad) {
+enum class outcome { answered, none, closed };
+
+// Reads one request on `s` and answers it: at once (`wait` false) or waiting
+// up to ACTIVE_LINGER_MS for it (the socket's receive timeout). `none` when no
+// request came; `closed` when the connection is to be closed: it ended, or sent
+// a malformed frame (*bad says why).
+outcome serve_request(const served& srv, const session& s, bool wait, unsigned char* frame,
+                      std::vector<unsigned char>& reply, std::string* bad) {
     ssize_t n;
     do {
-        n = ::recv(s.fd, frame.data(), frame.size(), MSG_TRUNC | MSG_DONTWAIT);
+        n = ::recv(s.fd, frame, ipc::MAX_FRAME, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
     } while (n < 0 && errno == EINTR);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
-    if (n <= 0) return false;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return outcome::none;
+    if (n <= 0) return outcome::closed;
     detail::request_peer_scope peer(s.pid);
-    if (const char* error = ipc::answer(srv.name, frame.data(), static_cast<size_t>(n), &reply)) {
+    if (const char* error = ipc::answer(srv.name, frame, static_cast<size_t>(n), &reply)) {
         *bad = std::string(error) + ", " + std::to_string(n) + " bytes";
-        return false;
+        return outcome::closed;
     }
     // One reply always fits: a client has one request in flight. One that does
     // not read its replies is closed.
-    return ::send(s.fd, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+    return ::send(s.fd, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0
+               ? outcome::answered
+               : outcome::closed;
 }
 
 // Arms `s` for its next request. REQUIRES: srv.mtx is held.
@@ -238,20 +251,12 @@ void give_back(served& srv, session* s) {
 }
 
 // Serves the sessions the loop finds ready, then ends (stopping, or enough idle
-// workers kept already). Frame buffers are the workers', not the sessions'.
-// Whether the connection's next request arrives within ACTIVE_LINGER_MS (false
-// as soon as the name stops being served).
-bool next_request_soon(const served& srv, const session& s) {
-    pollfd fds[2] = {{s.fd, POLLIN, 0}, {srv.wake_fd, POLLIN, 0}};
-    int n;
-    do {
-        n = ::poll(fds, 2, ACTIVE_LINGER_MS);
-    } while (n < 0 && errno == EINTR);
-    return n > 0 && fds[1].revents == 0 && (fds[0].revents & POLLIN) != 0;
-}
-
+// workers kept already). Frame buffers are the workers', not the sessions'; a
+// frame buffer is left uninitialised, so only the pages that frames reach are
+// ever touched. A lingering worker waits in a blocking receive, which
+// stop_serving ends by shutting the connection's reading side.
 void worker_main(std::shared_ptr<served> srv) {
-    std::vector<unsigned char> frame(ipc::MAX_FRAME);
+    std::unique_ptr<unsigned char[]> frame(new unsigned char[ipc::MAX_FRAME]);
     std::vector<unsigned char> reply;
     std::unique_lock<std::mutex> lock(srv->mtx);
     for (;;) {
@@ -265,13 +270,14 @@ void worker_main(std::shared_ptr<served> srv) {
         session* s = srv->ready.front();
         srv->ready.pop_front();
         s->state = session_state::busy;
-        const bool linger = srv->lingering < MAX_LINGERING;
+        const bool linger = !srv->stopping && srv->lingering < MAX_LINGERING;
         srv->lingering += linger ? 1 : 0;
         lock.unlock();
         std::string bad;
-        bool keep = serve_request(*srv, *s, frame, reply, &bad);
-        while (keep && linger && next_request_soon(*srv, *s))
-            keep = serve_request(*srv, *s, frame, reply, &bad);
+        outcome got = serve_request(*srv, *s, false, frame.get(), reply, &bad);
+        while (got == outcome::answered && linger)
+            got = serve_request(*srv, *s, true, frame.get(), reply, &bad);
+        const bool keep = got != outcome::closed;
         lock.lock();
         srv->lingering -= linger ? 1 : 0;
         if (!bad.empty()) {
@@ -365,7 +371,7 @@ void start_session(served& srv, int fd, pid_t pid) {
 // the rest stay queued until the loop tries again after a pause.
 bool accept_all(served& srv) {
     for (;;) {
-        int fd = ::accept4(srv.listen_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        int fd = ::accept4(srv.listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -375,7 +381,10 @@ bool accept_all(served& srv) {
             return true;  // EAGAIN: none left
         }
         ucred peer{};
-        if (!peer_allowed(srv, fd, &peer)) {
+        // A lingering worker's wait for the next request (serve_request).
+        const timeval linger{0, ACTIVE_LINGER_MS * 1000};
+        if (!peer_allowed(srv, fd, &peer) ||
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &linger, sizeof linger) != 0) {
             ::close(fd);
             continue;
         }
@@ -441,9 +450,47 @@ void serve_loop(std::shared_ptr<served> srv) {
     }
 }
 
-// Takes the lock of `srv`'s name, replaces a stale socket and listens.
+// Why `fd` cannot be served on (empty when it can): it must be a listening Unix
+// SOCK_SEQPACKET socket bound to `socket_path`.
+std::string passed_socket_problem(int fd, const std::string& socket_path) {
+    int domain = 0, type = 0, listening = 0;
+    socklen_t len = sizeof domain;
+    if (::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len) != 0) {
+        return "descriptor " + std::to_string(fd) + " is not a socket (" + std::strerror(errno) +
+               ")";
+    }
+    len = sizeof type;
+    ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len);
+    len = sizeof listening;
+    ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len);
+    if (domain != AF_UNIX || type != SOCK_SEQPACKET) {
+        return "descriptor " + std::to_string(fd) + " is not a Unix SOCK_SEQPACKET socket";
+    }
+    if (listening == 0) return "descriptor " + std::to_string(fd) + " is not listening";
+    // Clients look for the socket's file in the runtime directory.
+    sockaddr_un bound{};
+    len = sizeof bound;
+    std::string bound_path;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len) == 0 &&
+        len > offsetof(sockaddr_un, sun_path)) {
+        const size_t room =
+            std::min<size_t>(len - offsetof(sockaddr_un, sun_path), sizeof bound.sun_path);
+        bound_path.assign(bound.sun_path, ::strnlen(bound.sun_path, room));
+    }
+    struct stat at_path, of_bound;
+    if (bound_path.empty() || ::stat(socket_path.c_str(), &at_path) != 0 ||
+        ::stat(bound_path.c_str(), &of_bound) != 0 || at_path.st_dev != of_bound.st_dev ||
+        at_path.st_ino != of_bound.st_ino) {
+        return "descriptor " + std::to_string(fd) + " does not listen on " + socket_path +
+               ", where clients look";
+    }
+    return "";
+}
+
+// Takes the lock of `srv`'s name, replaces a stale socket and listens; on
+// `passed_fd` instead when it is not -1 (checked already).
 // REQUIRES: the registry lock is held.
-bool listen_on(served* srv, std::string* error) {
+bool listen_on(served* srv, int passed_fd, std::string* error) {
     const std::string& name = srv->name;
     sockaddr_un addr;
     if (!rundir::socket_address(srv->socket_path, &addr)) {
@@ -453,14 +500,16 @@ bool listen_on(served* srv, std::string* error) {
     if (srv->lock_fd < 0) return false;
     // The lock was free, so a socket file here was left by a server that died.
     struct stat st;
-    if (::lstat(srv->socket_path.c_str(), &st) == 0) {
+    if (passed_fd < 0 && ::lstat(srv->socket_path.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
             return fail(error, "serve " + name + ": " + srv->socket_path + " is not a socket");
         }
         ::unlink(srv->socket_path.c_str());
         trace("serve " + name + ": replaced the stale socket " + srv->socket_path);
     }
-    srv->listen_fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    srv->listen_fd = passed_fd >= 0
+                         ? passed_fd
+                         : ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     srv->wake_fd = ::eventfd(0, EFD_CLOEXEC);
     srv->epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
     epoll_event listen_ev{}, wake_ev{};
@@ -468,9 +517,12 @@ bool listen_on(served* srv, std::string* error) {
     listen_ev.data.ptr = &srv->listen_fd;
     wake_ev.events = EPOLLIN;
     wake_ev.data.ptr = &srv->wake_fd;
-    srv->bound = srv->listen_fd >= 0 &&
+    srv->bound = passed_fd < 0 && srv->listen_fd >= 0 &&
                  ::bind(srv->listen_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    if (!srv->bound || srv->wake_fd < 0 || srv->epoll_fd < 0 || ::listen(srv->listen_fd, 64) != 0 ||
+    const bool listening =
+        passed_fd >= 0 ? ::fcntl(passed_fd, F_SETFL, ::fcntl(passed_fd, F_GETFL) | O_NONBLOCK) == 0
+                       : srv->bound && ::listen(srv->listen_fd, 64) == 0;
+    if (!listening || srv->wake_fd < 0 || srv->epoll_fd < 0 ||
         ::epoll_ctl(srv->epoll_fd, EPOLL_CTL_ADD, srv->listen_fd, &listen_ev) != 0 ||
         ::epoll_ctl(srv->epoll_fd, EPOLL_CTL_ADD, srv->wake_fd, &wake_ev) != 0) {
         return fail(error, "serve " + name + ": cannot listen on " + srv->socket_path + ": " +
@@ -487,9 +539,8 @@ void remove_files(served* srv) {
     srv->close_files();
 }
 
-}  // namespace
-
-bool serve_connection(const char* connection, std::string* error) {
+// Serves `connection` on a socket of its own, or on `passed_fd` when not -1.
+bool serve(const char* connection, int passed_fd, std::string* error) {
     if (connection == nullptr) return fail(error, "serve: no connection name");
     std::string name = detail::connection_name(connection);
     std::string dir;
@@ -504,18 +555,54 @@ bool serve_connection(const char* connection, std::string* error) {
     if (registry.by_name.count(name) != 0) {
         return fail(error, "serve " + name + ": already served by this process");
     }
-    if (!listen_on(srv.get(), error)) {
+    if (passed_fd >= 0) {
+        const std::string problem = passed_socket_problem(passed_fd, srv->socket_path);
+        if (!problem.empty()) return fail(error, "serve " + name + ": " + problem);
+        ::fcntl(passed_fd, F_SETFD, FD_CLOEXEC);
+    }
+    if (!listen_on(srv.get(), passed_fd, error)) {
+        if (passed_fd >= 0) srv->listen_fd = -1;  // still the caller's
         remove_files(srv.get());
         return false;
     }
     try {
         srv->loop = std::thread(serve_loop, srv);
     } catch (const std::system_error& e) {
+        if (passed_fd >= 0) srv->listen_fd = -1;
         remove_files(srv.get());
         return fail(error, "serve " + name + ": no thread to serve with (" + e.what() + ")");
     }
     registry.by_name.emplace(name, srv);
     return true;
+}
+
+}  // namespace
+
+bool serve_connection(const char* connection, std::string* error) {
+    return serve(connection, -1, error);
+}
+
+bool serve_connection_on(const char* connection, int listen_fd, std::string* error) {
+    if (listen_fd < 0) return fail(error, "serve: no listening socket given");
+    return serve(connection, listen_fd, error);
+}
+
+std::vector<peer_connections> served_peers(const char* connection) {
+    std::vector<peer_connections> found;
+    if (connection == nullptr) return found;
+    std::shared_ptr<served> srv;
+    {
+        served_registry& registry = served_connections();
+        std::lock_guard<std::mutex> lock(registry.mtx);
+        auto it = registry.by_name.find(detail::connection_name(connection));
+        if (it == registry.by_name.end()) return found;
+        srv = it->second;
+    }
+    std::lock_guard<std::mutex> lock(srv->mtx);
+    for (const auto& p : srv->peers) {
+        if (p.second.connections > 0) found.push_back({p.first, p.second.connections});
+    }
+    return found;
 }
 
 bool stop_serving(const char* connection) {
@@ -532,16 +619,21 @@ bool stop_serving(const char* connection) {
     uint64_t one = 1;
     if (::write(srv->wake_fd, &one, sizeof one) < 0) trace(srv->name + ": cannot wake its loop");
     srv->loop.join();
-    ::unlink(srv->socket_path.c_str());  // no new connections from here on
+    if (srv->bound) ::unlink(srv->socket_path.c_str());  // no new connections from here on
     srv->bound = false;
     {
         // Idle connections are closed now; one with a request finishes it and
-        // sends its reply first.
+        // sends its reply first; a worker waiting for a connection's next
+        // request stops waiting (no more are read from it).
         std::unique_lock<std::mutex> lock(srv->mtx);
         srv->stopping = true;
         for (auto it = srv->sessions.begin(); it != srv->sessions.end();) {
             session* s = &*it++;
-            if (s->state == session_state::idle) end_session(*srv, s);
+            if (s->state == session_state::idle) {
+                end_session(*srv, s);
+            } else if (s->state == session_state::busy) {
+                ::shutdown(s->fd, SHUT_RD);
+            }
         }
         srv->work.notify_all();
         srv->changed.wait(lock, [&] { return srv->sessions.empty() && srv->workers == 0; });

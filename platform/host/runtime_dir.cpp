@@ -102,8 +102,11 @@ bool runtime_dir(std::string* dir, std::string* error) {
         why = rundir::unsafe(path);
     }
     if (!why.empty()) {
-        ipc::trace(why);
-        if (error != nullptr) *error = why;
+        // Said once: to the caller who takes the words, else as a trace line.
+        if (error != nullptr)
+            *error = why;
+        else
+            ipc::trace(why);
         return false;
     }
     if (dir != nullptr) *dir = path;

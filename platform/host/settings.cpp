@@ -3,6 +3,8 @@
 // them. Safe for concurrent use from any thread without external synchronization.
 #include "settings.h"
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
@@ -42,6 +44,7 @@ struct environment {
     variable xdg_runtime_dir{"XDG_RUNTIME_DIR"};
     variable timeout_ms{"TEVASH_HOST_IPC_TIMEOUT_MS"};
     variable store{"TEVASH_HOST_STORE"};
+    variable journal_stream{"JOURNAL_STREAM"};
 };
 
 environment& env() {
@@ -114,6 +117,20 @@ int message_timeout_ms() {
 const char* initial_store_file() {
     const std::string& store = env().store.value();
     return store.empty() ? nullptr : store.c_str();
+}
+
+bool stderr_is_journal() {
+    const std::string& text = env().journal_stream.value();
+    if (text.empty()) return false;
+    char* end = nullptr;
+    const unsigned long long dev = std::strtoull(text.c_str(), &end, 10);
+    if (*end != ':') return false;
+    const char* ino_text = end + 1;
+    const unsigned long long ino = std::strtoull(ino_text, &end, 10);
+    struct stat st;
+    return end != ino_text && *end == '\0' && ::fstat(2, &st) == 0 &&
+           static_cast<unsigned long long>(st.st_dev) == dev &&
+           static_cast<unsigned long long>(st.st_ino) == ino;
 }
 
 }  // namespace settings

@@ -1,8 +1,8 @@
 // The host platform's settings (trace sink, runtime directory, message timeout,
-// initial record store): each defaults to an environment variable, read once at
-// first use, and the setters in tev_host.h override it. Every function here is
-// safe to call from any thread; this unit is the platform's only reader of the
-// environment.
+// initial record store, the journal's stream): each defaults to an environment
+// variable, read once at first use, and the setters in tev_host.h override it.
+// Every function here is safe to call from any thread; this unit is the
+// platform's only reader of the environment.
 #ifndef TEV_HOST_SETTINGS_H
 #define TEV_HOST_SETTINGS_H
 
@@ -33,6 +33,12 @@ int message_timeout_ms();
 // The file of the persistent store to open at first use (TEVASH_HOST_STORE);
 // nullptr when unset or empty.
 const char* initial_store_file();
+
+// Whether standard error is, at this moment, the journal's stream: the device
+// and inode JOURNAL_STREAM gives ("<dev>:<ino>", set by a service manager) are
+// those of descriptor 2. Children inherit the variable, so it is compared, not
+// trusted.
+bool stderr_is_journal();
 
 }  // namespace settings
 }  // namespace tevhost

@@ -90,7 +90,7 @@ unsigned int sqlite_db::failed() {
 unsigned int sqlite_db::begin() {
     std::lock_guard<std::mutex> lock(mtx_);
     // Read-only: a read transaction, so that the scope reads one snapshot.
-    if (!run(read_only_ ? "BEGIN" : "BEGIN IMMEDIATE")) return failed();
+    if (!run(read_only_ ? kBeginRead : kBeginWrite)) return failed();
     outer_ = true;
     outer_failed_ = false;
     return 0;
@@ -100,7 +100,7 @@ unsigned int sqlite_db::commit() {
     std::lock_guard<std::mutex> lock(mtx_);
     if (!outer_) return STORE_IO;
     outer_ = false;
-    if (!outer_failed_ && !sqlite3_get_autocommit(db_) && run("COMMIT")) return 0;
+    if (!outer_failed_ && !sqlite3_get_autocommit(db_) && run(kCommit)) return 0;
     const unsigned int rc = outer_failed_ ? STORE_IO : failed();
     abandon();
     return rc;
@@ -113,17 +113,31 @@ void sqlite_db::rollback() {
     abandon();
 }
 
-query sqlite_db::sql(const char* text) {
+sqlite3_stmt* sqlite_db::prepared(const char* text) {
     for (auto& entry : cache_) {
-        if (entry.first == text) return query(entry.second);
+        if (entry.first == text) return entry.second;
     }
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v3(db_, text, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
         sqlite3_finalize(stmt);
-        throw db_failure{};
+        return nullptr;
     }
     cache_.emplace_back(text, stmt);
+    return stmt;
+}
+
+query sqlite_db::sql(const char* text) {
+    sqlite3_stmt* stmt = prepared(text);
+    if (stmt == nullptr) throw db_failure{};
     return query(stmt);
+}
+
+bool sqlite_db::run(const char* text) {
+    sqlite3_stmt* stmt = prepared(text);
+    if (stmt == nullptr) return false;
+    const bool done = sqlite3_step(stmt) == SQLITE_DONE;
+    sqlite3_reset(stmt);
+    return done;
 }
 
 }  // namespace detail

@@ -1,6 +1,6 @@
 // SQLite plumbing for the persistent record store: one connection with its
 // cache of prepared statements, statements held as RAII queries, the
-// transactions and savepoints store calls run in, and pragma helpers.
+// transactions store calls run in, and pragma helpers.
 // A sqlite_db is safe for concurrent use: every use of the connection holds
 // its mutex (the connection itself is opened without SQLite's own locking).
 #ifndef TEVASH_HOST_SQLITE_DB_H
@@ -55,7 +55,8 @@ public:
         return *this;
     }
     query& bind_blob(int index, const unsigned char* bytes, unsigned int size) {
-        check(sqlite3_bind_blob(stmt_, index, bytes, static_cast<int>(size), SQLITE_TRANSIENT));
+        // The bytes outlive the query: bound where they are.
+        check(sqlite3_bind_blob(stmt_, index, bytes, static_cast<int>(size), SQLITE_STATIC));
         return *this;
     }
     // True while a row is available.
@@ -70,6 +71,7 @@ public:
         }
     }
     long long integer(int column) const { return sqlite3_column_int64(stmt_, column); }
+    bool is_null(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
     unsigned long long count(int column) const {
         return static_cast<unsigned long long>(integer(column));
     }
@@ -89,9 +91,10 @@ private:
     sqlite3_stmt* stmt_;
 };
 
-// One open connection, owned. A store call runs in transact(); a store
-// transaction spans begin() to commit() or rollback(), and the calls made
-// meanwhile join it, each in a savepoint of its own.
+// One open connection, owned. A store call runs in transact() or single(); a
+// store transaction spans begin() to commit() or rollback(), and the calls made
+// meanwhile join it. The statements that begin and end transactions are
+// prepared once, like every other.
 class sqlite_db {
 public:
     // Takes `db`, which is open and prepared.
@@ -104,29 +107,47 @@ public:
 
     // Runs `body` (returning 0 or a STORE_* code) in one transaction, a write
     // one when `writes`, and commits when it returns 0; rolls back on a store
-    // failure code or a db_failure (then STORE_IO). Inside an open store
-    // transaction a change runs in a savepoint instead, so that a failed call
-    // still changes nothing. STORE_READ_ONLY for a write on a read-only store.
+    // failure code or a db_failure (then STORE_IO). STORE_READ_ONLY for a write
+    // on a read-only store. Inside an open store transaction the body joins
+    // it; a body that fails after changing something cannot be undone alone,
+    // so it fails the store transaction (see joined).
     template <typename Body>
     unsigned int transact(bool writes, Body body) {
         std::lock_guard<std::mutex> lock(mtx_);
         if (writes && read_only_) return STORE_READ_ONLY;
-        if (outer_) return joined(writes, body);
-        if (!run(writes ? "BEGIN IMMEDIATE" : "BEGIN")) return failed();
+        if (outer_) return joined(body);
+        if (!run(writes ? kBeginWrite : kBeginRead)) return failed();
         unsigned int rc = guarded(body);
-        if (rc == 0 && run("COMMIT")) return 0;
+        if (rc == 0 && run(kCommit)) return 0;
         if (rc == 0) rc = failed();
         abandon();
         return rc;
     }
+
+    // As transact, for a body whose changes are one statement, which SQLite
+    // makes all or nothing by itself: no transaction is opened around it. The
+    // body may read after that statement only to choose its result code.
+    template <typename Body>
+    unsigned int single(bool writes, Body body) {
+        std::lock_guard<std::mutex> lock(mtx_);
+        if (writes && read_only_) return STORE_READ_ONLY;
+        return outer_ ? joined(body) : guarded(body);
+    }
+
+    // Whether a store transaction that may write is open (then no other
+    // process changes the file until it ends).
+    bool in_write_transaction() const { return outer_ && !read_only_; }
+    // The rows the last statement inserted, changed or deleted. REQUIRES:
+    // inside a body.
+    int changes() const { return sqlite3_changes(db_); }
 
     // A store transaction (store_backend::begin, commit, rollback).
     unsigned int begin();
     unsigned int commit();
     void rollback();
 
-    // A statement of the cache. REQUIRES: inside transact's body. `text` is a
-    // string literal (its address keys the cache).
+    // A statement of the cache. REQUIRES: inside a body. `text` is a string
+    // literal (its address keys the cache).
     query sql(const char* text);
 
     // Runs `fn(connection)` with the connection to itself.
@@ -137,17 +158,27 @@ public:
     }
 
 private:
+    static constexpr const char kBeginRead[] = "BEGIN";
+    static constexpr const char kBeginWrite[] = "BEGIN IMMEDIATE";
+    static constexpr const char kCommit[] = "COMMIT";
+    static constexpr const char kRollback[] = "ROLLBACK";
+
+    // A call inside the store transaction. A failed call that changed nothing
+    // leaves the transaction as it was; one that changed something (only an
+    // SQLite error partway through several statements does) fails it: its
+    // later calls fail with STORE_IO and commit rolls everything back. So a
+    // failed call never leaves a change behind, without a savepoint per call.
     template <typename Body>
-    unsigned int joined(bool writes, Body body) {
+    unsigned int joined(Body& body) {
         // SQLite rolls a transaction back by itself on some errors: then the
         // calls must not go on outside it.
-        if (sqlite3_get_autocommit(db_)) return STORE_IO;
-        if (!writes) return guarded(body);
-        if (!run("SAVEPOINT call")) return failed();
+        if (outer_failed_ || sqlite3_get_autocommit(db_)) return STORE_IO;
+        const long long before = sqlite3_total_changes64(db_);
         const unsigned int rc = guarded(body);
-        if (rc != 0 && !run("ROLLBACK TO call")) outer_failed_ = true;
-        if (!run("RELEASE call")) outer_failed_ = true;
-        return outer_failed_ && rc == 0 ? STORE_IO : rc;
+        if (rc != 0 && (sqlite3_total_changes64(db_) != before || sqlite3_get_autocommit(db_))) {
+            outer_failed_ = true;
+        }
+        return rc;
     }
     template <typename Body>
     unsigned int guarded(Body& body) {
@@ -159,12 +190,14 @@ private:
     }
     // Writes a trace line saying why the last SQLite call failed; STORE_IO.
     unsigned int failed();
-    bool run(const char* text) {
-        return sqlite3_exec(db_, text, nullptr, nullptr, nullptr) == SQLITE_OK;
-    }
+    // The cached statement for `text`, prepared on first use; null when it
+    // cannot be prepared.
+    sqlite3_stmt* prepared(const char* text);
+    // Runs the statement `text` of the cache; false when it fails.
+    bool run(const char* text);
     // Rolls back the open transaction, if SQLite has not already.
     void abandon() {
-        if (!sqlite3_get_autocommit(db_)) run("ROLLBACK");
+        if (!sqlite3_get_autocommit(db_)) run(kRollback);
     }
 
     std::mutex mtx_;

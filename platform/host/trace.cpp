@@ -1,20 +1,69 @@
 // Host trace: formatted lines and service-call notifications go to the sink
 // named by set_trace_sink (default TEVASH_HOST_TRACE) and, while a capture is
-// active, into memory.
+// active, into memory. In a file each line starts with the time and the pid; on
+// standard error that is the journal's stream, with its syslog priority.
 #include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "host/tev_host.h"
 #include "host/tev_host_testing.h"
 #include "settings.h"
 #include "tiv_trace.h"
 
 namespace {
+
+using tevhost::log_priority;
+
+// "2026-01-31T12:00:00.123456Z [pid] ", the head of a line in a trace file.
+std::string time_and_pid() {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm utc{};
+    gmtime_r(&ts.tv_sec, &utc);
+    char head[64];
+    size_t n = std::strftime(head, sizeof head, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(head + n, sizeof head - n, ".%06ldZ [%ld] ", ts.tv_nsec / 1000,
+                  static_cast<long>(::getpid()));
+    return head;
+}
+
+// `text` with `head` before each of its lines.
+std::string with_heads(const std::string& head, const std::string& text) {
+    std::string out;
+    out.reserve(text.size() + head.size());
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end + 1;
+        out += head;
+        out.append(text, at, end - at);
+        at = end;
+    }
+    return out;
+}
+
+std::string priority_head(log_priority priority) {
+    return "<" + std::to_string(static_cast<int>(priority)) + ">";
+}
+
+void write_all(int fd, const std::string& text) {
+    const char* data = text.data();
+    size_t left = text.size();
+    while (left > 0) {
+        ssize_t written = ::write(fd, data, left);
+        if (written <= 0) return;
+        data += written;
+        left -= static_cast<size_t>(written);
+    }
+}
 
 // The sink follows the trace sink setting; a change takes effect at the next line.
 class trace_sink {
@@ -25,20 +74,19 @@ public:
     ~trace_sink() { close_file(); }
 
     // REQUIRES: the trace lock is held.
-    void put(const std::string& text) {
+    void put(const std::string& text, log_priority priority) {
         unsigned version = tevhost::settings::trace_sink_version();
         if (!selected_ || version != version_) {
             select(tevhost::settings::trace_sink());
             version_ = version;
         }
         if (fd_ < 0) return;
-        const char* data = text.data();
-        size_t left = text.size();
-        while (left > 0) {
-            ssize_t written = ::write(fd_, data, left);
-            if (written <= 0) return;
-            data += written;
-            left -= static_cast<size_t>(written);
+        if (owns_fd_) {
+            write_all(fd_, with_heads(time_and_pid(), text));
+        } else if (fd_ == STDERR_FILENO && tevhost::settings::stderr_is_journal()) {
+            write_all(fd_, with_heads(priority_head(priority), text));
+        } else {
+            write_all(fd_, text);
         }
     }
 
@@ -69,7 +117,7 @@ private:
     unsigned version_ = 0;  // of the setting selected_ follows
     std::string name_;
     int fd_ = -1;
-    bool owns_fd_ = false;
+    bool owns_fd_ = false;  // a trace file: lines carry time and pid
 };
 
 struct trace_state {
@@ -111,7 +159,7 @@ int tivGENTrcPrintf(unsigned int module, unsigned int level, unsigned int flag, 
 
     trace_state& s = state();
     std::lock_guard<std::mutex> lock(s.mtx);
-    s.sink.put(text);
+    s.sink.put(text, log_priority::warning);
     if (s.capturing) s.lines.push_back(tevhost::trace_line{module, level, flag, text});
     return static_cast<int>(text.size());
 }
@@ -127,7 +175,7 @@ void put_lib_svccall_notify(unsigned int code, unsigned int detail1, unsigned in
 
     trace_state& s = state();
     std::lock_guard<std::mutex> lock(s.mtx);
-    s.sink.put(text);
+    s.sink.put(text, log_priority::error);
     if (s.capturing) {
         s.notifications.push_back(
             tevhost::notification{code, detail1, detail2, file_text, function_text, line});
@@ -135,6 +183,11 @@ void put_lib_svccall_notify(unsigned int code, unsigned int detail1, unsigned in
 }
 
 namespace tevhost {
+
+void log_line(log_priority priority, const std::string& line) {
+    const std::string text = line + "\n";
+    write_all(STDERR_FILENO, settings::stderr_is_journal() ? priority_head(priority) + text : text);
+}
 
 void trace_capture_begin() {
     trace_state& s = state();

@@ -22,6 +22,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
 #include "tev_ash_control.h"
 #include "transfer.h"
@@ -58,14 +60,17 @@ std::vector<std::string> file_problems(const std::string& path) {
 
 struct check_options {
     bool repair = false;
+    bool json = false;
 };
 
 int run_check(context& ctx, const check_options& o) {
     auto* f = context::facade();
     velmora::tev_ash_control control;
     int found = 0;
-    const auto say = [&found](const std::string& line) {
-        std::cout << line << '\n';
+    std::vector<std::string> findings, repaired;
+    const auto say = [&](const std::string& line) {
+        if (!o.json) std::cout << line << '\n';
+        findings.push_back(line);
         ++found;
     };
     if (!ctx.store.empty())
@@ -148,8 +153,12 @@ int run_check(context& ctx, const check_options& o) {
         }
         if (unsigned int rc = control.remove_info(id))
             return ctx.fail_code("cannot remove " + text(records[index[id]]), rc);
-        std::cout << what << ": removed\n";
+        if (!o.json) std::cout << what << ": removed\n";
+        repaired.push_back(what);
     }
+    if (o.json)
+        std::cout << nlohmann::ordered_json{{"findings", findings}, {"repaired", repaired}}.dump()
+                  << '\n';
     return found == 0 ? 0 : 1;
 }
 
@@ -161,6 +170,7 @@ void add_check_commands(CLI::App& app, context& ctx) {
         "check", "List what is not sound in the store (exit 1 when something is found)");
     check->add_flag("--repair", o->repair,
                     "Remove the handlers an import left behind (one store transaction)");
+    check->add_flag("--json", o->json, "JSON output: {findings, repaired}");
     check->footer(
         "Lists, one line each: handlers an import left unlinked (an import killed or failed "
         "through a handler service in another process); parents that do not exist; categories "

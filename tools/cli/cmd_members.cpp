@@ -1,7 +1,10 @@
 // get, set, members: member values of handlers. get and set learn the member's
-// kind and width from the store first and refuse a type, value or size that does
+// kind and width from the store first (the stored value's: the first typed write
+// fixes a member's kind in a store) and refuse a type, value or size that does
 // not fit it, so the library is never handed a variable narrower than the member
-// and a refused value changes nothing.
+// and a refused value changes nothing. --type is needed only for a member without
+// a value yet; otherwise it is a check.
+#include <algorithm>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -24,6 +27,7 @@ using tevhost::member_value;
 struct member_options {
     std::string handler, member, type, value, order = "0", size;
     bool json = false;
+    bool text = false;  // bytes as the characters of the value, not 0x-hex
 };
 
 // The member the user named, resolved to the handler that owns it.
@@ -40,10 +44,11 @@ std::string member_text(const target& t) {
 }
 
 int resolve(context& ctx, const member_options& o, target* t) {
-    if (!parse_kind(o.type, &t->type)) return context::fail("unknown type '" + o.type + "'");
+    if (!o.type.empty() && !parse_kind(o.type, &t->type))
+        return context::usage("unknown type '" + o.type + "'");
     if (!parse_arg(o.handler, &t->handler, "handler id") ||
         !parse_arg(o.member, &t->member, "member id") || !parse_arg(o.order, &t->order, "order"))
-        return 1;
+        return EXIT_USAGE;
     unsigned int hc = 0;
     if (int rc = ctx.check_handler(t->handler, &hc)) return rc;
     velmora::tev_ash_control control;
@@ -57,7 +62,7 @@ int resolve(context& ctx, const member_options& o, target* t) {
                                  " at order " + std::to_string(t->order),
                              rc);
     if (rc != 0)
-        return ctx.fail_code(member_text(*t) + " of a " + category_name(mc) +
+        return ctx.fail_code(member_text(*t) + " of " + with_article(category_name(mc)) +
                                  " handler is not reachable from handler " +
                                  std::to_string(t->handler) + " (" + category_name(hc) + ")",
                              rc);
@@ -66,9 +71,10 @@ int resolve(context& ctx, const member_options& o, target* t) {
         return ctx.fail_code(
             "cannot read " + member_text(*t) + " of handler " + std::to_string(t->owner), rc);
     t->has_value = rc == 0;
-    if (t->has_value && t->info.kind != t->type)
+    if (t->has_value && !o.type.empty() && t->info.kind != t->type)
         return context::fail(member_text(*t) + " is " + kind_name(t->info.kind) + ", not " +
                              o.type);
+    if (t->has_value) t->type = t->info.kind;
     return 0;
 }
 
@@ -108,7 +114,7 @@ int run_get(context& ctx, const member_options& o) {
     nlohmann::ordered_json value;  // a 0x-hex string or a number
     if (t.type == member_kind::bytes) {
         unsigned int size = t.info.size;
-        if (!o.size.empty() && !parse_arg(o.size, &size, "size")) return 1;
+        if (!o.size.empty() && !parse_arg(o.size, &size, "size")) return EXIT_USAGE;
         if (size == 0 || size > t.info.size)
             return context::fail("--size " + o.size + " does not fit " + member_text(t) + " (" +
                                  std::to_string(t.info.size) + " bytes)");
@@ -117,7 +123,13 @@ int run_get(context& ctx, const member_options& o) {
         const unsigned int rc = context::facade()->tev_ash_get_member(
             APP_CMP_ID, t.handler, t.member, t.info.size, buf.data(), t.order);
         if (rc != 0) return ctx.fail_code("cannot read " + member_text(t), rc);
-        value = hex_bytes(std::vector<unsigned char>(buf.begin(), buf.begin() + size));
+        if (o.text) {
+            // The characters up to the first zero byte (set pads with zeros).
+            const auto end = std::find(buf.begin(), buf.begin() + size, '\0');
+            value = std::string(buf.begin(), end);
+        } else {
+            value = hex_bytes(std::vector<unsigned char>(buf.begin(), buf.begin() + size));
+        }
     } else {
         long long v = 0;
         const unsigned int rc = read_integer(t, &v);
@@ -126,9 +138,12 @@ int run_get(context& ctx, const member_options& o) {
     }
     if (o.json)
         std::cout << nlohmann::ordered_json{{"handler", t.handler},
-                                            {"member", t.member},
-                                            {"type", o.type},
-                                            {"value", value}}
+                                            {"member", hex32(t.member)},
+                                            {"kind", kind_name(t.type)},
+                                            {"size", t.info.size},
+                                            {"value", value},
+                                            {"order", t.order},
+                                            {"owner", t.owner}}
                          .dump()
                   << '\n';
     else
@@ -159,12 +174,16 @@ unsigned int write_integer(const target& t, long long v) {
 int run_set(context& ctx, const member_options& o) {
     target t;
     if (int rc = resolve(ctx, o, &t)) return rc;
+    if (!t.has_value && o.type.empty())
+        return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
+                             " has no value yet, so its kind is not known: give --type (the "
+                             "first typed write fixes the member's kind in this store)");
     if (t.type == member_kind::bytes && !t.has_value)
         return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
                              " has no size yet; bytes need a member with a value");
     member_value v;
-    const std::string why =
-        member_value_refusal(t.member, t.type, o.value, false, t.has_value ? &t.info : nullptr, &v);
+    const std::string why = member_value_refusal(t.member, t.type, o.value, !o.text,
+                                                 t.has_value ? &t.info : nullptr, &v);
     if (!why.empty()) return context::fail(why);
     // Bytes go as the member's whole width (the value is padded to it).
     const unsigned int rc = t.type == member_kind::bytes
@@ -172,7 +191,19 @@ int run_set(context& ctx, const member_options& o) {
                                       APP_CMP_ID, t.handler, t.member, v.size,
                                       reinterpret_cast<char*>(v.value.data()), t.order)
                                 : write_integer(t, decode_value(t.type, v.value));
-    return rc ? ctx.fail_code("cannot write " + member_text(t), rc) : 0;
+    if (rc != 0) return ctx.fail_code("cannot write " + member_text(t), rc);
+    if (!t.has_value)
+        std::cerr << "tevash: " << member_text(t) << " of handler " << t.owner << " is now "
+                  << kind_name(t.type)
+                  << " in this store (the first typed write fixes a member's kind)\n";
+    if (o.json) {
+        nlohmann::ordered_json row = {{"handler", t.handler}};
+        row.update(member_json(v));
+        row["order"] = t.order;
+        row["owner"] = t.owner;
+        std::cout << row.dump() << '\n';
+    }
+    return 0;
 }
 
 std::string value_text(const member_value& m) {
@@ -182,7 +213,7 @@ std::string value_text(const member_value& m) {
 
 int run_members(context& ctx, const std::string& text, bool json) {
     unsigned int id = 0;
-    if (!parse_arg(text, &id, "handler id")) return 1;
+    if (!parse_arg(text, &id, "handler id")) return EXIT_USAGE;
     if (int rc = ctx.check_handler(id)) return rc;
     const auto members = tevhost::record_members(id);
     if (json) {
@@ -208,21 +239,27 @@ void add_access_options(CLI::App* sub, member_options& o) {
 }  // namespace
 
 void add_member_commands(CLI::App& app, context& ctx) {
+    const char* kinds =
+        "Kind check: i8,u8,i16,u16,i32,u32,bytes (needed only before the member "
+        "has a value)";
     auto g = std::make_shared<member_options>();
-    auto* get = app.add_subcommand("get", "Read a member");
+    auto* get = app.add_subcommand("get", "Read a member in its kind");
     add_access_options(get, *g);
-    get->add_option("-t,--type", g->type, "i8,u8,i16,u16,i32,u32,bytes")->required();
+    get->add_option("-t,--type", g->type, kinds);
     get->add_option("--order", g->order, "Child order for job-set members");
     get->add_option("--size", g->size, "Byte count for bytes (default: the member's size)");
+    get->add_flag("--text", g->text, "Bytes as text (up to the first zero byte), not 0x-hex");
     get->add_flag("--json", g->json, "JSON output");
     run_with_system(get, ctx, READS, run_mode::store_only, [&ctx, g] { return run_get(ctx, *g); });
 
     auto s = std::make_shared<member_options>();
-    auto* set = app.add_subcommand("set", "Write a member");
+    auto* set = app.add_subcommand("set", "Write a member in its kind");
     add_access_options(set, *s);
-    set->add_option("value", s->value, "Value (bytes: the text's characters)")->required();
-    set->add_option("-t,--type", s->type, "i8,u8,i16,u16,i32,u32,bytes")->required();
+    set->add_option("value", s->value, "Value: a number, or bytes as 0x-hex")->required();
+    set->add_option("-t,--type", s->type, kinds);
     set->add_option("--order", s->order, "Child order for job-set members");
+    set->add_flag("--text", s->text, "Bytes: the characters of the value, not 0x-hex");
+    set->add_flag("--json", s->json, "JSON output");
     run_with_system(set, ctx, WRITES, run_mode::store_only, [&ctx, s] { return run_set(ctx, *s); });
 
     auto m = std::make_shared<member_options>();

@@ -1,10 +1,11 @@
 // export, import: a handler tree as JSON and back (the format: transfer.h);
 // backup: a copy of the store file.
 //
-// Import makes new handlers through the handler service and the director, as
-// create does, then stores each member value with its kind and links them in
-// order, and prints the new root's id. An export of the imported tree is the
-// same text as the export it came from.
+// Export writes the tree below a handler, or every tree of the store. Import
+// makes new handlers through the handler service and the director, as create
+// does, then stores each member value with its kind and links them in order,
+// and prints each new root's id. An export of the imported tree is the same
+// text as the export it came from.
 //
 // All or nothing: the document is read and checked whole before anything is
 // made. Then each handler is created (one request each), and last, in one store
@@ -24,7 +25,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
+#include "processes.h"
 #include "tev_ash_control.h"
 #include "transfer.h"
 #include "util.h"
@@ -35,17 +39,33 @@ namespace {
 
 using tevhost::member_value;
 
-int run_export(context& ctx, const std::string& text) {
-    unsigned int root = 0;
-    if (!parse_arg(text, &root, "handler id")) return 1;
-    if (int rc = ctx.check_handler(root)) return rc;
-    if (unsigned int rc = write_export(root, std::cout))
-        return ctx.fail_code("the tree below handler " + text + " could not be read whole", rc);
+struct export_options {
+    std::string handler;
+    bool json = false;  // the output is JSON either way
+};
+
+int run_export(context& ctx, const export_options& o) {
+    std::vector<unsigned int> roots;
+    if (o.handler.empty()) {
+        for (const auto& r : tevhost::store_records())
+            if (r.parent_id == 0) roots.push_back(r.handler_id);
+    } else {
+        unsigned int root = 0;
+        if (!parse_arg(o.handler, &root, "handler id")) return EXIT_USAGE;
+        if (int rc = ctx.check_handler(root)) return rc;
+        roots.push_back(root);
+    }
+    if (unsigned int rc = write_exports(roots, std::cout))
+        return ctx.fail_code(
+            o.handler.empty() ? "the trees could not be read whole"
+                              : "the tree below handler " + o.handler + " could not be read whole",
+            rc);
     return 0;
 }
 
 struct import_options {
     std::string file, parent;
+    bool json = false;
 };
 
 // Removes the handlers an import made through another process, in one store
@@ -76,6 +96,7 @@ unsigned int fill_and_link(const std::vector<planned>& plan, const std::vector<u
     // Children lists in child order: first[k], then next[c] ... (0: none; indexes + 1).
     std::vector<size_t> first(plan.size()), last(plan.size()), next(plan.size());
     for (size_t k = 1; k < plan.size(); ++k) {
+        if (plan[k].parent < 0) continue;
         const auto up = static_cast<size_t>(plan[k].parent);
         (first[up] == 0 ? first[up] : next[last[up] - 1]) = k + 1;
         last[up] = k + 1;
@@ -100,11 +121,13 @@ unsigned int fill_and_link(const std::vector<planned>& plan, const std::vector<u
                        rc;
         }
     }
-    if (parent != 0 &&
-        (rc = f->tev_ash_set_link(parent_category, parent, plan[0].category, ids[0])))
-        return *what = "cannot link handler " + std::to_string(ids[0]) + " below " +
-                       std::to_string(parent),
-               rc;
+    for (size_t k = 0; parent != 0 && k < plan.size(); ++k) {
+        if (plan[k].parent < 0 &&
+            (rc = f->tev_ash_set_link(parent_category, parent, plan[k].category, ids[k])))
+            return *what = "cannot link handler " + std::to_string(ids[k]) + " below " +
+                           std::to_string(parent),
+                   rc;
+    }
     if ((rc = txn.commit()) != 0) *what = "the store did not keep the import";
     return rc;
 }
@@ -120,8 +143,14 @@ int run_import(context& ctx, const import_options& o) {
     if (!read_export(text, &plan, &why)) return context::fail("'" + o.file + "': " + why);
     unsigned int parent = 0, parent_category = 0;
     if (!o.parent.empty()) {
-        if (!parse_arg(o.parent, &parent, "parent id")) return 1;
+        if (!parse_arg(o.parent, &parent, "parent id")) return EXIT_USAGE;
         if (int rc = ctx.check_handler(parent, &parent_category)) return rc;
+        for (const auto& p : plan) {
+            if (p.parent >= 0) continue;
+            const std::string pair = category_pair_refusal(parent_category, p.category);
+            if (!pair.empty())
+                return context::fail("cannot import below handler " + o.parent + ": " + pair);
+        }
     }
     // Through a service elsewhere the creates are not part of this process's
     // transaction: mark them, and remove them again on failure.
@@ -157,40 +186,66 @@ int run_import(context& ctx, const import_options& o) {
     std::string what;
     if (unsigned int rc = fill_and_link(plan, ids, elsewhere, parent, parent_category, &what))
         return undo(ctx.fail_code(what, rc));
-    std::cout << ids.front() << '\n';
+    std::vector<unsigned int> roots;
+    for (size_t k = 0; k < plan.size(); ++k)
+        if (plan[k].parent < 0) roots.push_back(ids[k]);
+    if (o.json) {
+        std::cout << nlohmann::ordered_json{{"roots", roots}, {"handlers", ids.size()}}.dump()
+                  << '\n';
+    } else {
+        for (unsigned int id : roots) std::cout << id << '\n';
+    }
     return 0;
 }
 
-int run_backup(context& ctx, const std::string& file) {
+struct backup_options {
+    std::string file;
+    bool json = false;
+};
+
+int run_backup(context& ctx, const backup_options& o) {
+    if (ctx.store.empty() && !ctx.runtime_dir.empty()) {
+        std::string error;
+        tevhost::set_runtime_dir(ctx.runtime_dir);
+        if (!tevash_tools::shared_store_path("", &ctx.store, &error)) return context::fail(error);
+    }
+    if (ctx.store.empty()) return context::usage("backup needs --store FILE (or --runtime-dir)");
     if (int rc = ctx.open_store(READS)) return rc;
     std::string error;
-    if (!tevhost::store_backup(file, &error))
-        return context::fail("cannot back up the store to '" + file + "': " + error);
+    if (!tevhost::store_backup(o.file, &error))
+        return context::fail("cannot back up the store to '" + o.file + "': " + error);
+    if (o.json)
+        std::cout << nlohmann::ordered_json{{"store", ctx.store}, {"file", o.file}}.dump() << '\n';
     return 0;
 }
 
 }  // namespace
 
 void add_transfer_commands(CLI::App& app, context& ctx) {
-    auto h = std::make_shared<std::string>();
-    auto* exp = app.add_subcommand("export", "Write the tree below a handler as JSON");
-    exp->add_option("handler", *h, "Root handler id")->required();
+    auto e = std::make_shared<export_options>();
+    auto* exp =
+        app.add_subcommand("export", "Write the tree below a handler, or every tree, as JSON");
+    exp->add_option("handler", e->handler, "Root handler id (default: every tree)");
+    exp->add_flag("--json", e->json, "JSON output (the default: accepted for uniformity)");
     run_with_system(exp, ctx, READS, run_mode::store_only,
-                    [&ctx, h] { return run_export(ctx, *h); });
+                    [&ctx, e] { return run_export(ctx, *e); });
 
     auto o = std::make_shared<import_options>();
-    auto* imp = app.add_subcommand("import", "Make a tree from an export; prints its root's id");
+    auto* imp =
+        app.add_subcommand("import", "Make trees from an export; prints each new root's id");
     imp->add_option("file", o->file, "Export file (-: standard input)")->required();
-    imp->add_option("--parent", o->parent, "Link the new root below this handler");
+    imp->add_option("--parent", o->parent, "Link each new root below this handler");
+    imp->add_flag("--json", o->json, "JSON output");
     run_with_system(imp, ctx, WRITES, run_mode::sends, [&ctx, o] { return run_import(ctx, *o); });
 
     // Backup needs the store only, not the handler service.
-    auto f = std::make_shared<std::string>();
+    auto b = std::make_shared<backup_options>();
     auto* backup = app.add_subcommand(
         "backup",
         "Write a consistent copy of the --store file to a new FILE, even while others write");
-    backup->add_option("file", *f, "New file")->required();
-    backup->callback([&ctx, f] { ctx.exit_code = run_backup(ctx, *f); });
+    backup->add_option("file", b->file, "New file")->required();
+    backup->add_flag("--json", b->json, "JSON output");
+    backup->callback([&ctx, b] { ctx.exit_code = run_backup(ctx, *b); });
 }
 
 }  // namespace tevash_cli

@@ -28,7 +28,7 @@ int run_tree(context& ctx, const tree_options& o) {
     std::vector<unsigned int> tops;
     if (!o.handler.empty()) {
         unsigned int id = 0;
-        if (!parse_arg(o.handler, &id, "handler id")) return 1;
+        if (!parse_arg(o.handler, &id, "handler id")) return EXIT_USAGE;
         if (int rc = ctx.check_handler(id)) return rc;
         tops.push_back(id);
     } else {

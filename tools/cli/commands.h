@@ -15,6 +15,9 @@ void add_tree_commands(CLI::App& app, context& ctx);      // tree
 void add_transfer_commands(CLI::App& app, context& ctx);  // export import backup
 void add_process_commands(CLI::App& app, context& ctx);   // serve director
 void add_check_commands(CLI::App& app, context& ctx);     // check
+void add_live_commands(CLI::App& app, context& ctx);      // status monitor watch
+// help, and the hidden completion: added last, they walk every command above.
+void add_help_commands(CLI::App& app, context& ctx);
 
 }  // namespace tevash_cli
 

@@ -1,5 +1,7 @@
 #include "context.h"
 
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <sstream>
 
@@ -11,6 +13,15 @@ namespace tevash_cli {
 
 int context::open_store(tevhost::store_access access) {
     if (!verbose) tevhost::set_trace_sink("none");
+    if (store.empty() && read_only) {
+        // The store the host platform opens by itself, if one is named.
+        const char* env = std::getenv("TEVASH_HOST_STORE");
+        if (env == nullptr || *env == '\0')
+            return usage(
+                "--read-only needs --store FILE: without it the store is a fresh "
+                "in-memory one");
+        store = env;
+    }
     if (store.empty()) return 0;
     std::string error;
     if (!tevhost::store_use_file(store, &error,
@@ -24,20 +35,27 @@ int context::open_store(tevhost::store_access access) {
 int context::start_system(tevhost::store_access access) {
     if (!runtime_dir.empty()) {
         tevhost::set_runtime_dir(runtime_dir);
+        // First whether anything serves there: a directory nothing serves is
+        // neither made nor read.
+        if (velmora::vlq_mc_client::vlq_mc_check_facade(velmora::TEV_ASH_SRV_NAME,
+                                                        velmora::TEV_ASH_SRV_OBJ_ID) == 0) {
+            // A read needs no service: the store the service left behind is read as it is.
+            if (access == tevhost::store_access::read_only && store.empty())
+                if (int rc = open_stopped_service_store(); rc >= 0) return rc;
+            fail("handler service not reachable: nothing listening in " + runtime_dir +
+                 " (start `tevash serve` there)");
+            return EXIT_NOT_RUNNING;
+        }
         std::string error;
         // The service's store only: another would be written by the service and
         // read here.
         std::string shared;
         if (!tevash_tools::shared_store_path("", &shared, &error)) return fail(error);
         if (!store.empty() && !same_file(store, shared))
-            return fail("--store " + store + " is not the store of the handler service in " +
-                        runtime_dir + " (" + shared + "); leave out --store with --runtime-dir");
+            return usage("--store " + store + " is not the store of the handler service in " +
+                         runtime_dir + " (" + shared + "); leave out --store with --runtime-dir");
         store = shared;
         if (int rc = open_store(access)) return rc;
-        if (velmora::vlq_mc_client::vlq_mc_check_facade(velmora::TEV_ASH_SRV_NAME,
-                                                        velmora::TEV_ASH_SRV_OBJ_ID) == 0)
-            return fail("handler service not reachable: nothing listening in " + runtime_dir +
-                        " (start `tevash serve` there)");
         capture.reset(new tevhost::trace_capture);
         return 0;
     }
@@ -50,9 +68,29 @@ int context::start_system(tevhost::store_access access) {
     return 0;
 }
 
+int context::open_stopped_service_store() {
+    std::error_code ec;
+    if (!std::filesystem::is_directory(runtime_dir, ec)) return -1;
+    std::string shared, error;
+    if (!tevash_tools::shared_store_path("", &shared, &error) ||
+        !std::filesystem::is_regular_file(shared, ec))
+        return -1;
+    std::cerr << "tevash: no handler service in " << runtime_dir << "; reading its store " << shared
+              << '\n';
+    store = shared;
+    if (int rc = open_store(tevhost::store_access::read_only)) return rc;
+    capture.reset(new tevhost::trace_capture);
+    return 0;
+}
+
 int context::fail(const std::string& message) {
     std::cerr << "tevash: " << message << '\n';
     return 1;
+}
+
+int context::usage(const std::string& message) {
+    fail(message);
+    return EXIT_USAGE;
 }
 
 int context::fail_code(const std::string& words, unsigned int rc) const {
@@ -60,7 +98,7 @@ int context::fail_code(const std::string& words, unsigned int rc) const {
     std::cerr << "  result " << hex32(rc) << '\n';
     if (capture) {
         for (const auto& line : capture->lines()) {
-            std::string t = line.text;
+            std::string t = verbose ? line.text : without_pointers(line.text);
             while (!t.empty() && (t.back() == '\n' || t.back() == '\r')) t.pop_back();
             std::cerr << "  trace: " << t << '\n';
         }

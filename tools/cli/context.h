@@ -8,7 +8,11 @@
 // CLI::App::callback setting ctx.exit_code itself.
 //
 // Errors: one line in words first ("tevash: no handler 99"), then, indented,
-// the result code and the trace lines the command caused.
+// the result code and the trace lines the command caused (pointer values in
+// them only with --verbose).
+//
+// Exit codes: 0 done, EXIT_FAILED, EXIT_USAGE (also CLI11's own parse errors),
+// EXIT_NOT_RUNNING.
 #ifndef TEVASH_CLI_CONTEXT_H
 #define TEVASH_CLI_CONTEXT_H
 
@@ -24,6 +28,10 @@
 #include "tev_ash_types.h"
 
 namespace tevash_cli {
+
+constexpr int EXIT_FAILED = 1;       // the operation failed
+constexpr int EXIT_USAGE = 2;        // the command line is wrong: nothing was tried
+constexpr int EXIT_NOT_RUNNING = 3;  // no handler service runs in the runtime directory
 
 // The component id the tool reads and writes members under.
 constexpr unsigned int APP_CMP_ID = 0x1000;
@@ -59,12 +67,17 @@ struct context {
     // open_store, then the handler service and director of --app-type in this
     // process; with runtime_dir, the shared store and a check that the service answers.
     int start_system(tevhost::store_access access);
+    // With --runtime-dir where nothing serves: opens the store the service left
+    // there read-only. 0 when opened, -1 when there is none, else an exit code.
+    int open_stopped_service_store();
     // Whether the calling thread's last request reached the handler service (a
     // request that did not leaves the library a zero reply: result 0).
     static bool reached_service() { return tevhost::last_send_status() == tevhost::MSG_OK; }
 
     // Prints "tevash: <message>" to standard error; returns the exit code 1.
     static int fail(const std::string& message);
+    // The same for a usage error; returns EXIT_USAGE.
+    static int usage(const std::string& message);
     // fail, then the result code and the trace lines captured so far.
     int fail_code(const std::string& words, unsigned int rc) const;
     // fail_code for create, reset and remove: "handler service not reachable"

@@ -5,10 +5,11 @@
 
 #include "commands.h"
 #include "context.h"
+#include "tev_ash_types.h"
 
 int main(int argc, char** argv) {
     using namespace tevash_cli;
-    CLI::App app{"tevash: handler trees, members and copies over a record store"};
+    CLI::App app{"tevash: handler trees, members and copies over a record store", "tevash"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "tevash " TEVASH_VERSION);
     app.failure_message([](const CLI::App* failed, const CLI::Error& e) {
@@ -20,7 +21,13 @@ int main(int argc, char** argv) {
     });
     context ctx;
     app.add_option("--store", ctx.store,
-                   "Persistent record store file (default: fresh in-memory store)");
+                   "Persistent record store file (default: fresh in-memory store)")
+        ->type_name("FILE")
+        ->check(CLI::Validator(
+            [](std::string& file) {
+                return file.empty() ? std::string("an empty file name names no store") : "";
+            },
+            "", "not empty"));
     app.add_flag("--read-only", ctx.read_only,
                  "Open the store read-only (commands that write are refused)");
     app.add_flag("-v,--verbose", ctx.verbose, "Also write trace lines to standard error");
@@ -39,7 +46,25 @@ int main(int argc, char** argv) {
     add_transfer_commands(app, ctx);
     add_process_commands(app, ctx);
     add_check_commands(app, ctx);
+    add_live_commands(app, ctx);
+    add_help_commands(app, ctx);
+    // A connection name longer than the platform keeps is refused, not cut.
+    for (CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
+        if (CLI::Option* name = sub->get_option_no_throw("--connection"))
+            name->check(CLI::Validator(
+                [](std::string& text) {
+                    return text.size() > velmora::TEV_ASH_CONNECTION_NAME_LEN
+                               ? "'" + text + "' is longer than " +
+                                     std::to_string(velmora::TEV_ASH_CONNECTION_NAME_LEN) + " bytes"
+                               : std::string();
+                },
+                "", "connection name"));
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // --help and --version end the parse with 0; every other parse error is a usage error.
+        return app.exit(e) == 0 ? 0 : EXIT_USAGE;
+    }
     return ctx.exit_code;
 }

@@ -195,9 +195,10 @@ bool read_v2(const json& doc, std::vector<planned>* plan, std::string* why) {
         const auto parent = node.find("parent");
         if (i == 0 && parent != node.end())
             return *why = path + "/parent: the first node is the root", false;
-        if (i > 0) {
+        // A node without a parent after the first is the root of another tree.
+        if (i > 0 && parent != node.end()) {
             long long up = -1;
-            if (parent == node.end() || !parent->is_number_integer() ||
+            if (!parent->is_number_integer() ||
                 !parse_ranged(parent->dump(), 0, static_cast<long long>(i) - 1, &up))
                 return *why = path + "/parent: the index of an earlier node", false;
             p.parent = static_cast<long>(up);
@@ -205,6 +206,9 @@ bool read_v2(const json& doc, std::vector<planned>* plan, std::string* why) {
         if (!read_category(&node, path, &p.category, why) ||
             !read_members(&node, p.category, false, path, &p, why))
             return false;
+        const std::string pair =
+            p.parent < 0 ? "" : category_pair_refusal((*plan)[p.parent].category, p.category);
+        if (!pair.empty()) return *why = path + "/category: " + pair, false;
         plan->push_back(std::move(p));
     }
     return true;
@@ -248,6 +252,10 @@ bool read_v1(const json& doc, std::vector<planned>* plan, std::string* why) {
             !read_category(&node, "", &p.category, why) ||
             !read_members(&node, p.category, true, "", &p, why))
             return refuse(*why);
+        if (p.parent >= 0) {
+            const std::string pair = category_pair_refusal((*plan)[p.parent].category, p.category);
+            if (!pair.empty()) return refuse("/category: " + pair);
+        }
         const auto children = node.find("children");
         if (children == node.end()) continue;
         if (!children->is_array()) return refuse("/children: an array");
@@ -284,8 +292,16 @@ bool read_export(const std::string& text, std::vector<planned>* plan, std::strin
 }
 
 unsigned int write_export(unsigned int root, std::ostream& out) {
+    return write_exports({root}, out);
+}
+
+unsigned int write_exports(const std::vector<unsigned int>& roots, std::ostream& out) {
     std::vector<tree_entry> entries;
-    if (unsigned int rc = walk_tree(root, &entries)) return rc;
+    for (unsigned int root : roots) {
+        std::vector<tree_entry> tree;
+        if (unsigned int rc = walk_tree(root, &tree)) return rc;
+        entries.insert(entries.end(), tree.begin(), tree.end());
+    }
     out << "{\"tevash_tree\":2,\"nodes\":[\n";
     // at_depth[d]: the index of the last node written at depth d.
     std::vector<size_t> at_depth;

@@ -3,7 +3,8 @@
 //
 // Format 2, written by export: a flat list of nodes, one per line, the root
 // first; every other node names its parent by its index in the list, which is
-// below its own, and siblings follow each other in child order:
+// below its own, and siblings follow each other in child order. A node without
+// a parent after the first starts another tree (an export of every tree):
 //
 //   {"tevash_tree":2,"nodes":[
 //   {"category":"APLJOB","members":{"0x00360000":{"kind":"i32","size":4,"value":42}}},
@@ -15,9 +16,9 @@
 // "children":[NODE...]}.
 //
 // Handler ids are not part of an export. Reading trusts nothing: a duplicate or
-// unknown key, a value of the wrong type, or a member that set would refuse
-// (set's own rules, util.h) refuses the whole document, naming the JSON pointer
-// of the bad value.
+// unknown key, a value of the wrong type, a member that set would refuse or a
+// category pair that link would refuse (set's and link's own rules, util.h)
+// refuses the whole document, naming the JSON pointer of the bad value.
 #ifndef TEVASH_CLI_TRANSFER_H
 #define TEVASH_CLI_TRANSFER_H
 
@@ -30,7 +31,8 @@
 namespace tevash_cli {
 
 // One handler an import makes: its category, its parent's index in the plan (-1:
-// the root; always below its own index) and its member values.
+// a root, always the first entry and perhaps others; always below its own
+// index) and its member values.
 struct planned {
     unsigned int category;
     long parent;
@@ -44,6 +46,8 @@ bool read_export(const std::string& text, std::vector<planned>* plan, std::strin
 // Writes the tree below `root` in format 2. 0, or the first failing result code
 // of the facade (nothing is written then).
 unsigned int write_export(unsigned int root, std::ostream& out);
+// The trees below each of `roots` in one document, one after another.
+unsigned int write_exports(const std::vector<unsigned int>& roots, std::ostream& out);
 
 // While an import through a handler service in another process runs, each
 // handler it has made carries this member (outside the member table, so get

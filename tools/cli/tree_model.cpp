@@ -61,8 +61,8 @@ void write_tree_json(const std::vector<tree_entry>& entries, std::ostream& out) 
         for (; open > e.depth; --open) out << "]}";
         // A later sibling follows the previous entry's subtree.
         if (e.depth > 0 && (&e - 1)->depth >= e.depth) out << ',';
-        out << "{\"id\":" << e.id << ",\"category\":" << e.category << ",\"name\":\""
-            << category_name(e.category) << "\",\"children\":[";
+        out << "{\"id\":" << e.id << ",\"category\":\"" << category_token(e.category)
+            << "\",\"children\":[";
         ++open;
     }
     for (; open > 0; --open) out << "]}";

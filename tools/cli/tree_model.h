@@ -26,7 +26,7 @@ constexpr unsigned int DRAWN_LEVELS = 32;
 // "1 AUTH" / "`-- 2 APLSVC_IMG" lines. A line deeper than DRAWN_LEVELS starts with
 // its depth in brackets instead of its ancestors' guides: "[40] `-- 41 JOBSET_03".
 void draw_tree(const std::vector<tree_entry>& entries, std::ostream& out);
-// The tree as one line of nested JSON objects {"id":..,"category":..,"name":..,
+// The tree as one line of nested JSON objects {"id":..,"category":"APLJOB",
 // "children":[..]}, written as it is walked (no document is built).
 void write_tree_json(const std::vector<tree_entry>& entries, std::ostream& out);
 

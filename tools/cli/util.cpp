@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <regex>
 
 #include "tev_ash_control.h"
 #include "tev_ash_types.h"
@@ -205,6 +206,32 @@ std::string hex32(unsigned int value) {
     return buf;
 }
 
+std::string with_article(const std::string& word) {
+    const bool vowel =
+        !word.empty() && std::string("AEIOUaeiou").find(word[0]) != std::string::npos;
+    return (vowel ? "an " : "a ") + word;
+}
+
+std::string without_pointers(const std::string& text) {
+    static const std::regex pointer(R"((, )?&\w+:(0[xX][0-9a-fA-F]+|\(nil\)))");
+    return std::regex_replace(text, pointer, "");
+}
+
+std::string category_pair_refusal(unsigned int parent, unsigned int child) {
+    static velmora::tev_ash_control control;  // its tables only
+    unsigned int lp = 0, lc = 0;
+    const std::string p = category_name(parent), c = category_name(child);
+    if (control.get_category_level(static_cast<TEV_ASH_CATEGORY>(parent), &lp) != 0)
+        return p + " is not a handler category";
+    if (control.get_category_level(static_cast<TEV_ASH_CATEGORY>(child), &lc) != 0)
+        return c + " is not a handler category";
+    if (child == TEV_ASH_CAT_AUTH) return "an AUTH handler is a root: it has no parent";
+    if (lc < lp)
+        return with_article(c) + " handler (level " + std::to_string(lc) + ") cannot be below " +
+               with_article(p) + " handler (level " + std::to_string(lp) + ")";
+    return "";
+}
+
 nlohmann::ordered_json member_json(const tevhost::member_value& m) {
     nlohmann::ordered_json row = {
         {"member", hex32(m.member_id)}, {"kind", kind_name(m.kind)}, {"size", m.size}};
@@ -221,7 +248,7 @@ std::string member_owner_refusal(unsigned int member_id, unsigned int category) 
     if (control.get_member_category(member_id, &owner) != 0)
         return "no member " + hex32(member_id) + " in the member table";
     if (owner != category)
-        return "member " + hex32(member_id) + " belongs to a " + category_name(owner) +
+        return "member " + hex32(member_id) + " belongs to " + with_article(category_name(owner)) +
                " handler, not " + category_name(category);
     return "";
 }

@@ -42,6 +42,16 @@ std::string hex_bytes(const std::vector<unsigned char>& bytes);
 bool parse_hex_bytes(const std::string& text, std::vector<unsigned char>* out);
 
 std::string hex32(unsigned int value);
+// "a JOBSET_03", "an APLJOB": the article the word's sound takes.
+std::string with_article(const std::string& word);
+
+// Trace line text without its pointer values (the ", &name:0x7ffd..." fields).
+std::string without_pointers(const std::string& text);
+
+// Whether the tree allows a handler of category `child` below one of `parent`:
+// "" when it does, else why not in words. A child's level is its parent's or
+// deeper (AUTH 0 and only a root, APLSVC_IMG 1, APLJOB 2, SUBJOB 3, job sets 4).
+std::string category_pair_refusal(unsigned int parent, unsigned int child);
 
 // {"member":"0x00360000","kind":"i32","size":4,"value":42}; bytes as a 0x-hex string.
 nlohmann::ordered_json member_json(const tevhost::member_value& m);

@@ -1,7 +1,10 @@
 #include "handler_service.h"
 
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -25,7 +28,30 @@ using namespace velmora;
 
 namespace {
 
+// The monitor line of the request this thread is answering, while a monitor is
+// attached: the reply helpers note the answer in it.
+thread_local monitor_line* t_line = nullptr;
+// The notifications that request sent, written to the ring after it.
+thread_local std::vector<monitor_line>* t_notes = nullptr;
+
+void note_result(unsigned int rc) {
+    if (t_line == nullptr) return;
+    t_line->result = rc;
+    t_line->fields |= monitor_line::RESULT;
+}
+
 void reply_ctrl(const gen_ipc_msghdr& hdr, long func_id, const tev_ash_ctrl_rpl& rpl) {
+    if (t_line != nullptr) {
+        note_result(rpl.ret);
+        if (rpl.ret == TEV_ASH_RC_OK && func_id == TEV_ASH_FUNC_CTRL_NOTIFY_START) {
+            t_line->connecter = rpl.connecter_id;
+            t_line->fields |= monitor_line::CONNECTER;
+        } else if (rpl.ret == TEV_ASH_RC_OK && func_id == TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER) {
+            t_line->obj_id = tev_ash_wire::object_id_from_wire(rpl.obj_id);
+            std::memcpy(t_line->name, rpl.connection_name, TEV_ASH_CONNECTION_NAME_LEN);
+            t_line->fields |= monitor_line::OBJECT_ID | monitor_line::NAME;
+        }
+    }
     char buf[tev_ash_ctrl_rpl::SIZE];
     encode(rpl, func_id, buf);
     gen_ipc_reply(hdr, buf, ctrl_rpl_length(func_id));
@@ -38,6 +64,7 @@ void reply_ctrl_ret(const gen_ipc_msghdr& hdr, long func_id, unsigned int ret) {
 }
 
 void reply_result(const gen_ipc_msghdr& hdr, unsigned int rc) {
+    note_result(rc);
     tev_ash_result_rpl rpl;
     rpl.rc = rc;
     char buf[tev_ash_result_rpl::SIZE];
@@ -51,6 +78,54 @@ void terminated_name(char (&dst)[TEV_ASH_CONNECTION_NAME_LEN + 1], const char* f
     dst[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
 }
 
+long long wall_us() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+unsigned int micros_since(std::chrono::steady_clock::time_point start) {
+    return static_cast<unsigned int>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                         std::chrono::steady_clock::now() - start)
+                                         .count());
+}
+
+// One notification to a director as a monitor line, when a monitor is attached.
+class noted_notification {
+public:
+    noted_notification(handler_service::monitor_ring* ring, long func_id, int app_type,
+                       const handler_service::director_entry& to)
+        : ring_(ring), on_(ring->attached()) {
+        if (!on_) return;
+        line.time_us = wall_us();
+        line.pid = to.pid;
+        line.func_id = func_id;
+        line.app_type = static_cast<unsigned int>(app_type);
+        line.obj_id = to.obj_id;
+        std::memcpy(line.name, to.connection_name, sizeof line.name);
+        line.fields = monitor_line::NOTIFICATION | monitor_line::APP_TYPE |
+                      monitor_line::OBJECT_ID | monitor_line::NAME;
+        start_ = std::chrono::steady_clock::now();
+    }
+    void done(long result) {
+        if (!on_) return;
+        line.result = static_cast<unsigned int>(result);
+        line.fields |= monitor_line::RESULT;
+        line.latency_us = micros_since(start_);
+        if (t_notes != nullptr) {
+            t_notes->push_back(line);
+        } else {
+            ring_->add(line);
+        }
+    }
+    monitor_line line;
+
+private:
+    handler_service::monitor_ring* ring_;
+    bool on_;
+    std::chrono::steady_clock::time_point start_;
+};
+
 // The director that a proxy found gone while this thread routed a request.
 thread_local bool t_gone_set = false;
 thread_local handler_service::director_entry t_gone;
@@ -59,29 +134,56 @@ thread_local handler_service::director_entry t_gone;
 // at the transport's outcome of each notification it sent (see the header).
 class director_proxy : public tev_ash_observer_impl {
 public:
-    explicit director_proxy(const handler_service::director_entry& director)
-        : tev_ash_observer_impl(director.obj_id, director.connection_name), director_(director) {}
+    director_proxy(const handler_service::director_entry& director,
+                   handler_service::monitor_ring* ring, int app_type)
+        : tev_ash_observer_impl(director.obj_id, director.connection_name),
+          director_(director),
+          ring_(ring),
+          app_type_(app_type) {}
 
     void notify_create(TEV_ASH_CATEGORY category, TEV_ASH_SERVICE_TYPE service_type,
                        unsigned int& handler_id, unsigned int src_handler_id,
                        long& result) override {
+        noted_notification noted(ring_, TEV_ASH_FUNC_CREATE, app_type_, director_);
+        noted.line.category = category;
+        noted.line.service_type = static_cast<unsigned int>(service_type);
+        noted.line.source_id = src_handler_id;
+        noted.line.fields |=
+            monitor_line::CATEGORY | monitor_line::SERVICE_TYPE | monitor_line::SOURCE_ID;
         if (!unresponsive("notify_create", result)) {
             tev_ash_observer_impl::notify_create(category, service_type, handler_id, src_handler_id,
                                                  result);
-            if (reached("notify_create", result)) return;
+            if (reached("notify_create", result)) {
+                noted.line.handler_id = handler_id;
+                noted.line.fields |= monitor_line::HANDLER_ID;
+                noted.done(result);
+                return;
+            }
         }
         handler_id = 0;
+        noted.done(result);
     }
     void notify_remove(unsigned int handler_id, long& result) override {
-        if (unresponsive("notify_remove", result)) return;
-        tev_ash_observer_impl::notify_remove(handler_id, result);
-        reached("notify_remove", result);
+        noted_notification noted(ring_, TEV_ASH_FUNC_REMOVE, app_type_, director_);
+        noted.line.handler_id = handler_id;
+        noted.line.fields |= monitor_line::HANDLER_ID;
+        if (!unresponsive("notify_remove", result)) {
+            tev_ash_observer_impl::notify_remove(handler_id, result);
+            reached("notify_remove", result);
+        }
+        noted.done(result);
     }
     void notify_reset(TEV_ASH_SERVICE_TYPE service_type, unsigned int handler_id,
                       long& result) override {
-        if (unresponsive("notify_reset", result)) return;
-        tev_ash_observer_impl::notify_reset(service_type, handler_id, result);
-        reached("notify_reset", result);
+        noted_notification noted(ring_, TEV_ASH_FUNC_RESET, app_type_, director_);
+        noted.line.service_type = static_cast<unsigned int>(service_type);
+        noted.line.handler_id = handler_id;
+        noted.line.fields |= monitor_line::SERVICE_TYPE | monitor_line::HANDLER_ID;
+        if (!unresponsive("notify_reset", result)) {
+            tev_ash_observer_impl::notify_reset(service_type, handler_id, result);
+            reached("notify_reset", result);
+        }
+        noted.done(result);
     }
 
 private:
@@ -127,6 +229,8 @@ private:
     }
 
     handler_service::director_entry director_;
+    handler_service::monitor_ring* ring_;
+    int app_type_;
 };
 
 }  // namespace
@@ -136,9 +240,10 @@ bool handler_service::director_entry::same_director(const director_entry& other)
            std::strncmp(connection_name, other.connection_name, sizeof connection_name) == 0;
 }
 
-handler_service::handler_service() = default;
+handler_service::handler_service() : started_us_(wall_us()) {}
 
 handler_service::~handler_service() {
+    monitor_.stop();
     {
         std::lock_guard<std::mutex> lock(watch_mtx_);
         stopping_ = true;
@@ -163,6 +268,16 @@ handler_service::~handler_service() {
 void handler_service::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_len,
                                gen_ipc_msghdr sync_handle) {
     const unsigned int len = rcvbuf == nullptr ? 0 : rcvbuf_len;
+    if (monitor_.attached() && func_id >= TEV_ASH_FUNC_ADD_OBSERVER &&
+        func_id <= TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER) {
+        monitored(func_id, rcvbuf, len, sync_handle);
+        return;
+    }
+    route(func_id, rcvbuf, len, sync_handle);
+}
+
+void handler_service::route(long func_id, char* rcvbuf, unsigned int len,
+                            const gen_ipc_msghdr& sync_handle) {
     switch (func_id) {
         case TEV_ASH_FUNC_ADD_OBSERVER: add_observer(rcvbuf, len, sync_handle); break;
         case TEV_ASH_FUNC_REMOVE_OBSERVER: remove_observer(rcvbuf, len, sync_handle); break;
@@ -177,6 +292,8 @@ void handler_service::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_l
         case TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER:
             get_director_observer(rcvbuf, len, sync_handle);
             break;
+        case HOST_FUNC_STATUS: status(sync_handle); break;
+        case HOST_FUNC_MONITOR: monitor(rcvbuf, len, sync_handle); break;
         default: break;  // unknown function: no reply
     }
 }
@@ -203,7 +320,9 @@ void handler_service::add_observer(const char* req, unsigned int len, const gen_
         entry.health->remote = tevhost::connection_served(entry.connection_name);
     }
 
-    auto* proxy = new director_proxy(entry);
+    entry.pid = tevhost::request_peer_pid();
+    if (entry.pid == 0) entry.pid = static_cast<int>(::getpid());
+    auto* proxy = new director_proxy(entry, &monitor_, app_type);
     tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
     unsigned int ret = manager->add_observer(app_type, proxy);
     if (ret == TEV_ASH_RC_OBSERVER_EXISTS && withdraw_unreachable(app_type)) {
@@ -268,6 +387,11 @@ void handler_service::create(const char* req, unsigned int len, const gen_ipc_ms
         rpl.handler_id = handler_id;
         withdraw_gone_director();
     }
+    if (t_line != nullptr && rpl.rc == TEV_ASH_RC_OK) {
+        t_line->handler_id = rpl.handler_id;
+        t_line->fields |= monitor_line::HANDLER_ID;
+    }
+    note_result(rpl.rc);
     char buf[tev_ash_create_rpl::SIZE];
     encode(rpl, buf);
     gen_ipc_reply(hdr, buf, sizeof buf);
@@ -502,6 +626,405 @@ void handler_service::get_director_observer(const char* req, unsigned int len,
         }
     }
     reply_ctrl(hdr, TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER, rpl);
+}
+
+// ---------------------------------------------------------------------------
+// What the live tools ask of the service.
+
+namespace {
+
+using tev_ash_wire::get_u32;
+using tev_ash_wire::put_u32;
+
+// A field of a status line: bytes that are spaces, controls, '%' or not ASCII
+// as %XX; "-" for an empty one.
+std::string escaped(const std::string& text) {
+    if (text.empty()) return "-";
+    if (text == "-") return "%2D";
+    std::string out;
+    for (unsigned char c : text) {
+        if (c <= 0x20 || c == '%' || c >= 0x7F) {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, "%%%02X", c);
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+bool unescaped(const std::string& field, std::string* out) {
+    out->clear();
+    if (field == "-") return true;
+    for (std::size_t i = 0; i < field.size(); ++i) {
+        if (field[i] != '%') {
+            *out += field[i];
+            continue;
+        }
+        unsigned int c = 0;
+        if (i + 2 >= field.size() || !std::isxdigit(static_cast<unsigned char>(field[i + 1])) ||
+            !std::isxdigit(static_cast<unsigned char>(field[i + 2])) ||
+            std::sscanf(field.c_str() + i + 1, "%2X", &c) != 1) {
+            return false;
+        }
+        *out += static_cast<char>(c);
+        i += 2;
+    }
+    return true;
+}
+
+// Fields decoded from a request of the library's protocol, for its monitor line.
+void describe_request(long func_id, const char* req, unsigned int len, monitor_line* line) {
+    switch (func_id) {
+        case TEV_ASH_FUNC_ADD_OBSERVER: {
+            tev_ash_add_observer_req r;
+            if (!decode(req, len, &r)) return;
+            line->app_type = static_cast<unsigned int>(r.app_type);
+            line->obj_id = tev_ash_wire::object_id_from_wire(r.observer);
+            std::memcpy(line->name, r.connection_name, TEV_ASH_CONNECTION_NAME_LEN);
+            line->fields |= monitor_line::APP_TYPE | monitor_line::OBJECT_ID | monitor_line::NAME;
+            return;
+        }
+        case TEV_ASH_FUNC_REMOVE_OBSERVER: {
+            tev_ash_remove_observer_req r;
+            if (!decode(req, len, &r)) return;
+            line->obj_id = tev_ash_wire::object_id_from_wire(r.observer);
+            line->fields |= monitor_line::OBJECT_ID;
+            return;
+        }
+        case TEV_ASH_FUNC_CREATE: {
+            tev_ash_create_req r;
+            if (!decode(req, len, &r)) return;
+            line->category = r.category;
+            line->app_type = static_cast<unsigned int>(r.app_type);
+            line->service_type = static_cast<unsigned int>(r.service_type);
+            line->source_id = r.src_handler_id;
+            line->fields |= monitor_line::CATEGORY | monitor_line::APP_TYPE |
+                            monitor_line::SERVICE_TYPE | monitor_line::SOURCE_ID;
+            return;
+        }
+        case TEV_ASH_FUNC_REMOVE: {
+            tev_ash_remove_req r;
+            if (!decode(req, len, &r)) return;
+            line->app_type = static_cast<unsigned int>(r.app_type);
+            line->handler_id = r.handler_id;
+            line->fields |= monitor_line::APP_TYPE | monitor_line::HANDLER_ID;
+            return;
+        }
+        case TEV_ASH_FUNC_RESET: {
+            tev_ash_reset_req r;
+            if (!decode(req, len, &r)) return;
+            line->app_type = static_cast<unsigned int>(r.app_type);
+            line->service_type = static_cast<unsigned int>(r.service_type);
+            line->handler_id = r.handler_id;
+            line->fields |=
+                monitor_line::APP_TYPE | monitor_line::SERVICE_TYPE | monitor_line::HANDLER_ID;
+            return;
+        }
+        case TEV_ASH_FUNC_CTRL_NOTIFY_INIT_END:
+        case TEV_ASH_FUNC_CTRL_NOTIFY_STOP:
+        case TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER: {
+            tev_ash_ctrl_req r;
+            if (len < tev_ash_ctrl_req::SIZE_CONN_ID || !decode(req, len, &r)) return;
+            line->connecter = r.conn_id;
+            line->fields |= monitor_line::CONNECTER;
+            if (func_id == TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER &&
+                len >= tev_ash_ctrl_req::SIZE_DIRECTOR) {
+                line->app_type = static_cast<unsigned int>(r.app_type);
+                line->fields |= monitor_line::APP_TYPE;
+            }
+            return;
+        }
+        default: return;
+    }
+}
+
+}  // namespace
+
+void handler_service::monitored(long func_id, char* rcvbuf, unsigned int len,
+                                const gen_ipc_msghdr& hdr) {
+    monitor_line line;
+    line.time_us = wall_us();
+    line.pid = tevhost::request_peer_pid();
+    line.func_id = func_id;
+    describe_request(func_id, rcvbuf, len, &line);
+    std::vector<monitor_line> notes;
+    const auto start = std::chrono::steady_clock::now();
+    t_line = &line;
+    t_notes = &notes;
+    route(func_id, rcvbuf, len, hdr);
+    t_line = nullptr;
+    t_notes = nullptr;
+    line.latency_us = micros_since(start);
+    monitor_.add(line, notes);
+}
+
+void handler_service::status(const gen_ipc_msghdr& hdr) {
+    service_status s;
+    s.pid = static_cast<int>(::getpid());
+    s.started_us = started_us_;
+    std::string store;
+    if (tevhost::shared_store_file(&store)) s.store = store;
+    {
+        std::lock_guard<std::mutex> lock(directors_mtx_);
+        for (const auto& registered : directors_) {
+            const director_entry& d = registered.second;
+            service_status::director out;
+            out.app_type = registered.first;
+            out.obj_id = d.obj_id;
+            out.pid = d.pid;
+            out.answering = !d.health->unresponsive.load() &&
+                            (!d.health->remote || tevhost::connection_served(d.connection_name));
+            out.connection = d.connection_name;
+            s.directors.push_back(out);
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(connecters_mtx_);
+        for (const auto& c : connecters_) {
+            service_status::connecter out;
+            out.id = c.first;
+            out.status = c.second->get_status();
+            out.pid = connecter_pids_[c.first];
+            if (out.pid == 0) out.pid = s.pid;
+            char name[TEV_ASH_CONNECTION_NAME_LEN + 1];
+            std::snprintf(name, sizeof name, "TEV_ASH_CON%03u", out.id);
+            out.name = name;
+            s.connecters.push_back(out);
+        }
+    }
+    for (const auto& p : tevhost::served_peers(TEV_ASH_SRV_NAME)) {
+        s.peers.push_back({p.pid, p.connections});
+    }
+    const std::string text = encode_status(s);
+    gen_ipc_reply(hdr, text.data(), static_cast<unsigned int>(text.size()));
+}
+
+// Request: the sequence number after which lines are wanted (low and high
+// 32 bits; all ones: from now on), the wait in ms and the most lines wanted.
+// Reply: a result, the last sequence number given out (low, high), the count
+// of lines, then the lines.
+void handler_service::monitor(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
+    char head[16] = {};
+    if (req == nullptr || len < 16) {
+        tivGENTrcPrintf(0xE200, 0x102, 0,
+                        "handler_service::monitor,request of %u bytes refused (16 expected)\n",
+                        len);
+        put_u32(head, TEV_ASH_RC_BAD_ARG);
+        gen_ipc_reply(hdr, head, sizeof head);
+        return;
+    }
+    const unsigned long long after =
+        get_u32(req) | (static_cast<unsigned long long>(get_u32(req + 4)) << 32);
+    const unsigned int wait_ms = std::min(get_u32(req + 8), MONITOR_MAX_WAIT_MS);
+    const unsigned int most = std::min(
+        get_u32(req + 12), static_cast<unsigned int>((64 * 1024 - 64) / monitor_line::SIZE));
+    int pid = tevhost::request_peer_pid();
+    std::vector<monitor_line> lines;
+    const unsigned long long last = monitor_.after(after, most, wait_ms, pid, &lines);
+    std::vector<char> out(16 + lines.size() * monitor_line::SIZE);
+    put_u32(out.data() + 4, static_cast<std::uint32_t>(last));
+    put_u32(out.data() + 8, static_cast<std::uint32_t>(last >> 32));
+    put_u32(out.data() + 12, static_cast<std::uint32_t>(lines.size()));
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        encode_monitor_line(lines[i], out.data() + 16 + i * monitor_line::SIZE);
+    }
+    gen_ipc_reply(hdr, out.data(), static_cast<unsigned int>(out.size()));
+}
+
+void handler_service::monitor_ring::add(const monitor_line& line,
+                                        const std::vector<monitor_line>& then) {
+    {
+        std::lock_guard<std::mutex> lock(mtx_);
+        const auto now = std::chrono::steady_clock::now();
+        if (now - looked_ > std::chrono::seconds(1)) {
+            // A monitor that stopped without a word: its process has ended.
+            looked_ = now;
+            pids_.erase(std::remove_if(pids_.begin(), pids_.end(), process_gone), pids_.end());
+            if (pids_.empty()) {
+                attached_.store(false, std::memory_order_relaxed);
+                return;
+            }
+        }
+        if (ring_.empty()) return;
+        ring_[++last_seq_ % ring_.size()] = line;
+        ring_[last_seq_ % ring_.size()].seq = last_seq_;
+        for (const auto& l : then) {
+            ring_[++last_seq_ % ring_.size()] = l;
+            ring_[last_seq_ % ring_.size()].seq = last_seq_;
+        }
+    }
+    added_.notify_all();
+}
+
+unsigned long long handler_service::monitor_ring::after(unsigned long long after, unsigned int max,
+                                                        unsigned int wait_ms, int pid,
+                                                        std::vector<monitor_line>* out) {
+    std::unique_lock<std::mutex> lock(mtx_);
+    if (ring_.empty()) ring_.resize(MONITOR_RING);
+    if (std::find(pids_.begin(), pids_.end(), pid) == pids_.end()) pids_.push_back(pid);
+    looked_ = std::chrono::steady_clock::now();
+    attached_.store(true, std::memory_order_relaxed);
+    if (after == ~0ull) return last_seq_;
+    added_.wait_for(lock, std::chrono::milliseconds(wait_ms),
+                    [&] { return stopping_ || last_seq_ != after; });
+    if (after > last_seq_) return last_seq_;  // another service's numbers: start again
+    const unsigned long long kept = ring_.size();
+    const unsigned long long oldest = last_seq_ >= kept ? last_seq_ - kept + 1 : 1;
+    for (unsigned long long seq = std::max(after + 1, oldest);
+         seq <= last_seq_ && out->size() < max; ++seq) {
+        out->push_back(ring_[seq % kept]);
+    }
+    return last_seq_;
+}
+
+void handler_service::monitor_ring::stop() {
+    {
+        std::lock_guard<std::mutex> lock(mtx_);
+        stopping_ = true;
+    }
+    added_.notify_all();
+}
+
+std::string encode_status(const service_status& s) {
+    std::string text = "service " + std::to_string(s.pid) + ' ' + std::to_string(s.started_us) +
+                       ' ' + escaped(s.store) + '\n';
+    for (const auto& d : s.directors) {
+        text += "director " + std::to_string(d.app_type) + ' ' + std::to_string(d.obj_id) + ' ' +
+                std::to_string(d.pid) + ' ' + (d.answering ? "1 " : "0 ") + escaped(d.connection) +
+                '\n';
+    }
+    for (const auto& c : s.connecters) {
+        text += "connecter " + std::to_string(c.id) + ' ' + std::to_string(c.status) + ' ' +
+                std::to_string(c.pid) + ' ' + escaped(c.name) + '\n';
+    }
+    for (const auto& p : s.peers) {
+        text += "peer " + std::to_string(p.pid) + ' ' + std::to_string(p.connections) + '\n';
+    }
+    return text;
+}
+
+bool decode_status(const char* text, unsigned int len, service_status* out) {
+    if (text == nullptr) return false;
+    *out = service_status{};
+    bool service = false;
+    std::string all(text, len);
+    std::size_t at = 0;
+    while (at < all.size()) {
+        std::size_t end = all.find('\n', at);
+        if (end == std::string::npos) return false;
+        std::vector<std::string> f;
+        for (std::size_t i = at; i < end;) {
+            std::size_t sp = all.find(' ', i);
+            if (sp == std::string::npos || sp > end) sp = end;
+            f.push_back(all.substr(i, sp - i));
+            i = sp + 1;
+        }
+        at = end + 1;
+        try {
+            if (f.size() == 4 && f[0] == "service") {
+                out->pid = std::stoi(f[1]);
+                out->started_us = std::stoll(f[2]);
+                if (!unescaped(f[3], &out->store)) return false;
+                service = true;
+            } else if (f.size() == 6 && f[0] == "director") {
+                service_status::director d;
+                d.app_type = std::stoi(f[1]);
+                d.obj_id = std::stol(f[2]);
+                d.pid = std::stoi(f[3]);
+                d.answering = f[4] == "1";
+                if (!unescaped(f[5], &d.connection)) return false;
+                out->directors.push_back(d);
+            } else if (f.size() == 5 && f[0] == "connecter") {
+                service_status::connecter c;
+                c.id = static_cast<unsigned int>(std::stoul(f[1]));
+                c.status = std::stoi(f[2]);
+                c.pid = std::stoi(f[3]);
+                if (!unescaped(f[4], &c.name)) return false;
+                out->connecters.push_back(c);
+            } else if (f.size() == 3 && f[0] == "peer") {
+                out->peers.push_back({std::stoi(f[1]), std::stoi(f[2])});
+            } else {
+                return false;
+            }
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    return service;
+}
+
+// The line on the wire: 16 little-endian 32-bit fields, then the name's 16 bytes.
+void encode_monitor_line(const monitor_line& l, char* out) {
+    const std::uint32_t fields[16] = {
+        static_cast<std::uint32_t>(l.seq),
+        static_cast<std::uint32_t>(l.seq >> 32),
+        static_cast<std::uint32_t>(static_cast<unsigned long long>(l.time_us)),
+        static_cast<std::uint32_t>(static_cast<unsigned long long>(l.time_us) >> 32),
+        l.latency_us,
+        static_cast<std::uint32_t>(l.pid),
+        static_cast<std::uint32_t>(l.func_id),
+        l.fields,
+        l.app_type,
+        l.service_type,
+        l.category,
+        l.handler_id,
+        l.source_id,
+        l.connecter,
+        l.result,
+        static_cast<std::uint32_t>(tev_ash_wire::object_id_to_wire(l.obj_id))};
+    for (int i = 0; i < 16; ++i) put_u32(out + 4 * i, fields[i]);
+    tev_ash_wire::put_name(out + 64, l.name);
+}
+
+monitor_line decode_monitor_line(const char* in) {
+    monitor_line l;
+    auto u = [in](int i) { return get_u32(in + 4 * i); };
+    l.seq = u(0) | (static_cast<unsigned long long>(u(1)) << 32);
+    l.time_us = static_cast<long long>(u(2) | (static_cast<unsigned long long>(u(3)) << 32));
+    l.latency_us = u(4);
+    l.pid = static_cast<int>(u(5));
+    l.func_id = static_cast<std::int32_t>(u(6));
+    l.fields = u(7);
+    l.app_type = u(8);
+    l.service_type = u(9);
+    l.category = u(10);
+    l.handler_id = u(11);
+    l.source_id = u(12);
+    l.connecter = u(13);
+    l.result = u(14);
+    l.obj_id = tev_ash_wire::object_id_from_wire(static_cast<std::int32_t>(u(15)));
+    std::memcpy(l.name, in + 64, TEV_ASH_CONNECTION_NAME_LEN);
+    l.name[TEV_ASH_CONNECTION_NAME_LEN] = '\0';
+    return l;
+}
+
+std::string function_name(long func_id, bool notification) {
+    static const char* const names[] = {
+        "add_observer",    "remove_observer", "create",
+        "remove",          "reset",           "notify_start",
+        "notify_init_end", "notify_stop",     "get_director_observer"};
+    if (notification && func_id >= TEV_ASH_FUNC_CREATE && func_id <= TEV_ASH_FUNC_RESET) {
+        return std::string("notify_") + names[func_id];
+    }
+    if (!notification && func_id >= 0 && func_id <= TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER) {
+        return names[func_id];
+    }
+    return "function " + std::to_string(func_id);
+}
+
+std::string result_words(unsigned int code) {
+    switch (code) {
+        case TEV_ASH_RC_OK: return "";
+        case TEV_ASH_RC_FAILURE: return "failure";
+        case TEV_ASH_RC_NOT_EXIST: return "does not exist";
+        case TEV_ASH_RC_OBSERVER_EXISTS: return "a director is registered for the type";
+        case TEV_ASH_RC_NO_OBSERVER: return "no director for the type";
+        case TEV_ASH_RC_NO_SERVICE: return "no handler service";
+        case TEV_ASH_RC_BAD_ARG: return "bad argument";
+        default: return tevhost::host_code_text(code);
+    }
 }
 
 }  // namespace tevash_tools

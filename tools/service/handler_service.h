@@ -32,6 +32,19 @@
 // 0xC1030006 (no observer), and a restarted director can register again. A
 // registration refused because the type already has a director that no longer
 // answers a check replaces that director.
+//
+// Host-only requests for the tools that look into a running service (`tevash
+// status` and `tevash monitor`), with function ids the library never sends
+// (their layouts are in platform/host/ipc_frame.h beside the frame format):
+// - HOST_FUNC_STATUS: the service's pid, start time and store file, its
+//   directors, connecters and the open connections of each peer process;
+// - HOST_FUNC_MONITOR: the lines of the monitor ring after a sequence number,
+//   waiting up to MONITOR_MAX_WAIT_MS for one. From the first such request until
+//   every process that asked has ended, each request the service answers and
+//   each notification it sends a director is one line in a ring of
+//   MONITOR_RING lines; a monitor that does not ask in time loses the oldest
+//   lines, which the gap in sequence numbers counts. While none is attached a
+//   request costs one relaxed atomic load more.
 #ifndef TEVASH_TOOLS_HANDLER_SERVICE_H
 #define TEVASH_TOOLS_HANDLER_SERVICE_H
 
@@ -41,6 +54,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -52,6 +66,74 @@ class tev_ash_connecter;
 }
 
 namespace tevash_tools {
+
+constexpr long HOST_FUNC_STATUS = 0x7E01;
+constexpr long HOST_FUNC_MONITOR = 0x7E02;
+constexpr unsigned int MONITOR_RING = 1024;
+constexpr unsigned int MONITOR_MAX_WAIT_MS = 1000;
+
+// What HOST_FUNC_STATUS answers.
+struct service_status {
+    int pid = 0;
+    long long started_us = 0;  // wall clock, microseconds since the epoch
+    std::string store;         // the record store file it shares; empty when none
+    struct director {
+        int app_type = 0;
+        long obj_id = 0;
+        int pid = 0;  // the process that registered it
+        bool answering = true;
+        std::string connection;
+    };
+    struct connecter {
+        unsigned int id = 0;
+        int status = 0;  // tev_ash_connecter::CTRL_STATUS
+        int pid = 0;     // the process that started it
+        std::string name;
+    };
+    struct peer {
+        int pid = 0;
+        int connections = 0;
+    };
+    std::vector<director> directors;    // ascending application type
+    std::vector<connecter> connecters;  // ascending id
+    std::vector<peer> peers;            // ascending pid
+};
+std::string encode_status(const service_status& s);
+bool decode_status(const char* text, unsigned int len, service_status* out);
+
+// One line of the monitor ring: a request the service answered, or a
+// notification it sent a director, with the answer.
+struct monitor_line {
+    enum : unsigned int {  // the fields the line carries
+        APP_TYPE = 1u << 0,
+        SERVICE_TYPE = 1u << 1,
+        CATEGORY = 1u << 2,
+        HANDLER_ID = 1u << 3,
+        SOURCE_ID = 1u << 4,
+        OBJECT_ID = 1u << 5,
+        CONNECTER = 1u << 6,
+        NAME = 1u << 7,
+        RESULT = 1u << 8,        // answered; a request too short is answered too
+        NOTIFICATION = 1u << 9,  // sent to a director (pid: the director's)
+    };
+    static constexpr unsigned int SIZE = 80;  // bytes on the wire
+    unsigned long long seq = 0;
+    long long time_us = 0;  // wall clock when it came in (or was sent)
+    unsigned int latency_us = 0;
+    int pid = 0;  // the sender's; 0 in the service's own process
+    long func_id = 0;
+    unsigned int fields = 0;
+    unsigned int app_type = 0, service_type = 0, category = 0, handler_id = 0, source_id = 0,
+                 connecter = 0, result = 0;
+    long obj_id = 0;
+    char name[velmora::TEV_ASH_CONNECTION_NAME_LEN + 1] = {};
+};
+void encode_monitor_line(const monitor_line& l, char* out);  // SIZE bytes
+monitor_line decode_monitor_line(const char* in);
+// "create", "notify_reset", ...; "function <id>" for others.
+std::string function_name(long func_id, bool notification);
+// Words for a result code of the library, the service or the store ("" for 0).
+std::string result_words(unsigned int code);
 
 class handler_service : public velmora::facade_template {
 public:
@@ -79,12 +161,41 @@ public:
     // A director's observer as it registered: its object id and connection name.
     struct director_entry {
         long obj_id;
+        int pid = 0;  // the process that registered it
         char connection_name[velmora::TEV_ASH_CONNECTION_NAME_LEN + 1];
         std::shared_ptr<director_health> health;
         bool same_director(const director_entry& other) const;
     };
 
+    // The ring of monitor lines (see above).
+    class monitor_ring {
+    public:
+        bool attached() const { return attached_.load(std::memory_order_relaxed); }
+        // Adds `line`, then `then` (the notifications a request sent).
+        void add(const monitor_line& line, const std::vector<monitor_line>& then = {});
+        // Lines after `after` (all from the oldest kept when `after` is older),
+        // at most `max`, waiting up to `wait_ms` for one; attaches `pid`. Returns
+        // the last sequence number given out.
+        unsigned long long after(unsigned long long after, unsigned int max, unsigned int wait_ms,
+                                 int pid, std::vector<monitor_line>* out);
+        void stop();
+
+    private:
+        std::atomic<bool> attached_{false};
+        std::mutex mtx_;
+        std::condition_variable added_;
+        std::vector<monitor_line> ring_;
+        unsigned long long last_seq_ = 0;
+        std::vector<int> pids_;  // the monitors' processes
+        std::chrono::steady_clock::time_point looked_;
+        bool stopping_ = false;
+    };
+
 private:
+    void route(long func_id, char* rcvbuf, unsigned int len, const gen_ipc_msghdr& hdr);
+    void monitored(long func_id, char* rcvbuf, unsigned int len, const gen_ipc_msghdr& hdr);
+    void status(const gen_ipc_msghdr& hdr);
+    void monitor(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
     void add_observer(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
     void remove_observer(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
     void create(const char* req, unsigned int len, const gen_ipc_msghdr& hdr);
@@ -134,6 +245,9 @@ private:
     // again once the connecter stopped or that process is gone.
     std::map<unsigned char, int> connecter_pids_;
     unsigned int next_conn_id_ = 1;
+
+    monitor_ring monitor_;
+    const long long started_us_;
 
     std::mutex watch_mtx_;
     std::condition_variable watch_cv_;

@@ -53,8 +53,12 @@ int wait_for_stop_signal() {
 }
 
 int fail(const char* who, const std::string& message) {
-    std::fprintf(stderr, "tevash %s: %s\n", who, message.c_str());
+    tevhost::log_line(tevhost::log_priority::error, std::string("tevash ") + who + ": " + message);
     return 1;
+}
+
+void tell(const process_options& opt, const char* state, const std::string& status) {
+    if (opt.on_state) opt.on_state(state, status);
 }
 
 // "ready", or {"ready":true,"pid":<pid>,<fields>}; bytes of a path that are not
@@ -97,7 +101,7 @@ bool shared_store_path(const std::string& store, std::string* path, std::string*
     std::string shared;
     std::string why;
     if (!tevhost::shared_store_file(&shared, &why)) {
-        if (error != nullptr) *error = "runtime directory: " + why;
+        if (error != nullptr) *error = why;
         return false;
     }
     *path = store.empty() ? shared : store;
@@ -123,7 +127,9 @@ int run_service(const process_options& opt) {
         return fail("serve", "the handler service is already registered in this process");
     }
     std::string error;
-    if (!tevhost::serve_connection(velmora::TEV_ASH_SRV_NAME, &error)) {
+    if (!(opt.listen_fd >= 0
+              ? tevhost::serve_connection_on(velmora::TEV_ASH_SRV_NAME, opt.listen_fd, &error)
+              : tevhost::serve_connection(velmora::TEV_ASH_SRV_NAME, &error))) {
         tevhost::unregister_object(velmora::TEV_ASH_SRV_NAME, velmora::TEV_ASH_SRV_OBJ_ID);
         return fail("serve", "cannot serve \"TEV_ASH_SRV\" in " + dir + ": " + error);
     }
@@ -134,7 +140,9 @@ int run_service(const process_options& opt) {
         return fail("serve", error);
     }
     print_ready(opt.json, {{"runtime_dir", dir}, {"store", store}, {"connection", "TEV_ASH_SRV"}});
+    tell(opt, "ready", "serving TEV_ASH_SRV in " + dir + ", store " + store);
     const int sig = wait_for_stop_signal();
+    tell(opt, "stopping", std::string("stopping (") + strsignal(sig) + ")");
     std::fprintf(stderr, "tevash serve: %s: stopping\n", strsignal(sig));
     tevhost::stop_serving(velmora::TEV_ASH_SRV_NAME);
     tevhost::unregister_object(velmora::TEV_ASH_SRV_NAME, velmora::TEV_ASH_SRV_OBJ_ID);
@@ -177,6 +185,7 @@ int run_director(int app_type, const std::string& connection, const process_opti
                                          : ""));
     }
     print_ready(opt.json, {{"app_type", app_type}, {"connection", name}, {"store", store}});
+    tell(opt, "ready", "directing application type " + std::to_string(app_type) + " as " + name);
 
     // Follows the handler service: one started since does not know this director.
     std::mutex mtx;
@@ -206,6 +215,7 @@ int run_director(int app_type, const std::string& connection, const process_opti
     });
 
     const int sig = wait_for_stop_signal();
+    tell(opt, "stopping", std::string("withdrawing (") + strsignal(sig) + ")");
     std::fprintf(stderr, "tevash director: %s: withdrawing\n", strsignal(sig));
     director->begin_stop();  // nothing is kept from here on
     // Withdrawing waits for the notifications in flight, which may be blocked:

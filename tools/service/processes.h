@@ -32,6 +32,12 @@ struct process_options {
     // A director's records in its own memory instead of the shared store (for
     // benchmarks that measure the processes without the store file).
     bool memory_store = false;
+    // run_service: serve on this listening socket (one a service manager passed
+    // in) instead of binding one of its own; -1: bind one.
+    int listen_fd = -1;
+    // Told "ready" with a status text once the process serves (after its ready
+    // line), and "stopping" when a stop signal came: e.g. for a service manager.
+    std::function<void(const char* state, const std::string& status)> on_state;
 };
 
 // Stops accepting on a signal, finishes the calls in flight, removes its socket.

@@ -22,6 +22,7 @@
 #define TEVASH_TOOLS_SAMPLE_DIRECTOR_H
 
 #include <atomic>
+#include <mutex>
 
 #include "tev_ash_observer.h"
 
@@ -80,6 +81,8 @@ private:
     bool started_ = false;
     std::atomic<bool> stopping_{false};
     std::atomic<unsigned int> notifications_{0};
+    // Held by the notification in its store transaction (again by one nested in it).
+    std::recursive_mutex turns_;
 };
 
 }  // namespace tevash_tools

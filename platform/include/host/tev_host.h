@@ -38,6 +38,10 @@ namespace tevhost {
 //   TEVASH_HOST_STORE           a persistent store file opened at the store's
 //                               first use; default: the in-memory store.
 //                               Setters: store_use_file, store_use_memory.
+//   JOURNAL_STREAM              "<device>:<inode>" of the journal's stream, set by
+//                               a service manager: while standard error is that
+//                               stream, each line written there starts with its
+//                               syslog priority (see log_line). No setter.
 
 // Where trace lines go from the next line on: "" or "stderr", "none" or "off",
 // else a file name (appended to; nowhere when it cannot be opened).
@@ -49,6 +53,14 @@ void set_runtime_dir(const std::string& dir);
 // The message timeout from the next round trip on, connections already open
 // included; ms <= 0 brings back the default (the environment's, else 30000).
 void set_message_timeout_ms(int ms);
+
+// Priorities of the lines a process writes to standard error.
+enum class log_priority { error = 3, warning = 4, info = 6 };
+// Writes `line` and a newline to standard error in one write, with "<N>" (the
+// priority) in front while standard error is the journal's stream. Trace lines
+// sent to standard error carry "<4>" there, failed service calls "<3>"; trace
+// lines sent to a file start with the time (UTC, microseconds) and "[pid]".
+void log_line(log_priority priority, const std::string& line);
 
 // ---------------------------------------------------------------------------
 // Message service, in-process. An object is registered under (connection name,
@@ -142,6 +154,14 @@ bool connection_served(const char* connection);
 // An identity of the process instance serving `connection` (changes whenever another
 // server starts serving the name, e.g. the socket file's inode with its device), 0 when none.
 unsigned long long served_instance(const char* connection);
+// The peer processes connected to `connection` as this process serves it, each with its
+// number of open connections (one per sending thread), ascending pid; empty when this
+// process does not serve the name.
+struct peer_connections {
+    int pid;
+    int connections;
+};
+std::vector<peer_connections> served_peers(const char* connection);
 
 // The words for a MSG_* result ("delivered", "nothing listening", "peer gone",
 // "timed out", "bad frame", ...); "unknown result" for any other value.
@@ -184,9 +204,19 @@ bool choose_shared_store(const std::string& path, std::string* error = nullptr);
 // above are refused (MSG_BUSY). Malformed frames and refusals are traced as the
 // first one, then a count at most once a second per peer.
 bool serve_connection(const char* connection, std::string* error = nullptr);
-// Stops accepting on `connection`, removes its socket and lock file, lets each
-// connection finish the request it is delivering (the reply is still sent), then
-// closes them all and returns. Returns false when the connection was not served.
+// Serves `connection` as serve_connection does, but on `listen_fd`, a listening
+// Unix SOCK_SEQPACKET socket bound to the name's socket file by someone else (a
+// service manager's socket activation): nothing is bound, and stopping leaves
+// the socket's file in place.
+// The name's lock is taken all the same. On success the server owns the
+// descriptor (made non-blocking and close-on-exec, closed when serving stops);
+// false with *error set, the descriptor left to the caller, when it is not such
+// a socket or the name cannot be served.
+bool serve_connection_on(const char* connection, int listen_fd, std::string* error = nullptr);
+// Stops accepting on `connection`, removes its lock file and the socket file it
+// bound (not one passed to serve_connection_on), lets each connection finish the
+// request it is delivering (the reply is still sent), then closes them all and
+// returns. Returns false when the connection was not served.
 // REQUIRES: not called from a dispatch of that connection.
 bool stop_serving(const char* connection);
 

@@ -1,0 +1,623 @@
+// status, monitor, watch: the running system of a runtime directory as it is
+// and as it changes. status and monitor ask the handler service (its host-only
+// requests, handler_service.h); watch reads the shared store file only, so
+// writers pay nothing for it.
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <filesystem>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands.h"
+#include "handler_service.h"
+#include "processes.h"
+#include "tev_ash_connecter.h"
+#include "tev_ash_messages.h"
+#include "util.h"
+#include "vlq_mc_client.h"
+
+namespace tevash_cli {
+
+namespace {
+
+using namespace velmora;
+using json = nlohmann::ordered_json;
+
+// The exit status when no handler service answers.
+constexpr int NO_SERVICE = 3;
+
+std::string dump(const json& j) {
+    return j.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+// Routes traces and picks the runtime directory; a message timeout of a few
+// seconds unless one is set, so that a stopped service is told quickly.
+std::string prepare(const context& ctx) {
+    if (!ctx.verbose) tevhost::set_trace_sink("none");
+    if (!ctx.runtime_dir.empty()) tevhost::set_runtime_dir(ctx.runtime_dir);
+    if (std::getenv("TEVASH_HOST_IPC_TIMEOUT_MS") == nullptr) tevhost::set_message_timeout_ms(5000);
+    // A directory named on the command line is not made by looking at it.
+    std::error_code ec;
+    if (!ctx.runtime_dir.empty() && !std::filesystem::is_directory(ctx.runtime_dir, ec))
+        return ctx.runtime_dir;
+    std::string dir;
+    tevhost::runtime_dir(&dir);
+    return dir;
+}
+
+// One host-only request to the handler service; "" when answered, else why not
+// ("nothing listening", ...).
+std::string ask_service(long func_id, std::vector<char> request, std::vector<char>* reply) {
+    vlq_mc_client client;
+    reply->assign(64 * 1024 - 20, '\0');
+    auto len = static_cast<unsigned int>(reply->size());
+    client.vlq_mc_send_sync_message(TEV_ASH_SRV_OBJ_ID, func_id, request.data(),
+                                    static_cast<unsigned int>(request.size()), reply->data(), &len,
+                                    TEV_ASH_SRV_NAME);
+    const int sent = tevhost::last_send_status();
+    if (sent == tevhost::MSG_NO_REPLY) return "the handler service does not answer this request";
+    if (sent != tevhost::MSG_OK) return tevhost::send_status_text(sent);
+    reply->resize(len);
+    return "";
+}
+
+std::string hex_id(long id) {
+    return hex32(static_cast<unsigned int>(id));
+}
+
+std::string clock_text(long long us, bool date) {
+    const time_t secs = static_cast<time_t>(us / 1000000);
+    tm parts{};
+    localtime_r(&secs, &parts);
+    char text[64];
+    strftime(text, sizeof text, date ? "%Y-%m-%d %H:%M:%S" : "%H:%M:%S", &parts);
+    if (date) return text;
+    char micro[16];
+    std::snprintf(micro, sizeof micro, ".%06lld", us % 1000000);
+    return std::string(text) + micro;
+}
+
+long long now_us() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+bool process_alive(int pid) {
+    return pid > 0 && (::kill(pid, 0) == 0 || errno != ESRCH);
+}
+
+const char* connecter_status(int status) {
+    switch (status) {
+        case tev_ash_connecter::CTRL_STATUS_NONE: return "new";
+        case tev_ash_connecter::CTRL_STATUS_STARTED: return "started";
+        case tev_ash_connecter::CTRL_STATUS_READY: return "ready";
+        case tev_ash_connecter::CTRL_STATUS_STOPPED: return "stopped";
+        default: return "unknown";
+    }
+}
+
+// ---------------------------------------------------------------------------
+// status
+
+struct status_options {
+    bool json = false;
+};
+
+// The shared store file and its record count (-1 when it cannot be read).
+void store_part(const context& ctx, std::string* file, long long* records, std::string* why) {
+    *records = -1;
+    std::string error;
+    std::error_code ec;
+    if (!ctx.store.empty()) {
+        *file = ctx.store;
+    } else if (!ctx.runtime_dir.empty() && !std::filesystem::is_directory(ctx.runtime_dir, ec)) {
+        *why = "no runtime directory " + ctx.runtime_dir;
+        return;
+    } else if (!tevash_tools::shared_store_path("", file, &error)) {
+        *why = error;
+        return;
+    }
+    struct stat st {};
+    if (::stat(file->c_str(), &st) != 0) {
+        *why = "no store file yet";
+        return;
+    }
+    if (!tevhost::store_use_file(*file, &error, tevhost::store_access::read_only)) {
+        *why = error;
+        return;
+    }
+    *records = static_cast<long long>(tevhost::store_records().size());
+}
+
+int run_status(const context& ctx, const status_options& o) {
+    const std::string dir = prepare(ctx);
+    std::vector<char> reply;
+    std::error_code ec;
+    std::string unreachable = std::filesystem::is_directory(dir, ec)
+                                  ? ask_service(tevash_tools::HOST_FUNC_STATUS, {}, &reply)
+                                  : "no runtime directory " + dir;
+    tevash_tools::service_status s;
+    if (unreachable.empty() &&
+        !tevash_tools::decode_status(reply.data(), static_cast<unsigned int>(reply.size()), &s))
+        unreachable = "the handler service answered with a malformed status";
+    std::string file, why;
+    long long records = -1;
+    store_part(ctx, &file, &records, &why);
+
+    if (o.json) {
+        json out = {{"runtime_dir", dir}};
+        if (unreachable.empty()) {
+            json directors = json::array(), connecters = json::array(), peers = json::array();
+            for (const auto& d : s.directors)
+                directors.push_back({{"app_type", d.app_type},
+                                     {"connection", d.connection},
+                                     {"object_id", d.obj_id},
+                                     {"pid", d.pid},
+                                     {"answering", d.answering}});
+            for (const auto& c : s.connecters)
+                connecters.push_back({{"id", c.id},
+                                      {"name", c.name},
+                                      {"status", connecter_status(c.status)},
+                                      {"pid", c.pid},
+                                      {"process_alive", process_alive(c.pid)}});
+            for (const auto& p : s.peers)
+                peers.push_back({{"pid", p.pid}, {"connections", p.connections}});
+            out["service"] = {
+                {"pid", s.pid},           {"started_us", s.started_us}, {"store", s.store},
+                {"directors", directors}, {"connecters", connecters},   {"connections", peers}};
+        } else {
+            out["service"] = nullptr;
+            out["service_error"] = unreachable;
+        }
+        out["store"] = {{"file", file}};
+        if (records >= 0)
+            out["store"]["records"] = records;
+        else
+            out["store"]["error"] = why;
+        std::cout << dump(out) << '\n';
+    } else {
+        std::cout << "runtime directory: " << dir << '\n';
+        if (!unreachable.empty()) {
+            std::cout << "handler service: not running (" << unreachable << ")\n";
+        } else {
+            const long long up = (now_us() - s.started_us) / 1000000;
+            std::cout << "handler service: pid " << s.pid << ", started "
+                      << clock_text(s.started_us, true) << " (up " << up << " s), store " << s.store
+                      << '\n';
+            std::cout << "directors: " << s.directors.size() << '\n';
+            for (const auto& d : s.directors)
+                std::cout << "  app type " << d.app_type << "  " << d.connection << "  object "
+                          << hex_id(d.obj_id) << "  pid " << d.pid << "  "
+                          << (d.answering ? "answering" : "not answering") << '\n';
+            std::cout << "connecters: " << s.connecters.size() << '\n';
+            for (const auto& c : s.connecters)
+                std::cout << "  " << c.id << "  " << c.name << "  " << connecter_status(c.status)
+                          << "  pid " << c.pid << (process_alive(c.pid) ? "" : " (ended)") << '\n';
+            std::cout << "open connections to the service: " << s.peers.size() << " process(es)\n";
+            for (const auto& p : s.peers)
+                std::cout << "  pid " << p.pid << "  " << p.connections << '\n';
+        }
+        if (records >= 0)
+            std::cout << "store: " << file << ", " << records << " record(s)\n";
+        else
+            std::cout << "store: " << file << " (" << why << ")\n";
+    }
+    std::cout.flush();
+    return unreachable.empty() ? 0 : NO_SERVICE;
+}
+
+// ---------------------------------------------------------------------------
+// monitor
+
+struct monitor_options {
+    bool json = false;
+    int app_type = -1;  // -1: any
+    std::string function;
+    long long count = 0;  // stop after this many lines; 0: never
+};
+
+using tevash_tools::monitor_line;
+
+// The fields a function carries in its answer rather than its request.
+unsigned int answer_fields(const monitor_line& l) {
+    const bool note = (l.fields & monitor_line::NOTIFICATION) != 0;
+    if (l.func_id == TEV_ASH_FUNC_CREATE) return monitor_line::HANDLER_ID;
+    if (note) return 0;
+    if (l.func_id == TEV_ASH_FUNC_CTRL_NOTIFY_START) return monitor_line::CONNECTER;
+    if (l.func_id == TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER)
+        return monitor_line::OBJECT_ID | monitor_line::NAME;
+    return 0;
+}
+
+// The line's fields among `which`, as " name=value" text or into `out`.
+void fields_of(const monitor_line& l, unsigned int which, std::string* text, json* out) {
+    auto put = [&](unsigned int bit, const char* name, const json& value,
+                   const std::string& shown) {
+        if ((l.fields & which & bit) == 0) return;
+        if (text != nullptr) *text += std::string(" ") + name + "=" + shown;
+        if (out != nullptr) (*out)[name] = value;
+    };
+    put(monitor_line::APP_TYPE, "app_type", static_cast<int>(l.app_type),
+        std::to_string(static_cast<int>(l.app_type)));
+    put(monitor_line::SERVICE_TYPE, "service_type", static_cast<int>(l.service_type),
+        std::to_string(static_cast<int>(l.service_type)));
+    put(monitor_line::CATEGORY, "category", l.category, category_name(l.category));
+    put(monitor_line::SOURCE_ID, "source", l.source_id, std::to_string(l.source_id));
+    put(monitor_line::HANDLER_ID, "handler", l.handler_id, std::to_string(l.handler_id));
+    put(monitor_line::CONNECTER, "connecter", l.connecter, std::to_string(l.connecter));
+    put(monitor_line::OBJECT_ID, "object", l.obj_id, hex_id(l.obj_id));
+    put(monitor_line::NAME, "connection", l.name, l.name);
+}
+
+std::string monitor_text(const monitor_line& l) {
+    const bool note = (l.fields & monitor_line::NOTIFICATION) != 0;
+    std::string text = clock_text(l.time_us, false) + (note ? "  to pid " : "  pid ") +
+                       std::to_string(l.pid) + "  " + tevash_tools::function_name(l.func_id, note);
+    const unsigned int answer = answer_fields(l);
+    fields_of(l, ~answer, &text, nullptr);
+    if ((l.fields & monitor_line::RESULT) == 0) {
+        text += "  -> no answer";
+    } else if (l.result == 0) {
+        text += "  -> ok";
+        fields_of(l, answer, &text, nullptr);
+    } else {
+        text += "  -> " + hex32(l.result);
+        const std::string words = tevash_tools::result_words(l.result);
+        if (!words.empty()) text += " (" + words + ")";
+    }
+    return text + "  " + std::to_string(l.latency_us) + " us";
+}
+
+json monitor_json(const monitor_line& l) {
+    const bool note = (l.fields & monitor_line::NOTIFICATION) != 0;
+    json out = {{"seq", l.seq},
+                {"time_us", l.time_us},
+                {note ? "director_pid" : "pid", l.pid},
+                {"function", tevash_tools::function_name(l.func_id, note)},
+                {"notification", note}};
+    fields_of(l, ~0u, nullptr, &out);
+    if (l.fields & monitor_line::RESULT) {
+        out["result"] = l.result;
+        out["words"] = l.result == 0 ? "ok" : tevash_tools::result_words(l.result);
+    }
+    out["latency_us"] = l.latency_us;
+    return out;
+}
+
+bool known_function(const std::string& name) {
+    for (long f = TEV_ASH_FUNC_ADD_OBSERVER; f <= TEV_ASH_FUNC_CTRL_GET_DIRECTOR_OBSERVER; ++f)
+        if (name == tevash_tools::function_name(f, false) ||
+            name == tevash_tools::function_name(f, true))
+            return true;
+    return false;
+}
+
+// The most lines one answer carries, and the pause after an answer that had
+// some: the ring of 1024 lines then holds 50 000 lines a second.
+constexpr unsigned int MONITOR_BATCH = 800;
+constexpr std::chrono::milliseconds MONITOR_PAUSE(20);
+
+volatile sig_atomic_t g_stop = 0;
+
+int run_monitor(const context& ctx, const monitor_options& o) {
+    if (!o.function.empty() && !known_function(o.function))
+        return context::fail("no function '" + o.function +
+                             "' (create, remove, reset, add_observer, remove_observer, "
+                             "notify_start, notify_init_end, notify_stop, get_director_observer, "
+                             "notify_create, notify_remove, notify_reset)");
+    const std::string dir = prepare(ctx);
+    g_stop = 0;
+    signal(SIGINT, [](int) { g_stop = 1; });
+    signal(SIGTERM, [](int) { g_stop = 1; });
+    unsigned long long after = ~0ull;
+    bool lost = false;
+    long long shown = 0;
+    while (g_stop == 0) {
+        std::vector<char> request(16), reply;
+        tev_ash_wire::put_u32(request.data(), static_cast<std::uint32_t>(after));
+        tev_ash_wire::put_u32(request.data() + 4, static_cast<std::uint32_t>(after >> 32));
+        tev_ash_wire::put_u32(request.data() + 8, 500);
+        tev_ash_wire::put_u32(request.data() + 12, MONITOR_BATCH);
+        const std::string unreachable =
+            ask_service(tevash_tools::HOST_FUNC_MONITOR, request, &reply);
+        if (!unreachable.empty() || reply.size() < 16 || tev_ash_wire::get_u32(reply.data()) != 0) {
+            const std::string why = unreachable.empty() ? "malformed answer" : unreachable;
+            if (after == ~0ull && !lost) {
+                context::fail("handler service not reachable: " + why + " in " + dir);
+                return NO_SERVICE;
+            }
+            if (!lost)
+                std::cerr << "tevash monitor: handler service not reachable: " << why
+                          << "; waiting for it\n";
+            lost = true;
+            after = ~0ull;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            continue;
+        }
+        const unsigned long long last =
+            tev_ash_wire::get_u32(reply.data() + 4) |
+            (static_cast<unsigned long long>(tev_ash_wire::get_u32(reply.data() + 8)) << 32);
+        unsigned int count = tev_ash_wire::get_u32(reply.data() + 12);
+        if (reply.size() < 16 + static_cast<std::size_t>(count) * monitor_line::SIZE) count = 0;
+        if (after == ~0ull) {
+            std::cerr << "tevash monitor: " << (lost ? "the handler service is back" : "monitoring")
+                      << " in " << dir << " (Ctrl-C stops)\n";
+            lost = false;
+            after = last;
+            continue;
+        }
+        if (last < after) after = last;  // a new service: its numbers start again
+        std::vector<monitor_line> batch;
+        unsigned long long dropped = 0;
+        for (unsigned int i = 0; i < count; ++i) {
+            batch.push_back(tevash_tools::decode_monitor_line(
+                reply.data() + 16 + static_cast<std::size_t>(i) * monitor_line::SIZE));
+            if (batch.back().seq > after + 1) dropped += batch.back().seq - after - 1;
+            after = batch.back().seq;
+        }
+        if (dropped != 0) {
+            if (o.json)
+                std::cout << dump({{"dropped", dropped}}) << '\n';
+            else
+                std::cout << "... " << dropped << " line(s) dropped\n";
+        }
+        for (const monitor_line& l : batch) {
+            const bool note = (l.fields & monitor_line::NOTIFICATION) != 0;
+            if (o.app_type >= 0 && ((l.fields & monitor_line::APP_TYPE) == 0 ||
+                                    static_cast<int>(l.app_type) != o.app_type))
+                continue;
+            if (!o.function.empty() && tevash_tools::function_name(l.func_id, note) != o.function)
+                continue;
+            std::cout << (o.json ? dump(monitor_json(l)) : monitor_text(l)) << '\n';
+            if (o.count > 0 && ++shown >= o.count) {
+                std::cout.flush();
+                return 0;
+            }
+        }
+        std::cout.flush();
+        // While lines keep coming, ask a little later for more of them at once:
+        // each answer wakes this process, which the service's host pays for.
+        if (count != 0 && count < MONITOR_BATCH) std::this_thread::sleep_for(MONITOR_PAUSE);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// watch
+
+struct watch_options {
+    std::string handler;
+    bool json = false;
+};
+
+// How often the file's change counter is read (a read of shared memory; the
+// records are read again only when it moved).
+constexpr std::chrono::milliseconds POLL(10);
+
+struct snapshot {
+    std::map<unsigned int, tevhost::record_info> records;
+    std::map<unsigned int, std::vector<tevhost::member_value>> members;
+};
+
+// The store's records as one read (one snapshot of the file).
+snapshot take_snapshot() {
+    snapshot s;
+    tevhost::store_transaction txn;
+    for (const auto& r : tevhost::store_records()) {
+        s.records[r.handler_id] = r;
+        s.members[r.handler_id] = tevhost::record_members(r.handler_id);
+    }
+    txn.commit();
+    return s;
+}
+
+// Whether `id` is `top` or below it in `s` (always with top 0).
+bool below(const snapshot& s, unsigned int id, unsigned int top) {
+    if (top == 0) return true;
+    for (std::size_t steps = 0; steps <= s.records.size(); ++steps) {
+        if (id == top) return true;
+        auto it = s.records.find(id);
+        if (it == s.records.end() || it->second.parent_id == 0) return false;
+        id = it->second.parent_id;
+    }
+    return false;  // a cycle: never in a sound store
+}
+
+json value_json(const tevhost::member_value& m) {
+    if (m.kind == tevhost::member_kind::bytes) return hex_bytes(m.value);
+    return decode_value(m.kind, m.value);
+}
+
+// Prints the changes from `was` to `now` below `top`.
+void print_changes(const snapshot& was, const snapshot& now, unsigned int top, bool as_json) {
+    const long long at = now_us();
+    auto say = [&](json change, const std::string& text) {
+        if (as_json) {
+            json line = {{"time_us", at}};
+            line.update(change);
+            std::cout << dump(line) << '\n';
+        } else {
+            std::cout << clock_text(at, false) << "  " << text << '\n';
+        }
+    };
+    std::set<unsigned int> ids;
+    for (const auto& r : was.records)
+        if (below(was, r.first, top)) ids.insert(r.first);
+    for (const auto& r : now.records)
+        if (below(now, r.first, top)) ids.insert(r.first);
+    for (unsigned int id : ids) {
+        const auto old_it = was.records.find(id);
+        const auto new_it = now.records.find(id);
+        const std::string h = std::to_string(id);
+        if (new_it == now.records.end()) {
+            say({{"change", "removed"}, {"handler", id}}, "removed " + h);
+            continue;
+        }
+        const unsigned int parent = new_it->second.parent_id;
+        const unsigned int old_parent = old_it == was.records.end() ? 0 : old_it->second.parent_id;
+        if (old_it == was.records.end())
+            say({{"change", "made"},
+                 {"handler", id},
+                 {"category", category_name(new_it->second.category)}},
+                "made " + h + " " + category_name(new_it->second.category));
+        if (old_parent != 0 && old_parent != parent)
+            say({{"change", "unlinked"}, {"handler", id}, {"parent", old_parent}},
+                "unlinked " + h + " from " + std::to_string(old_parent));
+        if (parent != 0 && old_parent != parent)
+            say({{"change", "linked"}, {"handler", id}, {"parent", parent}},
+                "linked " + h + " under " + std::to_string(parent));
+        std::map<unsigned int, tevhost::member_value> before, after;
+        if (old_it != was.records.end())
+            for (const auto& m : was.members.at(id)) before[m.member_id] = m;
+        for (const auto& m : now.members.at(id)) after[m.member_id] = m;
+        if (!before.empty() && after.empty()) {
+            say({{"change", "reset"}, {"handler", id}}, "reset " + h);
+            continue;
+        }
+        for (const auto& a : after) {
+            auto b = before.find(a.first);
+            if (b != before.end() && b->second.kind == a.second.kind &&
+                b->second.value == a.second.value)
+                continue;
+            json change = {{"change", "set"},
+                           {"handler", id},
+                           {"member", hex32(a.first)},
+                           {"kind", kind_name(a.second.kind)},
+                           {"old", b == before.end() ? json(nullptr) : value_json(b->second)},
+                           {"new", value_json(a.second)}};
+            const std::string old_text =
+                b == before.end()
+                    ? "(none)"
+                    : change["old"].dump(-1, ' ', false, json::error_handler_t::replace);
+            say(change, "set " + h + " " + hex32(a.first) + " " + kind_name(a.second.kind) + " " +
+                            old_text + " -> " + dump(change["new"]));
+        }
+        for (const auto& b : before)
+            if (after.count(b.first) == 0)
+                say({{"change", "dropped"}, {"handler", id}, {"member", hex32(b.first)}},
+                    "dropped " + h + " " + hex32(b.first));
+    }
+    std::cout.flush();
+}
+
+// The file's change counter through a read-only connection of its own.
+class change_counter {
+public:
+    explicit change_counter(const std::string& path) {
+        if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
+            sqlite3_prepare_v2(db_, "PRAGMA data_version", -1, &st_, nullptr) != SQLITE_OK) {
+            sqlite3_close(db_);
+            db_ = nullptr;
+        }
+    }
+    ~change_counter() {
+        sqlite3_finalize(st_);
+        sqlite3_close(db_);
+    }
+    change_counter(const change_counter&) = delete;
+    change_counter& operator=(const change_counter&) = delete;
+    bool ok() const { return db_ != nullptr; }
+    long long value() {
+        long long v = -1;
+        if (sqlite3_step(st_) == SQLITE_ROW) v = sqlite3_column_int64(st_, 0);
+        sqlite3_reset(st_);
+        return v;
+    }
+
+private:
+    sqlite3* db_ = nullptr;
+    sqlite3_stmt* st_ = nullptr;
+};
+
+int run_watch(context& ctx, const watch_options& o) {
+    const std::string dir = prepare(ctx);
+    std::string file = ctx.store, error;
+    if (file.empty() && !tevash_tools::shared_store_path("", &file, &error))
+        return context::fail(error);
+    struct stat st {};
+    if (::stat(file.c_str(), &st) != 0)
+        return context::fail("no shared store file " + file +
+                             ": only a store file can be watched (a process's in-memory store "
+                             "cannot); start `tevash serve` in " +
+                             dir + " or give --store FILE");
+    if (!tevhost::store_use_file(file, &error, tevhost::store_access::read_only))
+        return context::fail("cannot open store '" + file + "': " + error);
+    change_counter counter(file);
+    if (!counter.ok()) return context::fail("cannot read the change counter of '" + file + "'");
+    unsigned int top = 0;
+    if (!o.handler.empty()) {
+        if (!parse_arg(o.handler, &top, "handler id")) return 1;
+        if (int rc = ctx.check_handler(top)) return rc;
+    }
+    g_stop = 0;
+    signal(SIGINT, [](int) { g_stop = 1; });
+    signal(SIGTERM, [](int) { g_stop = 1; });
+    long long version = counter.value();
+    snapshot was = take_snapshot();
+    std::cerr << "tevash watch: watching " << file << (top ? " below handler " + o.handler : "")
+              << " (Ctrl-C stops)\n";
+    while (g_stop == 0) {
+        std::this_thread::sleep_for(POLL);
+        const long long v = counter.value();
+        if (v == version) continue;
+        version = v;
+        snapshot now = take_snapshot();
+        print_changes(was, now, top, o.json);
+        was = std::move(now);
+    }
+    return 0;
+}
+
+}  // namespace
+
+void add_live_commands(CLI::App& app, context& ctx) {
+    auto so = std::make_shared<status_options>();
+    auto* status = app.add_subcommand("status", "Show the running handler service and the store");
+    status->add_flag("--json", so->json, "One JSON object");
+    status->footer(
+        "The runtime directory; the handler service's pid, start time and store; its directors, "
+        "connecters and the open connections of each process; the store's record count. Exits 0 "
+        "when the service answers, 3 when none runs (the store part is still shown).");
+    status->callback([&ctx, so] { ctx.exit_code = run_status(ctx, *so); });
+
+    auto mo = std::make_shared<monitor_options>();
+    auto* monitor = app.add_subcommand(
+        "monitor", "Show each request the handler service answers and each notification it sends");
+    monitor->add_flag("--json", mo->json, "One JSON object per line");
+    monitor->add_option("--app-type", mo->app_type, "Only lines of this application type");
+    monitor->add_option("--function", mo->function,
+                        "Only this function (create, notify_create, remove, ...)");
+    monitor->add_option("--count", mo->count, "Exit after this many lines");
+    monitor->footer(
+        "One line per request: time, sender pid, function, its fields, the answer and the "
+        "latency in us. Notifications to a director show the director's pid. Lines a slow "
+        "monitor missed are counted (\"... N line(s) dropped\"). Exits 3 when no service runs.");
+    monitor->callback([&ctx, mo] { ctx.exit_code = run_monitor(ctx, *mo); });
+
+    auto wo = std::make_shared<watch_options>();
+    auto* watch = app.add_subcommand("watch", "Show each change to the shared store as it happens");
+    watch->add_option("handler", wo->handler, "Only changes at or below this handler");
+    watch->add_flag("--json", wo->json, "One JSON object per change");
+    watch->footer(
+        "Reads the shared store file (or --store FILE) again whenever another process changed it "
+        "(looked at every 10 ms; changes within one look show as their net effect): records made "
+        "and removed, links made and unlinked, member values old -> new, "
+        "and a reset (every member value of a record dropped at once).");
+    watch->callback([&ctx, wo] { ctx.exit_code = run_watch(ctx, *wo); });
+}
+
+}  // namespace tevash_cli
