@@ -388,7 +388,11 @@ void BM_raw_sqlite_unlink(benchmark::State& st) {
             }
         },
         [&](unsigned int i) {
-            raw().run("UPDATE records SET parent = 0, slot = 0 WHERE id = ?", r.ids[spread(i)]);
+            // As the store's, it unlinks only a linked record of the category given.
+            raw().run(
+                "UPDATE records SET parent = 0, slot = 0 WHERE id = ?1 AND category = ?2"
+                " AND parent != 0",
+                r.ids[spread(i)], LEAF);
         });
 }
 

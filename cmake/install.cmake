@@ -31,6 +31,9 @@ if(TARGET tevash_service)
     DEPENDS doc/tevash.1 VERBATIM)
   add_custom_target(tevash_man ALL DEPENDS ${_tevash_man})
   install(FILES ${_tevash_man} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  # The sample member schema (the one demo loads).
+  install(FILES examples/schema/demo-schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/tevash
+    COMPONENT tools)
   # User units of a service manager: the handler service on its socket, a director
   # per application type. Where the manager looks (also under /usr/local), not LIBDIR.
   install(FILES systemd/tevash.socket systemd/tevash.service systemd/tevash-director@.service

@@ -2,12 +2,14 @@
 // director exactly as another process would send them: through the message
 // client, with any function id, any request bytes and any reply capacity. The
 // service must answer or ignore each one without crashing; the library's reply
-// reading is driven by the same bytes on the way back.
+// reading is driven by the same bytes on the way back. Host-only requests
+// (status, monitor) are among them, the monitor's wait kept at 0.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
+#include "handler_service.h"
 #include "host/tev_host_testing.h"
 #include "host_system.h"
 #include "sample_director.h"
@@ -35,9 +37,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     static fixture* f = new fixture;
     if (size < 3) return 0;
     const bool to_director = (bytes[0] & 0x80) != 0;
-    const long func_id = static_cast<long>(static_cast<std::int8_t>(bytes[0] << 1) >> 1) % 12;
+    long func_id = static_cast<long>(static_cast<std::int8_t>(bytes[0] << 1) >> 1) % 12;
+    // Ids 10 and 11 stand for the host-only status and monitor requests.
+    if (!to_director && func_id >= 10) func_id += tevash_tools::HOST_FUNC_STATUS - 10;
     unsigned int capacity = bytes[1] % 48;
     std::vector<char> request(bytes + 2, bytes + size);
+    // A monitor waits up to its request's wait for a line: never in a fuzz run.
+    if (func_id == tevash_tools::HOST_FUNC_MONITOR && request.size() >= 12)
+        std::memset(request.data() + 8, 0, 4);
     std::vector<char> reply(capacity == 0 ? 1 : capacity, 0);
     // Never let the fuzzer withdraw the one registered director: that only
     // makes every later input uninteresting.

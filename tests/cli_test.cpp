@@ -125,18 +125,22 @@ TEST_F(Cli, DemoPrintsTheWholeTourAndHelpAndVersionAnswer) {
     |   `-- 5 JOBSET_03
     `-- 6 APLJOB
 Writing and reading members through job handler 3
-  member 0x00360000 order 0 (the job itself) = 42
-  member 0x00460000 order 1 (second JOBSET_03 child) = 7
-  member 0x00260000 order 0 (AUTH, two links up) = 1234
+  member 0x00360000 (copies) order 0 (the job itself) = 42
+  member 0x00460000 (set-pages) order 1 (second JOBSET_03 child) = 7
+  member 0x00260000 (auth-quota) order 0 (AUTH, two links up) = 1234
 Copying job 3 onto job 6
 6 APLJOB
 |-- 7 JOBSET_03
 `-- 8 JOBSET_03
-  member 0x00360000 of job 6 = 42, member 0x00460000 of its second child = 7
-A refused access: member 0x00182000 (APLSVC_IMG) through job handler 3
+  member 0x00360000 (copies) of job 6 = 42, member 0x00460000 (set-pages) of its second child = 7
+A refused access: member 0x00182000 (image-resolution) of APLSVC_IMG through job handler 3
   result 0xC1030001
   trace: tev_ash_control[LINE]::search_target_handler_id,[Error](Invalid Access:other) rc:0xc1030001, handler_id:0X00000003, member_id:0X00182000, order:0, handler_id_category:4, member_category:1
   trace: tev_ash_control[LINE]::get_member,[Error](serch_target_handler_id) rc:0XC1030001, handler_id:0X00000003, member_id:0X00182000, order:0, target_handler_id:00000000
+A refused value: member 0x00360000 (copies) = 5000 (the schema allows 1..999)
+  result 0xC1030001
+  trace: host store: member 0x00360000: 5000 is outside [1, 999]
+  trace: tev_ash_control[LINE]::set_member,[Error](set_current) rc:0XC1030001, cmp_id:4096, handler_id:0X00000003, order:0, target_handler_id:0X00000003, member_id:0X00360000, val:0X00001388
 Demo finished
 )");
     for (const auto& shown :
@@ -313,6 +317,54 @@ TEST_F(Cli, HelpManPageAndCompletionAgree) {
     const std::string global = part(man, std::regex(".SH OPTIONS"), std::regex(".SH COMMANDS"));
     for (const auto& option : listed(top, "Options:"))
         EXPECT_NE(global.find(option), std::string::npos) << option;
+}
+
+// With a schema in the store file, names work where ids do, ids it does not
+// declare are refused, get and set take the declared kind; exports carry it.
+TEST_F(Cli, SchemaNamesKindsRangesAndInitialValues) {
+    const std::string job = import(job_export(0)), file = dir_.path("schema.json");
+    std::ofstream(file) << R"({"tevash_schema":1,"members":[{"id":"0x00360000","name":"copies",)"
+                        << R"("kind":"i32","min":0,"max":999,"description":"Copies"},)"
+                        << R"({"id":"0x00360005","name":"speed","kind":"u16","initial":5}]})";
+    ASSERT_EQ(run(store_ + "schema load " + file).status, 0);
+    const std::string show = run(store_ + "schema show --json").out;
+    struct {
+        std::string args, out, err;
+    } const cases[] = {
+        {"get " + job + " copies", "300\n", ""},
+        {"get " + job + " speed --json",
+         R"({"handler":1,"member":"0x00360005","kind":"u16","size":2,"value":5,"order":0,"owner":1})"
+         "\n",
+         ""},
+        {"set " + job + " speed 7", "", ""},
+        {"set " + job + " copies 1000", "",
+         "tevash: value 1000 is outside the range of member 0x00360000 (copies) (0..999)\n"},
+        {"get " + job + " 0x00360002", "", "tevash: member 0x00360002 is not in the schema\n"},
+        {"get " + job + " pages", "", "tevash: no member named 'pages' in the schema\n"},
+        {"describe speed --json",
+         R"({"member":"0x00360005","name":"speed","category":"APLJOB","level":2,"declared":true,)"
+         R"("kind":"u16","size":2,"initial":5})"
+         "\n",
+         ""},
+        {"members " + job + " --all",
+         "MEMBER      NAME              KIND   WIDTH  VALUE               INITIAL\n"
+         "0x00360000  copies            i32    4      300                 0\n"
+         "0x00360001  -                 bytes  4      0x41424344          -\n"
+         "0x00360002  -                 u8     1      7                   -\n"
+         "0x00360005  speed             u16    2      7                   5\n",
+         ""},
+    };
+    for (const auto& c : cases) {
+        const run_result r = run(store_ + c.args);
+        EXPECT_EQ(r.out, c.out) << c.args;
+        EXPECT_EQ(line(r.err, 0) + (r.err.empty() ? "" : "\n"), c.err) << c.args;
+    }
+    // An export carries the schema to the store it is imported into.
+    std::ofstream(dir_.path("in.json")) << run(store_ + "export").out;
+    const std::string other = "--store " + dir_.path("other.db") + " ";
+    EXPECT_EQ(run(other + "import " + dir_.path("in.json")).status, 0);
+    EXPECT_EQ(run(other + "schema show --json").out, show);
+    EXPECT_EQ(run(other + "get 1 speed").out, "7\n");
 }
 
 // get and set know the member's kind and width first (--type is only a check

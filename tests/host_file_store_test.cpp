@@ -155,9 +155,9 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
         " NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;"
         "INSERT INTO meta VALUES('next_id', 90000);"  // 4 made, 5..89999 made and removed
         "INSERT INTO records VALUES(1, 4, 0, 0, 0), (2, 8, 1, 1, 1), (3, 16, 1, 2, 1),"
-        " (4, 8, 1, 3, 2);"
-        "INSERT INTO lists VALUES(1, 0, 3, 3, 4, 0, 1), (1, 8, 2, 2, 2, 0, 1), (1, 16, 1, 1, 1, 0, "
-        "1);"
+        " (4, 8, 1, 4, 2);"  // a hole at slot 3
+        "INSERT INTO lists VALUES(1, 0, 4, 3, 4, 0, 1), (1, 8, 2, 2, 2, 0, 1), (1, 16, 1, 1, 1, 0, "
+        "1); INSERT INTO holes VALUES(1, 0, 3, 1), (1, 0, 4, 1);"
         "INSERT INTO members VALUES(4, 1, 5, x'07000000');");
     ASSERT_THAT(raw_sql(path(), v2), ElementsAre("wal"));
     for (store_access access : {store_access::read_only, store_access::read_write}) {
@@ -180,6 +180,25 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, made));
     store_use_memory();
     EXPECT_THAT(raw_sql(path(), "SELECT value FROM meta"), ElementsAre(std::to_string(made + 1)));
+}
+
+// A long list unlinked in a stride: its holes are counted in batches and
+// packed away, and every child by order stays right all along.
+TEST_F(FileStore, LongListsKeepTheirOrderThroughManyUnlinks) {
+    open();
+    const unsigned int job = make(JOB);
+    std::vector<unsigned int> model;
+    store_transaction txn;
+    for (int i = 0; i < 400; ++i) link(job, model.emplace_back(make(i % 3 ? SET_A : SET_B)));
+    for (unsigned int i = 0; i < 390; ++i) {
+        const auto at = model.begin() + (i * 97) % model.size();
+        ASSERT_EQ(0u, S::wud_wud_service_info_delete_link(CMP, category_of(*at), *at));
+        model.erase(at);
+        if (i % 40 == 0 || i > 380) {
+            ASSERT_EQ(model, children(job)) << i;
+        }
+    }
+    EXPECT_EQ(0u, txn.commit());
 }
 
 // A writer killed at many points while it replaces a job's children inside

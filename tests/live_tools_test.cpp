@@ -11,9 +11,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "handler_service.h"
 #include "host/tev_host.h"
 #include "tev_ash_facade.h"
+#include "tev_ash_messages.h"
 #include "tev_test_support.h"
+#include "vlq_mc_client.h"
 
 namespace {
 
@@ -103,6 +106,20 @@ TEST_F(LiveTools, StatusFollowsTheServiceAndADirectorsLife) {
         d);
     const json peer = {{"pid", pid}, {"connections", 1}};
     EXPECT_NE(std::string::npos, s["service"]["connections"].dump().find(peer.dump())) << s;
+
+    // Monitor requests of a wrong size are refused; one after a sequence number
+    // far ahead gets nothing at once (a service's numbers start again).
+    vlq_mc_client client;
+    for (unsigned int size : {0u, 3u, 15u, 17u, 4096u, 16u}) {
+        std::vector<char> request(size, '\xff'), reply(64);
+        if (size == 16) tev_ash_wire::put_u32(request.data() + 8, 0);
+        auto len = static_cast<unsigned int>(reply.size());
+        client.vlq_mc_send_sync_message(TEV_ASH_SRV_OBJ_ID, tevash_tools::HOST_FUNC_MONITOR,
+                                        request.data(), size, reply.data(), &len, TEV_ASH_SRV_NAME);
+        ASSERT_EQ(16u, len) << size;
+        EXPECT_EQ(size == 16 ? 0u : 0xC1030008u, tev_ash_wire::get_u32(reply.data())) << size;
+        EXPECT_EQ(0u, tev_ash_wire::get_u32(reply.data() + 12)) << size;
+    }
 
     director_.child.kill(SIGKILL);
     EXPECT_TRUE(wait_for([&] { return status()["service"]["directors"].empty(); }));
@@ -195,6 +212,27 @@ TEST_F(LiveTools, WatchSeesAnotherProcesssChanges) {
         << tevtest::file_text(watch.log);
     ASSERT_EQ(0, run({"remove", "1"}).status);
     EXPECT_TRUE(seen(R"("change":"removed","handler":1})")) << tevtest::file_text(watch.log);
+}
+
+// A watched file replaced by another is followed; a removed one ends the watch.
+TEST_F(LiveTools, WatchFollowsAReplacedFileAndEndsWithARemovedOne) {
+    const std::string file = dir_.path("w.db"), other = dir_.path("other.db");
+    EXPECT_NE(std::string::npos, run({"--store", dir_.dir(), "watch"}).err.find("not a file"));
+    // Made in the tool's own process (no runtime directory: no service).
+    auto create_in = [](const std::string& store, const char* category) {
+        return tevtest::run_child({TEVASH_CLI_PATH, "--store", store, "create", category},
+                                  {"TEVASH_RUNTIME_DIR="})
+            .status;
+    };
+    ASSERT_EQ(0, create_in(file, "APLJOB"));
+    for (const char* category : {"APLJOB", "JOBSET_03"}) ASSERT_EQ(0, create_in(other, category));
+    process watch = start({"--store", file, "watch", "--json"}, "watching");
+    ASSERT_EQ(0, std::rename(other.c_str(), file.c_str()));
+    EXPECT_TRUE(wait_for([&] { return has(watch, R"("change":"made","handler":2)"); }))
+        << tevtest::file_text(watch.log);
+    ASSERT_EQ(0, std::remove(file.c_str()));
+    EXPECT_EQ(1, watch.child.wait(20s));
+    EXPECT_TRUE(has(watch, "is gone")) << tevtest::file_text(watch.log);
 }
 
 }  // namespace

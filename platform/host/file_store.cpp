@@ -14,6 +14,7 @@
 // committed. Inside a store transaction a call takes no savepoint: one whose
 // SQLite statements fail partway fails the whole transaction (sqlite_db.h).
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -33,6 +34,12 @@ member_kind kind_of(long long stored) {
                ? static_cast<member_kind>(stored)
                : member_kind::bytes;
 }
+
+// A list's state, and the slots of its holes that its nodes do not count yet.
+struct list_state {
+    order_state st;
+    std::vector<unsigned long long> pending;
+};
 
 struct record_row {
     unsigned int category;
@@ -107,10 +114,11 @@ public:
 
     unsigned int remove(unsigned int handler_id) override {
         return write([&] {
-            record_row row;
-            if (!find(handler_id, &row)) return STORE_NO_RECORD;
+            linked_row found;
+            if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
+            const record_row& row = found.row;
             sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
-            if (row.parent != 0) erase(row.parent, row.category, row.slot, row.category_slot);
+            if (row.parent != 0) erase(row, found.all, found.mine);
             sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
             sql("DELETE FROM lists WHERE parent = ?").bind(1, handler_id).run();
             if (db_.changes() > 0) {  // it had children: they are left unlinked
@@ -132,8 +140,10 @@ public:
     unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
                           unsigned int child_category, unsigned int child_handler_id) override {
         return write([&] {
-            record_row parent, child;
-            if (!find(parent_handler_id, &parent) || !find(child_handler_id, &child)) {
+            // The parent, the child and the parent's two lists the child joins.
+            record_row parent{0, 0, 0, 0}, child{0, 0, 0, 0};
+            list_state all, mine;
+            if (!find_pair(parent_handler_id, child_handler_id, &parent, &child, &all, &mine)) {
                 return STORE_NO_RECORD;
             }
             if (parent.category != parent_category || child.category != child_category) {
@@ -147,7 +157,7 @@ public:
                 if (!find(up.parent, &up)) break;
             }
             long long slot = 0, category_slot = 0;
-            append(parent_handler_id, child_category, &slot, &category_slot);
+            append(parent_handler_id, child_category, all, mine, &slot, &category_slot);
             sql("UPDATE records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
                 .bind(1, parent_handler_id)
                 .bind(2, slot)
@@ -160,11 +170,14 @@ public:
 
     unsigned int delete_link(unsigned int category, unsigned int handler_id) override {
         return write([&] {
-            record_row row;
-            if (!find(handler_id, &row)) return STORE_NO_RECORD;
-            if (row.category != category) return STORE_BAD_CATEGORY;
-            if (row.parent == 0) return STORE_NO_LINK;
-            unlink(handler_id, row);
+            linked_row found;
+            if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
+            if (found.row.category != category) return STORE_BAD_CATEGORY;
+            if (found.row.parent == 0) return STORE_NO_LINK;
+            sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE id = ?")
+                .bind(1, handler_id)
+                .run();
+            erase(found.row, found.all, found.mine);
             return 0u;
         });
     }
@@ -338,7 +351,14 @@ public:
         return out;
     }
 
+    std::shared_ptr<const kept_schema> schema() override { return schema_.current(db_); }
+    unsigned int keep_schema(const std::vector<member_schema>& members,
+                             std::string* error) override {
+        return schema_.keep(db_, members, error);
+    }
+
 private:
+    file_schema schema_;  // the member schema the file keeps (file_store_schema.cpp)
     // Members written in one statement (set): a stored value of the same width
     // (or of none) replaced, else the member inserted when the record exists
     // (or a stored value so replaced, should it have been stored meanwhile).
@@ -403,6 +423,47 @@ private:
         *row = row_of(q);
         return true;
     }
+    // A parent and a child, and the parent's two lists the child would join.
+    bool find_pair(unsigned int parent_id, unsigned int child_id, record_row* parent,
+                   record_row* child, list_state* all, list_state* mine) {
+        query q =
+            sql("SELECT p.category, p.parent, c.category, c.parent,"
+                " a.used, a.live, a.top, a.skipped, a.head, a.pending,"
+                " m.used, m.live, m.top, m.skipped, m.head, m.pending"
+                " FROM records p JOIN records c ON c.id = ?2"
+                " LEFT JOIN lists a ON a.parent = p.id AND a.category = 0"
+                " LEFT JOIN lists m ON m.parent = p.id AND m.category = c.category"
+                " WHERE p.id = ?1");
+        q.bind(1, parent_id).bind(2, child_id);
+        if (!q.step()) return false;
+        *parent = record_row{static_cast<unsigned int>(q.integer(0)),
+                             static_cast<unsigned int>(q.integer(1)), 0, 0};
+        *child = record_row{static_cast<unsigned int>(q.integer(2)),
+                            static_cast<unsigned int>(q.integer(3)), 0, 0};
+        *all = list_of(q, 4);
+        *mine = list_of(q, 10);
+        return true;
+    }
+    // A record and, when it is linked, its parent's two lists that hold it.
+    struct linked_row {
+        record_row row;
+        list_state all, mine;
+    };
+    bool find_linked(unsigned int handler_id, linked_row* out) {
+        query q =
+            sql("SELECT r.category, r.parent, r.slot, r.category_slot,"
+                " a.used, a.live, a.top, a.skipped, a.head, a.pending,"
+                " c.used, c.live, c.top, c.skipped, c.head, c.pending FROM records r"
+                " LEFT JOIN lists a ON a.parent = r.parent AND a.category = 0"
+                " LEFT JOIN lists c ON c.parent = r.parent AND c.category = r.category"
+                " WHERE r.id = ?");
+        q.bind(1, handler_id);
+        if (!q.step()) return false;
+        out->row = row_of(q);
+        out->all = list_of(q, 4);
+        out->mine = list_of(q, 10);
+        return true;
+    }
 
     // The child at `order` among the children of `category` (0: all) of the
     // parent, whose category is checked unless `parent_category` is null. One
@@ -433,8 +494,8 @@ private:
                 if (parent_category != nullptr && parent.category != *parent_category) {
                     return STORE_BAD_CATEGORY;
                 }
-                const order_state list = load_list(parent_handler_id, category);
-                if (order >= list.live) return STORE_NO_LINK;
+                const list_state list = load_list(parent_handler_id, category);
+                if (order >= list.st.live) return STORE_NO_LINK;
                 query q = category == 0
                               ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
                                     " AND slot = ?2")
@@ -475,69 +536,89 @@ private:
     // ---- Link order (lists and holes). Category 0 is the list of all children.
     // REQUIRES: inside a body (a writing one to change anything).
 
-    order_state load_list(unsigned int parent, unsigned int category) {
-        query q = sql(
-            "SELECT used, live, top, skipped, head FROM lists WHERE parent = ? AND category = ?");
+    list_state load_list(unsigned int parent, unsigned int category) {
+        query q =
+            sql("SELECT used, live, top, skipped, head, pending FROM lists"
+                " WHERE parent = ? AND category = ?");
         q.bind(1, parent).bind(2, category);
-        order_state st;
-        if (q.step()) st = state_of(q, 0);
-        return st;
+        list_state ls;
+        if (q.step()) ls = list_of(q, 0);
+        return ls;
     }
-    static order_state state_of(const query& q, int first) {
-        order_state st;
-        st.used = q.count(first);
-        st.live = q.count(first + 1);
-        st.top = q.count(first + 2);
-        st.skipped = q.count(first + 3);
-        st.head = q.count(first + 4);
-        return st;
+    // The list in columns first.. of q (an empty one when they are null).
+    static list_state list_of(const query& q, int first) {
+        list_state ls;
+        ls.st.used = q.count(first);
+        ls.st.live = q.count(first + 1);
+        ls.st.top = q.count(first + 2);
+        ls.st.skipped = q.count(first + 3);
+        ls.st.head = q.count(first + 4);
+        unsigned int size = 0;
+        const unsigned char* bytes = q.blob(first + 5, &size);
+        for (unsigned int at = 0; at + 8 <= size; at += 8) {
+            unsigned long long slot = 0;
+            for (int k = 7; k >= 0; --k) slot = slot << 8 | bytes[at + k];
+            ls.pending.push_back(slot);
+        }
+        return ls;
     }
-    // The list of all children and that of `category`, in one statement.
-    void load_lists(unsigned int parent, unsigned int category, order_state* all,
-                    order_state* mine) {
-        query q = sql(
-            "SELECT 0, used, live, top, skipped, head FROM lists WHERE parent = ?1 AND category = 0"
-            " UNION ALL SELECT 1, used, live, top, skipped, head FROM lists"
-            " WHERE parent = ?1 AND category = ?2");
-        q.bind(1, parent).bind(2, category);
-        while (q.step()) *(q.integer(0) == 0 ? all : mine) = state_of(q, 1);
+    static std::string bytes_of(const std::vector<unsigned long long>& pending) {
+        std::string out;
+        for (unsigned long long slot : pending) {
+            for (int k = 0; k < 8; ++k) out.push_back(static_cast<char>(slot >> (8 * k) & 0xFF));
+        }
+        return out;
     }
     // Stores the two lists in one statement (`all` may be null).
-    void store_lists(unsigned int parent, unsigned int category, const order_state& mine,
-                     const order_state* all) {
-        query q = all != nullptr
-                      ? sql("INSERT INTO lists(parent, category, used, live, top, skipped, head)"
-                            " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7), (?1, 0, ?8, ?9, ?10, ?11, ?12)"
-                            " ON CONFLICT(parent, category) DO UPDATE SET used = excluded.used,"
-                            " live = excluded.live, top = excluded.top, skipped = excluded.skipped,"
-                            " head = excluded.head")
-                      : sql("INSERT INTO lists(parent, category, used, live, top, skipped, head)"
-                            " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"
-                            " ON CONFLICT(parent, category) DO UPDATE SET used = excluded.used,"
-                            " live = excluded.live, top = excluded.top, skipped = excluded.skipped,"
-                            " head = excluded.head");
+    void store_lists(unsigned int parent, unsigned int category, const list_state& mine,
+                     const list_state* all) {
+        query q =
+            all != nullptr
+                ? sql("INSERT INTO lists(parent, category, used, live, top, skipped, head, pending)"
+                      " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8),"
+                      " (?1, 0, ?9, ?10, ?11, ?12, ?13, ?14)"
+                      " ON CONFLICT(parent, category) DO UPDATE SET used = excluded.used,"
+                      " live = excluded.live, top = excluded.top, skipped = excluded.skipped,"
+                      " head = excluded.head, pending = excluded.pending")
+                : sql("INSERT INTO lists(parent, category, used, live, top, skipped, head, pending)"
+                      " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"
+                      " ON CONFLICT(parent, category) DO UPDATE SET used = excluded.used,"
+                      " live = excluded.live, top = excluded.top, skipped = excluded.skipped,"
+                      " head = excluded.head, pending = excluded.pending");
         q.bind(1, parent).bind(2, category);
         int index = 3;
-        for (const order_state* st : {&mine, all}) {
-            if (st == nullptr) break;
-            for (unsigned long long v : {st->used, st->live, st->top, st->skipped, st->head}) {
+        std::string bytes[2];
+        for (const list_state* ls : {&mine, all}) {
+            if (ls == nullptr) break;
+            const order_state& st = ls->st;
+            for (unsigned long long v : {st.used, st.live, st.top, st.skipped, st.head}) {
                 q.bind(index++, static_cast<long long>(v));
             }
+            std::string& b = bytes[ls == &mine ? 0 : 1];
+            b = bytes_of(ls->pending);
+            q.bind_blob(index++, reinterpret_cast<const unsigned char*>(b.data()),
+                        static_cast<unsigned int>(b.size()));
         }
         q.run();
     }
 
-    // The node storage of one list for order_state. Holes added along a chain
-    // of nodes (an erase) are gathered and written by flush() in one statement.
+    // The node storage of one list for order_state: the counts in the holes
+    // table, and, when `pending` is set, the holes not counted there yet.
     struct list_nodes {
         file_backend& b;
         unsigned int parent, category;
+        const std::vector<unsigned long long>* pending = nullptr;
 
         unsigned long long holes(unsigned long long node) const {
             query q =
                 b.sql("SELECT count FROM holes WHERE parent = ? AND category = ? AND node = ?");
             q.bind(1, parent).bind(2, category).bind(3, static_cast<long long>(node));
-            return q.step() ? q.count(0) : 0;
+            unsigned long long n = q.step() ? q.count(0) : 0;
+            if (pending != nullptr) {
+                const unsigned long long low = node - (node & (~node + 1));
+                for (unsigned long long slot : *pending) n += slot > low && slot <= node;
+            }
+            return n;
         }
         void add_holes(unsigned long long node, unsigned long long n) {
             b.sql(
@@ -564,66 +645,75 @@ private:
             return q.count(0);
         }
     };
-    // An erase's node storage: the holes it adds, one to each node of a chain,
-    // are written together by flush() in one statement.
+    // An erase's node storage: of the chain of nodes a hole adds to, it keeps
+    // the first, the hole's slot, which the list keeps as pending; its nodes
+    // count it when fold() takes the pending holes, along their chains up to
+    // the top then (a node made when top doubled meanwhile copied only the
+    // counted holes, so this adds what adding then would have).
     struct erase_nodes : list_nodes {
-        std::string nodes;  // a JSON array of the nodes
+        unsigned long long hole = 0;
         void add_holes(unsigned long long node, unsigned long long n) {
             if (n != 1) throw db_failure{};
-            nodes += (nodes.empty() ? "[" : ",") + std::to_string(node);
-        }
-        void flush() {
-            if (nodes.empty()) return;
-            nodes += "]";
-            b.sql(
-                 "INSERT INTO holes(parent, category, node, count)"
-                 " SELECT ?1, ?2, value, 1 FROM json_each(?3) WHERE true"
-                 " ON CONFLICT(parent, category, node) DO UPDATE SET count = count + 1")
-                .bind(1, parent)
-                .bind(2, category)
-                .bind_text(3, nodes.c_str())
-                .run();
+            if (hole == 0) hole = node;
         }
     };
+    // Counts the list's pending holes in its nodes, in one statement.
+    void fold(unsigned int parent, unsigned int category, list_state& ls) {
+        std::map<unsigned long long, unsigned long long> add;
+        for (unsigned long long slot : ls.pending) {
+            for (unsigned long long i = slot; i <= ls.st.top; i += i & (~i + 1)) ++add[i];
+        }
+        ls.pending.clear();
+        if (add.empty()) return;
+        std::string nodes;
+        for (const auto& node : add) {
+            nodes += (nodes.empty() ? "[[" : ",[") + std::to_string(node.first) + "," +
+                     std::to_string(node.second) + "]";
+        }
+        nodes += "]";
+        sql("INSERT INTO holes(parent, category, node, count)"
+            " SELECT ?1, ?2, json_extract(value, '$[0]'), json_extract(value, '$[1]')"
+            " FROM json_each(?3) WHERE true"
+            " ON CONFLICT(parent, category, node) DO UPDATE SET count = count + excluded.count")
+            .bind(1, parent)
+            .bind(2, category)
+            .bind_text(3, nodes.c_str())
+            .run();
+    }
 
-    // The slot of the child at `order` (< st.live).
-    long long slot_of(unsigned int parent, unsigned int category, const order_state& st,
+    // The slot of the child at `order` (< ls.st.live).
+    long long slot_of(unsigned int parent, unsigned int category, const list_state& ls,
                       unsigned int order) {
-        const list_nodes nodes{*this, parent, category};
-        return static_cast<long long>(order_slot(st, order, nodes));
+        const list_nodes nodes{*this, parent, category, &ls.pending};
+        return static_cast<long long>(order_slot(ls.st, order, nodes));
     }
 
     // Appends a child of `category` to the parent's lists: sets the slots it
     // takes in the list of all children and in that of its category.
-    void append(unsigned int parent, unsigned int category, long long* slot,
-                long long* category_slot) {
-        order_state all, mine;
-        load_lists(parent, category, &all, &mine);
+    void append(unsigned int parent, unsigned int category, list_state& all, list_state& mine,
+                long long* slot, long long* category_slot) {
         list_nodes all_nodes{*this, parent, 0}, mine_nodes{*this, parent, category};
-        *slot = static_cast<long long>(order_append(all, all_nodes));
-        *category_slot = static_cast<long long>(order_append(mine, mine_nodes));
+        *slot = static_cast<long long>(order_append(all.st, all_nodes));
+        *category_slot = static_cast<long long>(order_append(mine.st, mine_nodes));
         store_lists(parent, category, mine, &all);
     }
 
-    // Takes a child of `category` out of the parent's lists, where it had
-    // `slot` and `category_slot`. REQUIRES: its record no longer lists it there.
-    void erase(unsigned int parent, unsigned int category, long long slot,
-               long long category_slot) {
-        order_state all, mine;
-        load_lists(parent, category, &all, &mine);
-        const bool all_kept = erase_from(parent, 0, slot, all);
-        const bool mine_kept = erase_from(parent, category, category_slot, mine);
+    // Takes the child `row` out of its parent's lists `all` and `mine` (that of
+    // its category). REQUIRES: its record no longer lists it there.
+    void erase(const record_row& row, list_state& all, list_state& mine) {
+        const bool all_kept = erase_from(row.parent, 0, row.slot, all);
+        const bool mine_kept = erase_from(row.parent, row.category, row.category_slot, mine);
         if (all_kept && mine_kept) {
-            store_lists(parent, category, mine, &all);
+            store_lists(row.parent, row.category, mine, &all);
         } else if (all_kept || mine_kept) {
-            store_lists(parent, all_kept ? 0 : category, all_kept ? all : mine, nullptr);
+            store_lists(row.parent, all_kept ? 0 : row.category, all_kept ? all : mine, nullptr);
         }
     }
 
-    // Takes the child at `slot` out of the list `st`; false when that was its
+    // Takes the child at `slot` out of the list `ls`; false when that was its
     // last child (the list is gone).
-    bool erase_from(unsigned int parent, unsigned int category, long long slot, order_state& st) {
-        if (st.live <= 1) {
+    bool erase_from(unsigned int parent, unsigned int category, long long slot, list_state& ls) {
+        if (ls.st.live <= 1) {
             sql("DELETE FROM lists WHERE parent = ? AND category = ?")
                 .bind(1, parent)
                 .bind(2, category)
@@ -634,11 +724,15 @@ private:
                 .run();
             return false;
         }
-        erase_nodes nodes{{*this, parent, category}, {}};
-        if (order_erase(st, static_cast<unsigned long long>(slot), nodes)) {
-            st = pack(parent, category, st.live);
-        } else {
-            nodes.flush();
+        erase_nodes nodes{{*this, parent, category}, 0};
+        order_erase(ls.st, static_cast<unsigned long long>(slot), nodes);
+        const unsigned long long holes = ls.st.used - ls.st.live;
+        if (holes >= kPackHoles && holes > 4 * ls.st.live) {
+            ls.st = pack(parent, category, ls.st.live);
+            ls.pending.clear();
+        } else if (nodes.hole != 0) {
+            ls.pending.push_back(nodes.hole);
+            if (ls.pending.size() >= kPendingHoles) fold(parent, category, ls);
         }
         return true;
     }
@@ -668,14 +762,6 @@ private:
             .bind(2, category)
             .run();
         return packed_order(live);
-    }
-
-    // Takes a linked record out of its parent's lists and clears its link.
-    void unlink(unsigned int handler_id, const record_row& row) {
-        sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE id = ?")
-            .bind(1, handler_id)
-            .run();
-        erase(row.parent, row.category, row.slot, row.category_slot);
     }
 
     // Returns `use(stored)`, `stored` the member's stored value (null when the

@@ -176,7 +176,8 @@ std::unique_ptr<store_backend> open_read_only(const std::string& path, std::stri
             sqlite3_extended_result_codes(db, 1);
             sqlite3_busy_timeout(db, kBusyTimeoutMs);
             kind = classify(db, error);
-            if (kind == file_kind::ours || kind == file_kind::older) {
+            if (kind == file_kind::ours ||
+                (kind == file_kind::older && exec(db, kOldLists, error))) {
                 return file_backend_on(db, true);
             }
             if (kind == file_kind::empty) *error = "not a record store file";

@@ -21,6 +21,7 @@ const char* host_code_text(unsigned int code) {
         case STORE_IO: return "record store file failed or busy, or ids used up";
         case STORE_ROLLED_BACK: return "the transaction was rolled back";
         case STORE_READ_ONLY: return "the record store is read-only";
+        case STORE_RANGE: return "value outside the member's declared range";
         case STORE_INJECTED: return "injected failure";
         default: return "";
     }

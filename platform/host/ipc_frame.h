@@ -45,7 +45,7 @@
 //                     peer <pid> <open connections>
 //   0x7E02 monitor  request: after seq low, after seq high (all ones: from
 //                   now on), wait in ms (at most 1000), most lines wanted.
-//                   Reply: result (0, or 0xC1030008 for a short request), last
+//                   Reply: result (0, or 0xC1030008 for a request not 16 bytes), last
 //                   seq given out low, high, line count, then 80 bytes a line:
 //                     0 seq low, 4 seq high, 8 time µs low, 12 time µs high,
 //                     16 latency µs, 20 pid, 24 function id, 28 fields present

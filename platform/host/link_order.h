@@ -13,8 +13,9 @@
 // child (one index seek): a list emptied from the front, as a copy does, and a
 // list without other holes find a child by order in one read. When top doubles,
 // node 2 * top starts as a copy of node top (the slots above are unused). A list
-// with more holes than children is packed again by the backend, which renumbers
-// its children in one pass (amortised O(1) per hole).
+// with more holes than children (or, as the backend chooses, some multiple of
+// them) is packed again by the backend, which renumbers its children in one
+// pass (amortised O(1) per hole).
 #ifndef TEVASH_HOST_LINK_ORDER_H
 #define TEVASH_HOST_LINK_ORDER_H
 

@@ -4,6 +4,7 @@
 #ifndef TEVASH_HOST_MEMBER_RULES_H
 #define TEVASH_HOST_MEMBER_RULES_H
 
+#include <string>
 #include <vector>
 
 #include "host/tev_host.h"
@@ -13,11 +14,33 @@ namespace detail {
 
 // What the schema says about a member: its width in bytes and its initial value
 // (exactly `width` bytes, little-endian).
+// With `ranged`, an integer write must lie in [min, max] as `kind` reads it.
 struct member_decl {
     member_kind kind;
     unsigned int width;
     std::vector<unsigned char> initial;
+    bool ranged = false;
+    long long min = 0;
+    long long max = 0;
 };
+
+// "i8" ... "u32", "bytes".
+const char* kind_word(member_kind kind);
+// The declaration a schema member makes.
+member_decl decl_of(const member_schema& m);
+// The integer `bytes` (`width` bytes, little-endian) hold, as `kind` reads it.
+long long integer_of(member_kind kind, const unsigned char* bytes, unsigned int width);
+// 0, or STORE_RANGE when `decl` is ranged and the `width` bytes it is given
+// (the declared width) lie outside its range.
+unsigned int range_rule(const member_decl* decl, const unsigned char* bytes, unsigned int width);
+// Why a stored value contradicts its declaration (another kind or size), in
+// words naming the record; "" when it does not.
+std::string schema_conflict(const member_schema& m, unsigned int handler_id, member_kind kind,
+                            unsigned int size);
+// Why a schema member is malformed (a width that does not fit its kind, an
+// initial value of another size, a range on bytes or min above max); "" when
+// it is sound.
+std::string schema_fault(const member_schema& m);
 
 // A member's value as a backend holds it (the bytes stay the backend's).
 struct member_view {

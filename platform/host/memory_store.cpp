@@ -343,6 +343,7 @@ public:
         ++txn_;
         undo_.clear();
         made_.clear();
+        schema_saved_ = false;
         return 0;
     }
     unsigned int commit() override {
@@ -352,6 +353,8 @@ public:
         return 0;
     }
     void rollback() override {
+        if (schema_saved_) schema_ = std::move(schema_before_);
+        schema_saved_ = false;
         for (unsigned int id : made_) records_.erase(id);
         for (auto it = undo_.rbegin(); it != undo_.rend(); ++it) {
             records_[it->id] = std::move(it->before);
@@ -371,6 +374,31 @@ public:
             return a.handler_id < b.handler_id;
         });
         return out;
+    }
+
+    std::shared_ptr<const kept_schema> schema() override { return schema_; }
+
+    unsigned int keep_schema(const std::vector<member_schema>& members,
+                             std::string* error) override {
+        std::shared_ptr<const kept_schema> next = make_kept_schema(members);
+        for (const auto& entry : records_) {
+            for (const auto& m : entry.second.members) {
+                auto it = next->decls.find(m.first);
+                if (it == next->decls.end()) continue;
+                const member_view v = m.second.view();
+                for (const member_schema& d : next->members) {
+                    if (d.member_id != m.first) continue;
+                    *error = schema_conflict(d, entry.first, v.kind, v.size);
+                    if (!error->empty()) return STORE_WIDTH;
+                }
+            }
+        }
+        if (journaling_ && !schema_saved_) {
+            schema_before_ = schema_;
+            schema_saved_ = true;
+        }
+        schema_ = std::move(next);
+        return 0;
     }
 
 private:
@@ -434,6 +462,9 @@ private:
     unsigned int txn_ = 0;                              // its number
     std::deque<saved> undo_;                            // the records it changed, as they were
     std::vector<unsigned int> made_;                    // the records it made
+    std::shared_ptr<const kept_schema> schema_ = make_kept_schema({});
+    std::shared_ptr<const kept_schema> schema_before_;  // the schema before the transaction
+    bool schema_saved_ = false;                         // schema_before_ is set
 };
 
 }  // namespace

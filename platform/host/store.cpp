@@ -3,6 +3,7 @@
 // Each operation logs itself, honours an armed failure, checks its pointers and
 // hands the rest to the current backend. Safe from any thread: the backend runs
 // under the store's lock (store_lock.h), the seams under their own mutex.
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -182,14 +183,53 @@ const member_decl* find_decl(store_state& s, unsigned int member_id) {
     return it == s.schema.end() ? nullptr : &it->second;
 }
 
+// The declaration of `member_id`: this process's, else the one the store keeps
+// (*kept holds it alive); null when neither declares it.
+const member_decl* decl_for(store_state& s, store_backend& b, unsigned int member_id,
+                            std::shared_ptr<const tevhost::detail::kept_schema>* kept) {
+    if (const member_decl* d = find_decl(s, member_id)) return d;
+    *kept = b.schema();
+    auto it = (*kept)->decls.find(member_id);
+    return it == (*kept)->decls.end() ? nullptr : &it->second;
+}
+
+// A read: with this process's declaration, else again with the store's kept
+// one when the member has no value (only then does the declaration matter).
+template <typename Read>
+unsigned int read_declared(store_state& s, store_backend& b, unsigned int member_id, Read read) {
+    const member_decl* own = find_decl(s, member_id);
+    unsigned int rc = read(own);
+    if (rc != tevhost::STORE_NO_MEMBER || own != nullptr) return rc;
+    std::shared_ptr<const tevhost::detail::kept_schema> kept;
+    const member_decl* d = decl_for(s, b, member_id, &kept);
+    return d == nullptr ? rc : read(d);
+}
+
+// A write: the declaration's range holds, else STORE_RANGE and a trace line.
+template <typename Write>
+unsigned int write_declared(store_state& s, store_backend& b, unsigned int member_id,
+                            const unsigned char* bytes, unsigned int width, Write write) {
+    std::shared_ptr<const tevhost::detail::kept_schema> kept;
+    const member_decl* d = decl_for(s, b, member_id, &kept);
+    if (tevhost::detail::range_rule(d, bytes, width) != 0) {
+        tivGENTrcPrintf(0, 0, 0, "host store: member 0x%08X: %lld is outside [%lld, %lld]\n",
+                        member_id, tevhost::detail::integer_of(d->kind, bytes, width), d->min,
+                        d->max);
+        return tevhost::STORE_RANGE;
+    }
+    return write(d);
+}
+
 unsigned int set_typed(unsigned int cmp_id, unsigned int handler_id, unsigned int member_id,
                        uint32_t value, tevhost::member_kind kind) {
     unsigned char bytes[4];
     tevhost::put_le32(bytes, value);
     store_state& s = state();
+    const unsigned int width = tevhost::member_width(kind);
     return run(store_op::set_current, cmp_id, [&](store_backend& b) {
-        return b.set(handler_id, member_id, find_decl(s, member_id), bytes,
-                     tevhost::member_width(kind), kind, false);
+        return write_declared(s, b, member_id, bytes, width, [&](const member_decl* d) {
+            return b.set(handler_id, member_id, d, bytes, width, kind, false);
+        });
     });
 }
 
@@ -313,8 +353,10 @@ unsigned int wud_wud_service_info::wud_wud_service_info_get_current(const unsign
                                                                     void* value) {
     store_state& s = state();
     return run(store_op::get_current, cmp_id, [&](store_backend& b) {
-        return value == nullptr ? STORE_BAD_ARG
-                                : b.get(handler_id, member_id, find_decl(s, member_id), value);
+        if (value == nullptr) return STORE_BAD_ARG;
+        return read_declared(s, b, member_id, [&](const member_decl* d) {
+            return b.get(handler_id, member_id, d, value);
+        });
     });
 }
 
@@ -371,10 +413,11 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     void* value) {
     store_state& s = state();
     return run(store_op::set_current, cmp_id, [&](store_backend& b) {
-        return value == nullptr ? STORE_BAD_ARG
-                                : b.set(handler_id, member_id, find_decl(s, member_id),
-                                        static_cast<const unsigned char*>(value), 0,
-                                        tevhost::member_kind::bytes, false);
+        if (value == nullptr) return STORE_BAD_ARG;
+        const auto* bytes = static_cast<const unsigned char*>(value);
+        return write_declared(s, b, member_id, bytes, 0, [&](const member_decl* d) {
+            return b.set(handler_id, member_id, d, bytes, 0, tevhost::member_kind::bytes, false);
+        });
     });
 }
 
@@ -537,7 +580,10 @@ unsigned int member_info(unsigned int handler_id, unsigned int member_id, member
     call_lock lock(s, false);
     unsigned int rc = 0;
     store_backend* b = lock.backend(&rc);
-    return b == nullptr ? rc : b->member(handler_id, member_id, find_decl(s, member_id), out);
+    if (b == nullptr) return rc;
+    return read_declared(s, *b, member_id, [&](const detail::member_decl* d) {
+        return b->member(handler_id, member_id, d, out);
+    });
 }
 
 std::vector<member_value> record_members(unsigned int handler_id) {
@@ -555,9 +601,48 @@ unsigned int set_member_value(unsigned int handler_id, const member_value& v) {
     call_lock lock(s, true);
     unsigned int rc = 0;
     store_backend* b = lock.backend(&rc);
-    return b == nullptr ? rc
-                        : b->set(handler_id, v.member_id, find_decl(s, v.member_id), v.value.data(),
-                                 v.size, v.kind, true);
+    if (b == nullptr) return rc;
+    return write_declared(
+        s, *b, v.member_id, v.value.data(), v.size, [&](const detail::member_decl* d) {
+            return b->set(handler_id, v.member_id, d, v.value.data(), v.size, v.kind, true);
+        });
+}
+
+unsigned int store_load_schema(const std::vector<member_schema>& members, std::string* error) {
+    std::string why;
+    std::vector<member_schema> sorted = members;
+    std::sort(sorted.begin(), sorted.end(), [](const member_schema& a, const member_schema& b) {
+        return a.member_id < b.member_id;
+    });
+    unsigned int rc = 0;
+    for (std::size_t i = 0; i < sorted.size() && why.empty(); ++i) {
+        why = detail::schema_fault(sorted[i]);
+        if (why.empty() && i > 0 && sorted[i - 1].member_id == sorted[i].member_id) {
+            why = "member declared twice";
+        }
+    }
+    if (!why.empty()) {
+        rc = STORE_BAD_ARG;
+    } else {
+        store_state& s = state();
+        call_lock lock(s, true);
+        store_backend* b = lock.backend(&rc);
+        if (b != nullptr) rc = b->keep_schema(sorted, &why);
+        if (rc != 0 && why.empty()) why = host_code_text(rc);
+    }
+    if (rc != 0) {
+        tivGENTrcPrintf(0, 0, 0, "host store: schema not loaded: %s\n", why.c_str());
+        if (error != nullptr) *error = why;
+    }
+    return rc;
+}
+
+std::vector<member_schema> store_schema() {
+    store_state& s = state();
+    call_lock lock(s, false);
+    unsigned int rc = 0;
+    store_backend* b = lock.backend(&rc);
+    return b == nullptr ? std::vector<member_schema>{} : b->schema()->members;
 }
 
 // ---- Transactions. The outermost scope takes the store's lock exclusively

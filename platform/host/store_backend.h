@@ -16,6 +16,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/tev_host.h"
@@ -23,6 +24,14 @@
 
 namespace tevhost {
 namespace detail {
+
+// The schema a store keeps: its members and their declarations.
+struct kept_schema {
+    std::vector<member_schema> members;  // ascending member id
+    std::unordered_map<unsigned int, member_decl> decls;
+};
+// `members` as a kept schema.
+std::shared_ptr<const kept_schema> make_kept_schema(std::vector<member_schema> members);
 
 class store_backend {
 public:
@@ -81,6 +90,33 @@ public:
         return false;
     }
     virtual std::vector<record_info> records() = 0;
+
+    // The schema the store keeps (never null; empty when none): the one another
+    // process sharing the store kept last. Called under the shared lock.
+    virtual std::shared_ptr<const kept_schema> schema() = 0;
+    // Keeps `members` (sound, ascending id, unique) as the schema, in one
+    // transaction: STORE_WIDTH with *error set when a stored value contradicts
+    // it (schema_conflict), else 0 or STORE_READ_ONLY/STORE_IO.
+    virtual unsigned int keep_schema(const std::vector<member_schema>& members,
+                                     std::string* error) = 0;
+};
+
+class sqlite_db;
+
+// The schema of one store file, as its connection last read it
+// (file_store_schema.cpp). Another process's schema is seen at the next call
+// after it committed (the connection's data version tells). Every method runs
+// inside the connection's mutex, which guards the cache too.
+class file_schema {
+public:
+    // The kept schema (empty when the file keeps none or cannot be read).
+    std::shared_ptr<const kept_schema> current(sqlite_db& db);
+    // store_backend::keep_schema on the file.
+    unsigned int keep(sqlite_db& db, const std::vector<member_schema>& members, std::string* error);
+
+private:
+    std::shared_ptr<const kept_schema> cached_;  // null: read it again
+    long long version_ = -1;                     // the data version it was read at
 };
 
 // A fresh in-memory backend.

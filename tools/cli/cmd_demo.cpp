@@ -1,4 +1,5 @@
-// demo: a guided run of the typical flows on a fresh in-memory store.
+// demo: a guided run of the typical flows on a fresh in-memory store, with the
+// sample member schema (examples/schema/demo-schema.json, built in) loaded.
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -7,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "demo_schema.h"
 #include "tree_model.h"
 #include "util.h"
 
@@ -27,6 +29,11 @@ nlohmann::ordered_json tree_json(unsigned int root) {
 
 int run_demo(context& ctx, bool json) {
     tevhost::store_use_memory();
+    std::vector<tevhost::member_schema> schema;
+    std::string why;
+    if (!tevhost::parse_member_schema(TEVASH_DEMO_SCHEMA, &schema, &why) ||
+        tevhost::store_load_schema(schema, &why) != 0)
+        return context::fail("demo: the sample schema: " + why);
     auto* f = context::facade();
     // With --json the words go nowhere and one object is printed at the end.
     std::ostringstream unused;
@@ -86,7 +93,7 @@ int run_demo(context& ctx, bool json) {
         long back = 0;
         if (rc == 0) rc = f->tev_ash_get_member(APP_CMP_ID, job, a.member, &back, a.order);
         if (rc != 0) return ctx.fail_code("demo: member " + hex32(a.member), rc);
-        out << "  member " << hex32(a.member) << " order " << a.order << " (" << a.owner
+        out << "  " << member_label(a.member) << " order " << a.order << " (" << a.owner
             << ") = " << back << '\n';
         report["members"].push_back(
             {{"handler", job}, {"member", hex32(a.member)}, {"order", a.order}, {"value", back}});
@@ -102,24 +109,38 @@ int run_demo(context& ctx, bool json) {
     long copied_child = 0;
     rc = f->tev_ash_get_member(APP_CMP_ID, job2, 0x00460000, &copied_child, 1);
     if (rc != 0) return ctx.fail_code("demo: member of the copy's child", rc);
-    out << "  member 0x00360000 of job " << job2 << " = " << copied
-        << ", member 0x00460000 of its second child = " << copied_child << '\n';
+    out << "  " << member_label(0x00360000) << " of job " << job2 << " = " << copied << ", "
+        << member_label(0x00460000) << " of its second child = " << copied_child << '\n';
     report["copy"] = {{"source", job}, {"destination", job2}, {"tree", tree_json(job2)}};
 
-    out << "A refused access: member 0x00182000 (APLSVC_IMG) through job handler " << job << '\n';
-    ctx.capture->clear();
+    out << "A refused access: " << member_label(0x00182000) << " of APLSVC_IMG through job handler "
+        << job << '\n';
     long refused = 0;
+    const auto refused_trace = [&](unsigned int code) {
+        out << "  result " << hex32(code) << '\n';
+        nlohmann::ordered_json trace = nlohmann::ordered_json::array();
+        for (const auto& line : ctx.capture->lines()) {
+            std::string t = ctx.verbose ? line.text : without_pointers(line.text);
+            while (!t.empty() && (t.back() == '\n' || t.back() == '\r')) t.pop_back();
+            out << "  trace: " << t << '\n';
+            trace.push_back(t);
+        }
+        ctx.capture->clear();
+        return trace;
+    };
+    ctx.capture->clear();
     rc = f->tev_ash_get_member(APP_CMP_ID, job, 0x00182000, &refused, 0);
-    out << "  result " << hex32(rc) << '\n';
-    nlohmann::ordered_json trace = nlohmann::ordered_json::array();
-    for (const auto& line : ctx.capture->lines()) {
-        std::string t = ctx.verbose ? line.text : without_pointers(line.text);
-        while (!t.empty() && (t.back() == '\n' || t.back() == '\r')) t.pop_back();
-        out << "  trace: " << t << '\n';
-        trace.push_back(t);
-    }
-    report["refused"] = {
-        {"handler", job}, {"member", "0x00182000"}, {"code", hex32(rc)}, {"trace", trace}};
+    report["refused"] = {{"handler", job},
+                         {"member", "0x00182000"},
+                         {"code", hex32(rc)},
+                         {"trace", refused_trace(rc)}};
+    out << "A refused value: " << member_label(0x00360000)
+        << " = 5000 (the schema allows 1..999)\n";
+    rc = f->tev_ash_set_member(APP_CMP_ID, job, 0x00360000, 5000L, 0);
+    report["out_of_range"] = {{"handler", job},
+                              {"member", "0x00360000"},
+                              {"code", hex32(rc)},
+                              {"trace", refused_trace(rc)}};
     out << "Demo finished\n";
     if (json) std::cout << report.dump() << '\n';
     return 0;

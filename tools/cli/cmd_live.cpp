@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -19,6 +20,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
@@ -59,8 +61,10 @@ std::string prepare(const context& ctx) {
 }
 
 // One host-only request to the handler service; "" when answered, else why not
-// ("nothing listening", ...).
-std::string ask_service(long func_id, std::vector<char> request, std::vector<char>* reply) {
+// ("nothing listening", ...). *absent tells a service that does not run from
+// one that runs but did not answer (stopped, hung, or killed while asked).
+std::string ask_service(long func_id, std::vector<char> request, std::vector<char>* reply,
+                        bool* absent) {
     vlq_mc_client client;
     reply->assign(64 * 1024 - 20, '\0');
     auto len = static_cast<unsigned int>(reply->size());
@@ -68,6 +72,7 @@ std::string ask_service(long func_id, std::vector<char> request, std::vector<cha
                                     static_cast<unsigned int>(request.size()), reply->data(), &len,
                                     TEV_ASH_SRV_NAME);
     const int sent = tevhost::last_send_status();
+    *absent = sent == tevhost::MSG_NOT_LISTENING;
     if (sent == tevhost::MSG_NO_REPLY) return "the handler service does not answer this request";
     if (sent != tevhost::MSG_OK) return tevhost::send_status_text(sent);
     reply->resize(len);
@@ -147,8 +152,9 @@ int run_status(const context& ctx, const status_options& o) {
     const std::string dir = prepare(ctx);
     std::vector<char> reply;
     std::error_code ec;
+    bool absent = true;
     std::string unreachable = std::filesystem::is_directory(dir, ec)
-                                  ? ask_service(tevash_tools::HOST_FUNC_STATUS, {}, &reply)
+                                  ? ask_service(tevash_tools::HOST_FUNC_STATUS, {}, &reply, &absent)
                                   : "no runtime directory " + dir;
     tevash_tools::service_status s;
     if (unreachable.empty() &&
@@ -182,6 +188,7 @@ int run_status(const context& ctx, const status_options& o) {
         } else {
             out["service"] = nullptr;
             out["service_error"] = unreachable;
+            out["service_running"] = !absent;
         }
         out["store"] = {{"file", file}};
         if (records >= 0)
@@ -192,7 +199,8 @@ int run_status(const context& ctx, const status_options& o) {
     } else {
         std::cout << "runtime directory: " << dir << '\n';
         if (!unreachable.empty()) {
-            std::cout << "handler service: not running (" << unreachable << ")\n";
+            std::cout << "handler service: " << (absent ? "not running (" : "not answering (")
+                      << unreachable << ")\n";
         } else {
             const long long up = (now_us() - s.started_us) / 1000000;
             std::cout << "handler service: pid " << s.pid << ", started "
@@ -332,17 +340,18 @@ int run_monitor(const context& ctx, const monitor_options& o) {
         tev_ash_wire::put_u32(request.data() + 4, static_cast<std::uint32_t>(after >> 32));
         tev_ash_wire::put_u32(request.data() + 8, 500);
         tev_ash_wire::put_u32(request.data() + 12, MONITOR_BATCH);
+        bool absent = true;
         const std::string unreachable =
-            ask_service(tevash_tools::HOST_FUNC_MONITOR, request, &reply);
+            ask_service(tevash_tools::HOST_FUNC_MONITOR, request, &reply, &absent);
         if (!unreachable.empty() || reply.size() < 16 || tev_ash_wire::get_u32(reply.data()) != 0) {
-            const std::string why = unreachable.empty() ? "malformed answer" : unreachable;
+            const std::string why =
+                (absent ? "handler service not reachable: " : "handler service not answering: ") +
+                (unreachable.empty() ? std::string("malformed answer") : unreachable);
             if (after == ~0ull && !lost) {
-                context::fail("handler service not reachable: " + why + " in " + dir);
+                context::fail(why + " in " + dir);
                 return NO_SERVICE;
             }
-            if (!lost)
-                std::cerr << "tevash monitor: handler service not reachable: " << why
-                          << "; waiting for it\n";
+            if (!lost) std::cerr << "tevash monitor: " << why << "; waiting for it\n";
             lost = true;
             after = ~0ull;
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -543,21 +552,50 @@ private:
     sqlite3_stmt* st_ = nullptr;
 };
 
+// The store file at `file` (a symlink followed): "" with *id set, else why it
+// cannot be watched.
+std::string store_file_problem(const std::string& file, std::pair<dev_t, ino_t>* id) {
+    struct stat st {};
+    if (::stat(file.c_str(), &st) != 0) return std::strerror(errno);
+    if (!S_ISREG(st.st_mode)) return "not a file";
+    *id = {st.st_dev, st.st_ino};
+    return "";
+}
+
+// Opens `file` for reading as the store and its change counter.
+std::string open_watched(const std::string& file, std::unique_ptr<change_counter>* counter) {
+    std::string error;
+    if (!tevhost::store_use_file(file, &error, tevhost::store_access::read_only))
+        return "cannot open store '" + file + "': " + error;
+    *counter = std::make_unique<change_counter>(file);
+    if (!(*counter)->ok()) return "cannot read the change counter of '" + file + "'";
+    return "";
+}
+
+// How long the watched file may be missing before watch says it was removed
+// (a file replaced by removing it and writing a new one is followed).
+constexpr std::chrono::seconds GONE_AFTER(1);
+
 int run_watch(context& ctx, const watch_options& o) {
     const std::string dir = prepare(ctx);
     std::string file = ctx.store, error;
+    std::error_code ec;
+    if (file.empty() && !ctx.runtime_dir.empty() && !std::filesystem::is_directory(dir, ec))
+        return context::fail("no runtime directory " + dir + ": no shared store file to watch");
     if (file.empty() && !tevash_tools::shared_store_path("", &file, &error))
         return context::fail(error);
-    struct stat st {};
-    if (::stat(file.c_str(), &st) != 0)
+    std::pair<dev_t, ino_t> id;
+    const std::string problem = store_file_problem(file, &id);
+    if (!problem.empty() && !ctx.store.empty())
+        return context::fail("cannot watch store file " + file + ": " + problem);
+    if (!problem.empty())
         return context::fail("no shared store file " + file +
                              ": only a store file can be watched (a process's in-memory store "
                              "cannot); start `tevash serve` in " +
                              dir + " or give --store FILE");
-    if (!tevhost::store_use_file(file, &error, tevhost::store_access::read_only))
-        return context::fail("cannot open store '" + file + "': " + error);
-    change_counter counter(file);
-    if (!counter.ok()) return context::fail("cannot read the change counter of '" + file + "'");
+    std::unique_ptr<change_counter> counter;
+    error = open_watched(file, &counter);
+    if (!error.empty()) return context::fail(error);
     unsigned int top = 0;
     if (!o.handler.empty()) {
         if (!parse_arg(o.handler, &top, "handler id")) return 1;
@@ -566,13 +604,36 @@ int run_watch(context& ctx, const watch_options& o) {
     g_stop = 0;
     signal(SIGINT, [](int) { g_stop = 1; });
     signal(SIGTERM, [](int) { g_stop = 1; });
-    long long version = counter.value();
+    long long version = counter->value();
     snapshot was = take_snapshot();
     std::cerr << "tevash watch: watching " << file << (top ? " below handler " + o.handler : "")
               << " (Ctrl-C stops)\n";
+    auto missing_since = std::chrono::steady_clock::time_point::max();
     while (g_stop == 0) {
         std::this_thread::sleep_for(POLL);
-        const long long v = counter.value();
+        // The file at the path may be another one now: removed, or replaced
+        // (renamed over, written anew, a symlink pointed elsewhere).
+        std::pair<dev_t, ino_t> now_id;
+        const std::string gone = store_file_problem(file, &now_id);
+        const auto now_time = std::chrono::steady_clock::now();
+        if (!gone.empty()) {
+            if (missing_since == std::chrono::steady_clock::time_point::max())
+                missing_since = now_time;
+            if (now_time - missing_since < GONE_AFTER) continue;
+            std::cout.flush();
+            return context::fail("store file " + file + " is gone (" + gone + "): watch ends");
+        }
+        missing_since = std::chrono::steady_clock::time_point::max();
+        if (now_id != id) {
+            id = now_id;
+            std::cout.flush();
+            std::cerr << "tevash watch: " << file
+                      << " was replaced by another file; watching that one\n";
+            error = open_watched(file, &counter);
+            if (!error.empty()) return context::fail(error);
+            version = -2;  // the new file's changes since the old one are shown below
+        }
+        const long long v = counter->value();
         if (v == version) continue;
         version = v;
         snapshot now = take_snapshot();

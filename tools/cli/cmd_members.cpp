@@ -40,15 +40,18 @@ struct target {
 };
 
 std::string member_text(const target& t) {
-    return "member " + hex32(t.member);
+    return member_label(t.member);
 }
 
 int resolve(context& ctx, const member_options& o, target* t) {
     if (!o.type.empty() && !parse_kind(o.type, &t->type))
         return context::usage("unknown type '" + o.type + "'");
-    if (!parse_arg(o.handler, &t->handler, "handler id") ||
-        !parse_arg(o.member, &t->member, "member id") || !parse_arg(o.order, &t->order, "order"))
+    if (!parse_arg(o.handler, &t->handler, "handler id") || !parse_arg(o.order, &t->order, "order"))
         return EXIT_USAGE;
+    const std::string refused = member_arg_refusal(o.member, &t->member);
+    if (!refused.empty())
+        return refused.rfind("malformed", 0) == 0 ? context::usage(refused)
+                                                  : context::fail(refused);
     unsigned int hc = 0;
     if (int rc = ctx.check_handler(t->handler, &hc)) return rc;
     velmora::tev_ash_control control;
@@ -185,6 +188,8 @@ int run_set(context& ctx, const member_options& o) {
     const std::string why = member_value_refusal(t.member, t.type, o.value, !o.text,
                                                  t.has_value ? &t.info : nullptr, &v);
     if (!why.empty()) return context::fail(why);
+    const std::string out_of_range = schema_range_refusal(v);
+    if (!out_of_range.empty()) return context::fail(out_of_range);
     // Bytes go as the member's whole width (the value is padded to it).
     const unsigned int rc = t.type == member_kind::bytes
                                 ? context::facade()->tev_ash_set_member(
@@ -211,29 +216,121 @@ std::string value_text(const member_value& m) {
                                         : std::to_string(decode_value(m.kind, m.value));
 }
 
-int run_members(context& ctx, const std::string& text, bool json) {
-    unsigned int id = 0;
+// One row of members: a stored value, a declared one, or both.
+struct member_row {
+    unsigned int id;
+    const member_value* stored;              // null: none stored
+    const tevhost::member_schema* declared;  // null: not in the schema
+};
+
+int run_members(context& ctx, const std::string& text, bool json, bool all) {
+    unsigned int id = 0, category = 0;
     if (!parse_arg(text, &id, "handler id")) return EXIT_USAGE;
-    if (int rc = ctx.check_handler(id)) return rc;
+    if (int rc = ctx.check_handler(id, &category)) return rc;
     const auto members = tevhost::record_members(id);
+    const auto schema = tevhost::store_schema();
+    std::vector<member_row> rows;
+    for (const auto& m : members) rows.push_back({m.member_id, &m, nullptr});
+    if (all) {
+        // The declared members a handler of this category holds itself.
+        for (const auto& d : schema)
+            if (member_owner_refusal(d.member_id, category).empty())
+                rows.push_back({d.member_id, nullptr, &d});
+        std::sort(rows.begin(), rows.end(),
+                  [](const member_row& a, const member_row& b) { return a.id < b.id; });
+        std::vector<member_row> merged;
+        for (const auto& r : rows) {
+            if (!merged.empty() && merged.back().id == r.id) {
+                if (r.declared) merged.back().declared = r.declared;
+                if (r.stored) merged.back().stored = r.stored;
+            } else {
+                merged.push_back(r);
+            }
+        }
+        rows = merged;
+    }
     if (json) {
         nlohmann::ordered_json out = nlohmann::ordered_json::array();
-        for (const auto& m : members) out.push_back(member_json(m));
+        for (const auto& r : rows) {
+            nlohmann::ordered_json row =
+                r.stored ? member_json(*r.stored) : member_json(initial_value(*r.declared));
+            if (!r.stored) row.erase("value");
+            const tevhost::member_schema* d = r.declared ? r.declared : find_declared(schema, r.id);
+            if (d != nullptr && !d->name.empty()) row["name"] = d->name;
+            if (all) row["initial"] = d ? member_json(initial_value(*d))["value"] : nullptr;
+            out.push_back(row);
+        }
         std::cout << out.dump() << '\n';
         return 0;
     }
-    std::cout << std::left << std::setw(12) << "MEMBER" << std::setw(7) << "KIND" << std::setw(7)
-              << "WIDTH"
-              << "VALUE\n";
-    for (const auto& m : members)
-        std::cout << std::setw(12) << hex32(m.member_id) << std::setw(7) << kind_name(m.kind)
-                  << std::setw(7) << m.size << value_text(m) << '\n';
+    // The NAME column only with a schema: without one the table is as it always was.
+    const bool named = !schema.empty();
+    std::cout << std::left << std::setw(12) << "MEMBER" << std::setw(named ? 18 : 0)
+              << (named ? "NAME" : "") << std::setw(7) << "KIND" << std::setw(7) << "WIDTH"
+              << (all ? "VALUE               INITIAL\n" : "VALUE\n");
+    for (const auto& r : rows) {
+        const tevhost::member_schema* d = r.declared ? r.declared : find_declared(schema, r.id);
+        const member_value shown = r.stored ? *r.stored : initial_value(*d);
+        std::cout << std::setw(12) << hex32(r.id) << std::setw(named ? 18 : 0)
+                  << (!named                  ? ""
+                      : d && !d->name.empty() ? d->name
+                                              : "-")
+                  << std::setw(7) << kind_name(shown.kind) << std::setw(7) << shown.size;
+        if (all)
+            std::cout << std::setw(20) << (r.stored ? value_text(*r.stored) : "-")
+                      << (d ? value_text(initial_value(*d)) : "-");
+        else
+            std::cout << value_text(shown);
+        std::cout << '\n';
+    }
+    return 0;
+}
+
+int run_describe(const std::string& text, bool json) {
+    unsigned int id = 0;
+    const std::string refused = member_arg_refusal(text, &id);
+    if (!refused.empty())
+        return refused.rfind("malformed", 0) == 0 ? context::usage(refused)
+                                                  : context::fail(refused);
+    velmora::tev_ash_control control;
+    velmora::TEV_ASH_CATEGORY category{};
+    unsigned int level = 0;
+    if (control.get_member_category(id, &category) != 0)
+        return context::fail("no member " + hex32(id) + " in the member table");
+    control.get_category_level(category, &level);
+    const auto schema = tevhost::store_schema();
+    const tevhost::member_schema* d = find_declared(schema, id);
+    nlohmann::ordered_json out = {{"member", hex32(id)}};
+    if (d && !d->name.empty()) out["name"] = d->name;
+    out["category"] = category_name(category);
+    out["level"] = level;
+    out["declared"] = d != nullptr;
+    if (d) {
+        out["kind"] = kind_name(d->kind);
+        out["size"] = d->size;
+        out["initial"] = member_json(initial_value(*d))["value"];
+        if (d->ranged) {
+            out["min"] = d->min;
+            out["max"] = d->max;
+        }
+        if (!d->description.empty()) out["description"] = d->description;
+    }
+    if (json) {
+        std::cout << out.dump() << '\n';
+        return 0;
+    }
+    for (auto it = out.begin(); it != out.end(); ++it)
+        if (it.key() != "declared")
+            std::cout << std::left << std::setw(13) << it.key() + ":"
+                      << (it->is_string() ? it->get<std::string>() : it->dump()) << '\n';
+    if (!d)
+        std::cout << "(not declared by a schema: the first typed write fixes its kind and size)\n";
     return 0;
 }
 
 void add_access_options(CLI::App* sub, member_options& o) {
     sub->add_option("handler", o.handler, "Handler id")->required();
-    sub->add_option("member", o.member, "Member id")->required();
+    sub->add_option("member", o.member, "Member id or schema name")->required();
 }
 
 }  // namespace
@@ -266,8 +363,18 @@ void add_member_commands(CLI::App& app, context& ctx) {
     auto* members = app.add_subcommand("members", "List a handler's members: kind, width, value");
     members->add_option("handler", m->handler, "Handler id")->required();
     members->add_flag("--json", m->json, "JSON output");
+    members->add_flag("--all", m->text,
+                      "Also the members the schema declares for it, with their initial values");
     run_with_system(members, ctx, READS, run_mode::store_only,
-                    [&ctx, m] { return run_members(ctx, m->handler, m->json); });
+                    [&ctx, m] { return run_members(ctx, m->handler, m->json, m->text); });
+
+    auto d = std::make_shared<member_options>();
+    auto* describe = app.add_subcommand(
+        "describe", "Describe a member: category, level, kind, size, initial value, range");
+    describe->add_option("member", d->member, "Member id or schema name")->required();
+    describe->add_flag("--json", d->json, "JSON output");
+    run_with_system(describe, ctx, READS, run_mode::store_only,
+                    [d] { return run_describe(d->member, d->json); });
 }
 
 }  // namespace tevash_cli

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "commands.h"
 #include "host/tev_host.h"
@@ -93,9 +94,13 @@ int take_passed_socket(const char* connection, std::string* error) {
 bool notify_manager(const std::string& socket_name, const std::string& state, std::string* error) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    if (socket_name.size() < 2 || socket_name.size() >= sizeof addr.sun_path ||
-        (socket_name[0] != '/' && socket_name[0] != '@')) {
+    if (socket_name.size() < 2 || (socket_name[0] != '/' && socket_name[0] != '@')) {
         *error = "not a socket path or abstract name";
+        return false;
+    }
+    if (socket_name.size() >= sizeof addr.sun_path) {
+        *error = "longer than a socket address holds (" + std::to_string(sizeof addr.sun_path - 1) +
+                 " bytes)";
         return false;
     }
     std::memcpy(addr.sun_path, socket_name.data(), socket_name.size());
@@ -124,9 +129,12 @@ void report_to_manager(const char* who, tevash_tools::process_options* opt) {
             "\nSTATUS=" + status;
         std::string error;
         if (!notify_manager(socket_name, message, &error)) {
+            // A name no socket address holds is shown cut short.
+            const std::string shown =
+                socket_name.size() > 120 ? socket_name.substr(0, 117) + "..." : socket_name;
             tevhost::log_line(tevhost::log_priority::warning,
-                              head + "cannot tell the service manager (NOTIFY_SOCKET " +
-                                  socket_name + ") it is " + state + ": " + error);
+                              head + "cannot tell the service manager (NOTIFY_SOCKET " + shown +
+                                  ") it is " + state + ": " + error);
         }
     };
 }

@@ -139,8 +139,14 @@ int run_import(context& ctx, const import_options& o) {
     std::istream& in = o.file == "-" ? std::cin : file;
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<planned> plan;
+    std::vector<tevhost::member_schema> schema;
     std::string why;
-    if (!read_export(text, &plan, &why)) return context::fail("'" + o.file + "': " + why);
+    if (!read_export(text, &plan, &why, &schema)) return context::fail("'" + o.file + "': " + why);
+    // The schema the export carries comes first, so the members meet it.
+    if (!schema.empty()) {
+        if (const unsigned int rc = tevhost::store_load_schema(schema, &why))
+            return ctx.fail_code("'" + o.file + "': its schema was not loaded: " + why, rc);
+    }
     unsigned int parent = 0, parent_category = 0;
     if (!o.parent.empty()) {
         if (!parse_arg(o.parent, &parent, "parent id")) return EXIT_USAGE;

@@ -10,7 +10,8 @@ namespace tevash_cli {
 
 void add_demo_commands(CLI::App& app, context& ctx);      // demo
 void add_handler_commands(CLI::App& app, context& ctx);   // create link unlink copy reset remove
-void add_member_commands(CLI::App& app, context& ctx);    // get set members
+void add_member_commands(CLI::App& app, context& ctx);    // get set members describe
+void add_schema_commands(CLI::App& app, context& ctx);    // schema load, schema show
 void add_tree_commands(CLI::App& app, context& ctx);      // tree
 void add_transfer_commands(CLI::App& app, context& ctx);  // export import backup
 void add_process_commands(CLI::App& app, context& ctx);   // serve director

@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
     add_demo_commands(app, ctx);
     add_handler_commands(app, ctx);
     add_member_commands(app, ctx);
+    add_schema_commands(app, ctx);
     add_tree_commands(app, ctx);
     add_transfer_commands(app, ctx);
     add_process_commands(app, ctx);

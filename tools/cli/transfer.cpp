@@ -182,7 +182,7 @@ bool read_category(const json* node, const std::string& path, unsigned int* cate
 }
 
 bool read_v2(const json& doc, std::vector<planned>* plan, std::string* why) {
-    if (!known_keys(doc, "", {"tevash_tree", "nodes"}, why)) return false;
+    if (!known_keys(doc, "", {"tevash_tree", "nodes", "schema"}, why)) return false;
     const auto nodes = doc.find("nodes");
     if (nodes == doc.end() || !nodes->is_array() || nodes->empty())
         return *why = "/nodes: an array of at least one node", false;
@@ -280,7 +280,8 @@ unsigned long long start_time_of(pid_t pid) {
 
 }  // namespace
 
-bool read_export(const std::string& text, std::vector<planned>* plan, std::string* why) {
+bool read_export(const std::string& text, std::vector<planned>* plan, std::string* why,
+                 std::vector<tevhost::member_schema>* schema) {
     json doc;
     if (!parse_strict(text, &doc, why)) return false;
     if (!doc.is_object()) return *why = "not a JSON object", false;
@@ -288,6 +289,15 @@ bool read_export(const std::string& text, std::vector<planned>* plan, std::strin
     const int v = format == doc.end() ? 0 : format_of(*format);
     if (v == 0) return *why = "/tevash_tree: a tevash tree export, format 1 or 2", false;
     plan->clear();
+    if (schema != nullptr) schema->clear();
+    const auto declared = doc.find("schema");
+    if (v == 2 && declared != doc.end()) {
+        std::vector<tevhost::member_schema> members;
+        std::string words;
+        if (!tevhost::parse_member_schema(declared->dump(), &members, &words))
+            return *why = "/schema: " + words, false;
+        if (schema != nullptr) *schema = std::move(members);
+    }
     return v == 1 ? read_v1(doc, plan, why) : read_v2(doc, plan, why);
 }
 
@@ -321,6 +331,13 @@ unsigned int write_exports(const std::vector<unsigned int>& roots, std::ostream&
         node["members"] = std::move(members);
         out << node.dump() << (i + 1 < entries.size() ? ",\n" : "\n");
         at_depth.push_back(i);
+    }
+    const std::vector<tevhost::member_schema> schema = tevhost::store_schema();
+    if (!schema.empty()) {
+        std::string text = tevhost::member_schema_text(schema);
+        while (!text.empty() && text.back() == '\n') text.pop_back();
+        out << "],\"schema\":" << text << "}\n";
+        return 0;
     }
     out << "]}\n";
     return 0;

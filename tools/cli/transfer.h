@@ -15,6 +15,9 @@
 // "members":[{"member":"0x00360000","kind":..,"size":..,"value":..}],
 // "children":[NODE...]}.
 //
+// An export of a store with a member schema carries it after the nodes, as the
+// schema file's object: {"tevash_tree":2,"nodes":[...],"schema":{"tevash_schema":1,...}}.
+//
 // Handler ids are not part of an export. Reading trusts nothing: a duplicate or
 // unknown key, a value of the wrong type, a member that set would refuse or a
 // category pair that link would refuse (set's and link's own rules, util.h)
@@ -40,11 +43,13 @@ struct planned {
 };
 
 // Reads an export (format 1 or 2). False with *why ("<JSON pointer>: <words>")
-// when anything in it is refused; *plan is then unspecified.
-bool read_export(const std::string& text, std::vector<planned>* plan, std::string* why);
+// when anything in it is refused; *plan is then unspecified. The schema it
+// carries goes to *schema (left empty when none; ignored when null).
+bool read_export(const std::string& text, std::vector<planned>* plan, std::string* why,
+                 std::vector<tevhost::member_schema>* schema = nullptr);
 
-// Writes the tree below `root` in format 2. 0, or the first failing result code
-// of the facade (nothing is written then).
+// Writes the tree below `root` in format 2, with the store's schema if any. 0, or the first failing
+// result code of the facade (nothing is written then).
 unsigned int write_export(unsigned int root, std::ostream& out);
 // The trees below each of `roots` in one document, one after another.
 unsigned int write_exports(const std::vector<unsigned int>& roots, std::ostream& out);

@@ -295,6 +295,51 @@ std::string member_value_refusal(unsigned int member_id, member_kind kind, const
     return "";
 }
 
+const tevhost::member_schema* find_declared(const std::vector<tevhost::member_schema>& schema,
+                                            unsigned int member_id) {
+    for (const auto& m : schema)
+        if (m.member_id == member_id) return &m;
+    return nullptr;
+}
+
+std::string member_arg_refusal(const std::string& text, unsigned int* out) {
+    const std::vector<tevhost::member_schema> schema = tevhost::store_schema();
+    if (!parse_u32(text, out)) {
+        for (const auto& m : schema) {
+            if (!m.name.empty() && m.name == text) {
+                *out = m.member_id;
+                return "";
+            }
+        }
+        return schema.empty() ? "malformed member id '" + text + "' (no schema names members)"
+                              : "no member named '" + text + "' in the schema";
+    }
+    if (!schema.empty() && find_declared(schema, *out) == nullptr)
+        return "member " + hex32(*out) + " is not in the schema";
+    return "";
+}
+
+std::string member_label(unsigned int member_id) {
+    const std::vector<tevhost::member_schema> schema = tevhost::store_schema();
+    const tevhost::member_schema* m = find_declared(schema, member_id);
+    std::string out = "member " + hex32(member_id);
+    return m == nullptr || m->name.empty() ? out : out + " (" + m->name + ")";
+}
+
+std::string schema_range_refusal(const tevhost::member_value& v) {
+    const std::vector<tevhost::member_schema> schema = tevhost::store_schema();
+    const tevhost::member_schema* m = find_declared(schema, v.member_id);
+    if (m == nullptr || !m->ranged || v.kind == member_kind::bytes) return "";
+    const long long n = decode_value(v.kind, v.value);
+    if (n >= m->min && n <= m->max) return "";
+    return "value " + std::to_string(n) + " is outside the range of " + member_label(v.member_id) +
+           " (" + std::to_string(m->min) + ".." + std::to_string(m->max) + ")";
+}
+
+tevhost::member_value initial_value(const tevhost::member_schema& m) {
+    return tevhost::member_value{m.member_id, m.kind, m.size, m.initial};
+}
+
 std::string pointer_token(const std::string& key) {
     std::string token;
     for (char c : key) token += c == '~' ? "~0" : c == '/' ? "~1" : std::string(1, c);

@@ -71,6 +71,21 @@ std::string member_value_refusal(unsigned int member_id, tevhost::member_kind ki
                                  const std::string& text, bool hex,
                                  const tevhost::member_value* stored, tevhost::member_value* out);
 
+// Members by schema (tevhost::store_schema of the open store).
+//
+// The declaration of `member_id` in `schema`, or null.
+const tevhost::member_schema* find_declared(const std::vector<tevhost::member_schema>& schema,
+                                            unsigned int member_id);
+// A member given by id or by its schema name: "" with *out set, else the refusal
+// in words. With a schema, an id it does not declare is refused.
+std::string member_arg_refusal(const std::string& text, unsigned int* out);
+// "member 0x00360000 (copies)", or without the name when it has none.
+std::string member_label(unsigned int member_id);
+// "" when `v` lies in its declared range (or none is declared), else the refusal.
+std::string schema_range_refusal(const tevhost::member_value& v);
+// A declared member's initial value as a member value.
+tevhost::member_value initial_value(const tevhost::member_schema& m);
+
 // A JSON pointer's token for `key` ('~' -> "~0", '/' -> "~1").
 std::string pointer_token(const std::string& key);
 // Whether two paths name one existing file (same device and inode).

@@ -807,10 +807,20 @@ void handler_service::status(const gen_ipc_msghdr& hdr) {
 // of lines, then the lines.
 void handler_service::monitor(const char* req, unsigned int len, const gen_ipc_msghdr& hdr) {
     char head[16] = {};
-    if (req == nullptr || len < 16) {
-        tivGENTrcPrintf(0xE200, 0x102, 0,
-                        "handler_service::monitor,request of %u bytes refused (16 expected)\n",
-                        len);
+    if (req == nullptr || len != 16) {
+        // A client sending nothing but bad requests gets one trace line a second.
+        static std::atomic<long long> traced_us{0};
+        static std::atomic<unsigned int> untraced{0};
+        const long long now = wall_us();
+        long long then = traced_us.load();
+        if (now - then >= 1000000 && traced_us.compare_exchange_strong(then, now)) {
+            tivGENTrcPrintf(0xE200, 0x102, 0,
+                            "handler_service::monitor,request of %u bytes refused (16 expected; "
+                            "%u more refused since the last such line)\n",
+                            len, untraced.exchange(0));
+        } else {
+            ++untraced;
+        }
         put_u32(head, TEV_ASH_RC_BAD_ARG);
         gen_ipc_reply(hdr, head, sizeof head);
         return;

@@ -44,7 +44,8 @@
 //   each notification it sends a director is one line in a ring of
 //   MONITOR_RING lines; a monitor that does not ask in time loses the oldest
 //   lines, which the gap in sequence numbers counts. While none is attached a
-//   request costs one relaxed atomic load more.
+//   request costs one relaxed atomic load more. A monitor request of any size
+//   but 16 bytes is answered 0xC1030008 and traced (at most once a second).
 #ifndef TEVASH_TOOLS_HANDLER_SERVICE_H
 #define TEVASH_TOOLS_HANDLER_SERVICE_H
 

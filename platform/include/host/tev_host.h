@@ -273,6 +273,36 @@ bool declare_member(unsigned int member_id, member_kind kind, unsigned int byte_
                     std::vector<unsigned char> initial = {});
 void clear_schema();
 
+// A member as a schema file declares it. The file is JSON (tevash(1), SCHEMA FILES):
+//   {"tevash_schema":1,"members":[{"id":"0x00360000","name":"copies","kind":"u16",
+//    "initial":1,"min":1,"max":999,"description":"..."}, ...]}
+struct member_schema {
+    unsigned int member_id = 0;
+    std::string name;  // "" when unnamed
+    member_kind kind = member_kind::u32;
+    unsigned int size = 0;               // its width in bytes
+    std::vector<unsigned char> initial;  // `size` bytes, little-endian
+    bool ranged = false;                 // integer kinds only: min <= value <= max
+    long long min = 0;
+    long long max = 0;
+    std::string description;
+};
+// Reads a schema file's text. False with *error in words ("members[2].kind:
+// 'u64' is not a kind") when anything in it is refused; *out is then unspecified.
+bool parse_member_schema(const std::string& text, std::vector<member_schema>* out,
+                         std::string* error);
+// The schema file text of `members` (what parse_member_schema reads back).
+std::string member_schema_text(const std::vector<member_schema>& members);
+// Keeps `members` in the current store as its schema, replacing the one it
+// kept (the persistent store keeps it in its file, so every process sharing
+// the file applies it). All or nothing: STORE_WIDTH with *error in words when a
+// stored value has another kind or size than its declaration, STORE_BAD_ARG
+// when a declaration is malformed, STORE_READ_ONLY or STORE_IO. Declarations
+// made by declare_member in this process take precedence over the kept schema.
+unsigned int store_load_schema(const std::vector<member_schema>& members, std::string* error);
+// The schema the current store keeps, ascending member id (empty when none).
+std::vector<member_schema> store_schema();
+
 // Failure codes of the host record store (each distinct, never 0).
 constexpr unsigned int STORE_NO_RECORD = 0xE1000001;     // no record with that id
 constexpr unsigned int STORE_BAD_CATEGORY = 0xE1000002;  // category 0 or not the record's
@@ -285,6 +315,7 @@ constexpr unsigned int STORE_BAD_ARG = 0xE1000008;       // null out-pointer or 
 constexpr unsigned int STORE_IO = 0xE1000009;           // persistent backend failed, or ids used up
 constexpr unsigned int STORE_ROLLED_BACK = 0xE100000A;  // the open transaction is rolled back
 constexpr unsigned int STORE_READ_ONLY = 0xE100000B;    // the store is open read-only
+constexpr unsigned int STORE_RANGE = 0xE100000C;        // value outside its declared range
 constexpr unsigned int STORE_INJECTED = 0xE100000F;     // default code of an injected failure
 
 // Backends. The in-memory store is the default. TEVASH_HOST_STORE=<file> in the
