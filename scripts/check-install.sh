@@ -105,7 +105,7 @@ host_api=$(sed -n '/^namespace tevhost {/,/^}  \/\/ namespace tevhost/p' \
     sort -u | paste -sd'|')
 [ -n "$host_api" ] || fail "no tevhost API found in the installed host headers"
 check_exports libtevash_host.so.1 TEVASH_HOST_1 \
-    "velmora::|tevhost::($host_api)(\\(|::)|Zof_|(tivZofSleep|tivGENTrcPrintf|put_lib_svccall_notify|gen_ipc_reply)\\("
+    "velmora::|tevhost::($host_api)(\\[abi:[a-z0-9]+\\])?(\\(|::)|Zof_|(tivZofSleep|tivGENTrcPrintf|put_lib_svccall_notify|gen_ipc_reply)\\("
 
 
 step "installed tevash"

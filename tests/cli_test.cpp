@@ -337,6 +337,12 @@ TEST_F(Cli, SchemaNamesKindsRangesAndInitialValues) {
          "\n",
          ""},
         {"set " + job + " speed 7", "", ""},
+        {"get " + job + " speed --explain",
+         "7\nwalk: the store calls the library made, in order\n"
+         "  get_job_category_by_id   handler 1  -> APLJOB\n"
+         "  get_current              handler 1  member 0x00360005 (speed)  -> ok\n"
+         "value from handler 1\n",
+         ""},
         {"set " + job + " copies 1000", "",
          "tevash: value 1000 is outside the range of member 0x00360000 (copies) (0..999)\n"},
         {"get " + job + " 0x00360002", "", "tevash: member 0x00360002 is not in the schema\n"},

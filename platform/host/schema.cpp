@@ -209,7 +209,7 @@ bool parse_member_schema(const std::string& text, std::vector<member_schema>* ou
         if (!doc.is_object()) throw refused{"a schema is a JSON object"};
         for (auto it = doc.begin(); it != doc.end(); ++it) {
             if (it.key() != "tevash_schema" && it.key() != "members") {
-                refuse(it.key(), "unknown key");
+                refuse(it.key(), "unknown key (a schema has \"tevash_schema\": 1 and \"members\")");
             }
         }
         if (!doc.contains("tevash_schema")) throw refused{"no \"tevash_schema\" version"};

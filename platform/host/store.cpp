@@ -130,11 +130,24 @@ void update_seams_on(store_state& s) {
     s.seams_on.store(s.logging || !s.failures.empty());
 }
 
-// Logs the call and returns the code of a failure armed for it, else 0.
-unsigned int enter(store_state& s, store_op op, unsigned int cmp_id) {
+// What a call names and where a lookup puts what it found, for the call log.
+struct call_args {
+    unsigned int handler_id = 0;
+    unsigned int member_id = 0;
+    const unsigned int* found = nullptr;
+};
+
+// Logs the call (*entry: its place in the log, else SIZE_MAX) and returns the
+// code of a failure armed for it, else 0.
+unsigned int enter(store_state& s, store_op op, unsigned int cmp_id, const call_args& args,
+                   size_t* entry) {
+    *entry = SIZE_MAX;
     if (!s.seams_on.load()) return 0;
     std::lock_guard<std::mutex> lock(s.seam_mtx);
-    if (s.logging) s.log.push_back(tevhost::store_call{op, cmp_id});
+    if (s.logging) {
+        *entry = s.log.size();
+        s.log.push_back(tevhost::store_call{op, cmp_id, args.handler_id, args.member_id});
+    }
     unsigned int code = 0;
     for (auto it = s.failures.begin(); it != s.failures.end();) {
         if (!it->any_op && it->op != op) {
@@ -168,14 +181,23 @@ bool only_reads(store_op op) {
 // Runs `body(backend)` after the seams, under the store's lock: shared for an
 // operation that only reads, exclusive for one that changes records.
 template <typename Body>
-unsigned int run(store_op op, unsigned int cmp_id, Body body) {
+unsigned int run(store_op op, unsigned int cmp_id, Body body, const call_args& args = {}) {
     store_state& s = state();
-    unsigned int injected = enter(s, op, cmp_id);
-    if (injected != 0) return injected;
-    call_lock lock(s, !only_reads(op));
-    unsigned int rc = 0;
-    store_backend* b = lock.backend(&rc);
-    return b == nullptr ? rc : body(*b);
+    size_t entry = SIZE_MAX;
+    unsigned int rc = enter(s, op, cmp_id, args, &entry);
+    if (rc == 0) {
+        call_lock lock(s, !only_reads(op));
+        store_backend* b = lock.backend(&rc);
+        if (b != nullptr) rc = body(*b);
+    }
+    if (entry != SIZE_MAX) {  // the call's outcome, unless the log was cleared meanwhile
+        std::lock_guard<std::mutex> lock(s.seam_mtx);
+        if (entry < s.log.size() && s.log[entry].op == op) {
+            s.log[entry].result = rc;
+            if (rc == 0 && args.found != nullptr) s.log[entry].found = *args.found;
+        }
+    }
+    return rc;
 }
 
 const member_decl* find_decl(store_state& s, unsigned int member_id) {
@@ -226,11 +248,14 @@ unsigned int set_typed(unsigned int cmp_id, unsigned int handler_id, unsigned in
     tevhost::put_le32(bytes, value);
     store_state& s = state();
     const unsigned int width = tevhost::member_width(kind);
-    return run(store_op::set_current, cmp_id, [&](store_backend& b) {
-        return write_declared(s, b, member_id, bytes, width, [&](const member_decl* d) {
-            return b.set(handler_id, member_id, d, bytes, width, kind, false);
-        });
-    });
+    return run(
+        store_op::set_current, cmp_id,
+        [&](store_backend& b) {
+            return write_declared(s, b, member_id, bytes, width, [&](const member_decl* d) {
+                return b.set(handler_id, member_id, d, bytes, width, kind, false);
+            });
+        },
+        call_args{handler_id, member_id});
 }
 
 }  // namespace
@@ -295,56 +320,75 @@ unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link(
     const unsigned int& cmp_id, const unsigned int& parent_category,
     const unsigned int& parent_handler_id, const unsigned int& child_category,
     const unsigned int& order, unsigned int* child_handler_id) {
-    return run(store_op::get_child_link, cmp_id, [&](store_backend& b) {
-        return child_handler_id == nullptr ? STORE_BAD_ARG
-                                           : b.child(parent_category, parent_handler_id,
-                                                     child_category, order, child_handler_id);
-    });
+    return run(
+        store_op::get_child_link, cmp_id,
+        [&](store_backend& b) {
+            return child_handler_id == nullptr ? STORE_BAD_ARG
+                                               : b.child(parent_category, parent_handler_id,
+                                                         child_category, order, child_handler_id);
+        },
+        call_args{parent_handler_id, 0, child_handler_id});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link_num(
     const unsigned int& cmp_id, const unsigned int& parent_category,
     const unsigned int& parent_handler_id, const unsigned int& child_category,
     unsigned int* count) {
-    return run(store_op::get_child_link_num, cmp_id, [&](store_backend& b) {
-        return count == nullptr
-                   ? STORE_BAD_ARG
-                   : b.child_count(parent_category, parent_handler_id, child_category, count);
-    });
+    return run(
+        store_op::get_child_link_num, cmp_id,
+        [&](store_backend& b) {
+            return count == nullptr
+                       ? STORE_BAD_ARG
+                       : b.child_count(parent_category, parent_handler_id, child_category, count);
+        },
+        call_args{parent_handler_id, 0, count});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link_direct(
     const unsigned int& cmp_id, const unsigned int& parent_handler_id, const unsigned int& order,
     unsigned int* child_handler_id) {
-    return run(store_op::get_child_link_direct, cmp_id, [&](store_backend& b) {
-        return child_handler_id == nullptr
-                   ? STORE_BAD_ARG
-                   : b.child_direct(parent_handler_id, order, child_handler_id);
-    });
+    return run(
+        store_op::get_child_link_direct, cmp_id,
+        [&](store_backend& b) {
+            return child_handler_id == nullptr
+                       ? STORE_BAD_ARG
+                       : b.child_direct(parent_handler_id, order, child_handler_id);
+        },
+        call_args{parent_handler_id, 0, child_handler_id});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_get_child_link_num_direct(
     const unsigned int& cmp_id, const unsigned int& parent_handler_id, unsigned int* count) {
-    return run(store_op::get_child_link_num_direct, cmp_id, [&](store_backend& b) {
-        return count == nullptr ? STORE_BAD_ARG : b.child_count_direct(parent_handler_id, count);
-    });
+    return run(
+        store_op::get_child_link_num_direct, cmp_id,
+        [&](store_backend& b) {
+            return count == nullptr ? STORE_BAD_ARG
+                                    : b.child_count_direct(parent_handler_id, count);
+        },
+        call_args{parent_handler_id, 0, count});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_get_parent_link(
     const unsigned int& cmp_id, const unsigned int& child_category,
     const unsigned int& child_handler_id, unsigned int* parent_handler_id) {
-    return run(store_op::get_parent_link, cmp_id, [&](store_backend& b) {
-        return parent_handler_id == nullptr
-                   ? STORE_BAD_ARG
-                   : b.parent(child_category, child_handler_id, parent_handler_id);
-    });
+    return run(
+        store_op::get_parent_link, cmp_id,
+        [&](store_backend& b) {
+            return parent_handler_id == nullptr
+                       ? STORE_BAD_ARG
+                       : b.parent(child_category, child_handler_id, parent_handler_id);
+        },
+        call_args{child_handler_id, 0, parent_handler_id});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_get_job_category_by_id(
     const unsigned int& cmp_id, const unsigned int& handler_id, unsigned int* category) {
-    return run(store_op::get_job_category_by_id, cmp_id, [&](store_backend& b) {
-        return category == nullptr ? STORE_BAD_ARG : b.category(handler_id, category);
-    });
+    return run(
+        store_op::get_job_category_by_id, cmp_id,
+        [&](store_backend& b) {
+            return category == nullptr ? STORE_BAD_ARG : b.category(handler_id, category);
+        },
+        call_args{handler_id, 0, category});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_get_current(const unsigned int& cmp_id,
@@ -352,12 +396,15 @@ unsigned int wud_wud_service_info::wud_wud_service_info_get_current(const unsign
                                                                     const unsigned int& member_id,
                                                                     void* value) {
     store_state& s = state();
-    return run(store_op::get_current, cmp_id, [&](store_backend& b) {
-        if (value == nullptr) return STORE_BAD_ARG;
-        return read_declared(s, b, member_id, [&](const member_decl* d) {
-            return b.get(handler_id, member_id, d, value);
-        });
-    });
+    return run(
+        store_op::get_current, cmp_id,
+        [&](store_backend& b) {
+            if (value == nullptr) return STORE_BAD_ARG;
+            return read_declared(s, b, member_id, [&](const member_decl* d) {
+                return b.get(handler_id, member_id, d, value);
+            });
+        },
+        call_args{handler_id, member_id});
 }
 
 unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsigned int& cmp_id,
@@ -412,13 +459,17 @@ unsigned int wud_wud_service_info::wud_wud_service_info_set_current(const unsign
                                                                     const unsigned int& member_id,
                                                                     void* value) {
     store_state& s = state();
-    return run(store_op::set_current, cmp_id, [&](store_backend& b) {
-        if (value == nullptr) return STORE_BAD_ARG;
-        const auto* bytes = static_cast<const unsigned char*>(value);
-        return write_declared(s, b, member_id, bytes, 0, [&](const member_decl* d) {
-            return b.set(handler_id, member_id, d, bytes, 0, tevhost::member_kind::bytes, false);
-        });
-    });
+    return run(
+        store_op::set_current, cmp_id,
+        [&](store_backend& b) {
+            if (value == nullptr) return STORE_BAD_ARG;
+            const auto* bytes = static_cast<const unsigned char*>(value);
+            return write_declared(s, b, member_id, bytes, 0, [&](const member_decl* d) {
+                return b.set(handler_id, member_id, d, bytes, 0, tevhost::member_kind::bytes,
+                             false);
+            });
+        },
+        call_args{handler_id, member_id});
 }
 
 }  // namespace velmora

@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "host/tev_host_testing.h"
 #include "tev_ash_control.h"
 #include "util.h"
 
@@ -28,6 +29,7 @@ struct member_options {
     std::string handler, member, type, value, order = "0", size;
     bool json = false;
     bool text = false;  // bytes as the characters of the value, not 0x-hex
+    bool explain = false;
 };
 
 // The member the user named, resolved to the handler that owns it.
@@ -108,9 +110,94 @@ unsigned int read_integer(const target& t, long long* v) {
     return velmora::TEV_ASH_RC_BAD_ARG;
 }
 
+// While alive, the record store logs its calls: the walk the library makes to
+// read a member. Shown with the value (or, when the read fails, on standard
+// error as the object goes).
+class walk_log {
+public:
+    explicit walk_log(bool on) : on_(on) {
+        if (on_) tevhost::store_log_begin();
+    }
+    ~walk_log() {
+        if (!on_) return;
+        finish();
+        if (!shown_) print(std::cerr);
+    }
+    walk_log(const walk_log&) = delete;
+    walk_log& operator=(const walk_log&) = delete;
+
+    // The store calls in order and the handler the value came from (the last
+    // record a member read succeeded on).
+    nlohmann::ordered_json json() {
+        finish();
+        nlohmann::ordered_json calls = nlohmann::ordered_json::array();
+        for (const auto& c : calls_) {
+            nlohmann::ordered_json call{{"call", tevhost::store_op_name(c.op)},
+                                        {"handler", c.handler_id}};
+            if (c.op == tevhost::store_op::get_current || c.op == tevhost::store_op::set_current)
+                call["member"] = hex32(c.member_id);
+            call["code"] = hex32(c.result);
+            if (c.result == 0 && found_is_handler(c.op)) call["found"] = c.found;
+            if (c.result == 0 && c.op == tevhost::store_op::get_job_category_by_id)
+                call["category"] = category_name(c.found);
+            calls.push_back(call);
+        }
+        return {{"calls", calls}, {"from", from()}};
+    }
+    void print(std::ostream& out) {
+        finish();
+        shown_ = true;
+        out << "walk: the store calls the library made, in order\n";
+        for (const auto& c : calls_) {
+            out << "  " << std::left << std::setw(24) << tevhost::store_op_name(c.op) << " handler "
+                << c.handler_id;
+            if (c.op == tevhost::store_op::get_current) out << "  " << member_label(c.member_id);
+            out << "  -> ";
+            if (c.result != 0) {
+                out << hex32(c.result);
+                if (const char* w = tevhost::host_code_text(c.result); *w != '\0')
+                    out << " (" << w << ")";
+            } else if (c.op == tevhost::store_op::get_job_category_by_id) {
+                out << category_name(c.found);
+            } else if (found_is_handler(c.op)) {
+                out << c.found;
+            } else {
+                out << "ok";
+            }
+            out << '\n';
+        }
+        if (from() != 0) out << "value from handler " << from() << '\n';
+    }
+    void shown() { shown_ = true; }
+
+private:
+    static bool found_is_handler(tevhost::store_op op) {
+        return op == tevhost::store_op::get_child_link ||
+               op == tevhost::store_op::get_child_link_direct ||
+               op == tevhost::store_op::get_parent_link;
+    }
+    void finish() {
+        if (ended_) return;
+        ended_ = true;
+        tevhost::store_log_end();
+        calls_ = tevhost::store_log();
+    }
+    unsigned int from() const {
+        unsigned int h = 0;
+        for (const auto& c : calls_)
+            if (c.op == tevhost::store_op::get_current && c.result == 0) h = c.handler_id;
+        return h;
+    }
+    bool on_;
+    bool ended_ = false;
+    bool shown_ = false;
+    std::vector<tevhost::store_call> calls_;
+};
+
 int run_get(context& ctx, const member_options& o) {
     target t;
     if (int rc = resolve(ctx, o, &t)) return rc;
+    walk_log walk(o.explain);
     if (!t.has_value)
         return context::fail(member_text(t) + " of handler " + std::to_string(t.owner) +
                              " has no value");
@@ -139,18 +226,23 @@ int run_get(context& ctx, const member_options& o) {
         if (rc != 0) return ctx.fail_code("cannot read " + member_text(t), rc);
         value = v;
     }
-    if (o.json)
-        std::cout << nlohmann::ordered_json{{"handler", t.handler},
-                                            {"member", hex32(t.member)},
-                                            {"kind", kind_name(t.type)},
-                                            {"size", t.info.size},
-                                            {"value", value},
-                                            {"order", t.order},
-                                            {"owner", t.owner}}
-                         .dump()
-                  << '\n';
-    else
+    if (o.json) {
+        nlohmann::ordered_json out{{"handler", t.handler},
+                                   {"member", hex32(t.member)},
+                                   {"kind", kind_name(t.type)},
+                                   {"size", t.info.size},
+                                   {"value", value},
+                                   {"order", t.order},
+                                   {"owner", t.owner}};
+        if (o.explain) {
+            out["walk"] = walk.json();
+            walk.shown();
+        }
+        std::cout << out.dump() << '\n';
+    } else {
         std::cout << (value.is_string() ? value.get<std::string>() : value.dump()) << '\n';
+        if (o.explain) walk.print(std::cout);
+    }
     return 0;
 }
 
@@ -346,6 +438,9 @@ void add_member_commands(CLI::App& app, context& ctx) {
     get->add_option("--order", g->order, "Child order for job-set members");
     get->add_option("--size", g->size, "Byte count for bytes (default: the member's size)");
     get->add_flag("--text", g->text, "Bytes as text (up to the first zero byte), not 0x-hex");
+    get->add_flag("--explain", g->explain,
+                  "Also the walk the library made: its store calls in order and the handler "
+                  "the value came from");
     get->add_flag("--json", g->json, "JSON output");
     run_with_system(get, ctx, READS, run_mode::store_only, [&ctx, g] { return run_get(ctx, *g); });
 

@@ -132,9 +132,15 @@ const char* store_op_name(store_op op);
 struct store_call {
     store_op op;
     unsigned int cmp_id;
+    unsigned int handler_id = 0;  // the record the call names (0 when none)
+    unsigned int member_id = 0;   // the member a member call names
+    unsigned int result = 0;      // what the call returned
+    unsigned int found = 0;       // on success, what a lookup gave: child,
+                                  // parent or category
 };
 
-// Call log: every store operation, in call order, while logging is on.
+// Call log: every store operation, in call order, while logging is on (this is
+// also what `tevash get --explain` shows of the library's walk).
 void store_log_begin();  // clears the log
 void store_log_end();
 std::vector<store_call> store_log();
