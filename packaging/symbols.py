@@ -54,8 +54,8 @@ def main(argv):
         sys.exit(__doc__.strip().splitlines()[2])
     package, version, dev_package = argv[:3]
     lines, bad = [], []
-    for spec in argv[3:]:
-        library, _, script = spec.partition(":")
+    for item in argv[3:]:
+        library, _, script = item.partition(":")
         node, patterns = read_script(script)
         used = set()
         soname = subprocess.run(["objdump", "-p", library], check=True, capture_output=True,
