@@ -273,10 +273,9 @@ TEST_F(Cli, EveryCommandSpeaksOneJsonVocabulary) {
 // Every command and option --help lists is in the man page (in that command's
 // entry) and in both completion scripts (on that command's line).
 TEST_F(Cli, HelpManPageAndCompletionAgree) {
-    const std::string here = __FILE__, bash = run("completion bash").out;
+    const std::string bash = run("completion bash").out;
     const std::string man =
-        std::regex_replace(file_text(here.substr(0, here.rfind("/tests/")) + "/doc/tevash.1"),
-                           std::regex(R"(\\-)"), "-");
+        std::regex_replace(file_text(TEVASH_MAN_PAGE), std::regex(R"(\\-)"), "-");
     const std::string zsh = run("completion zsh").out, top = run("--help").out;
     // The words of one section of a --help: "Subcommands:" names, "Options:" long names.
     const auto listed = [](const std::string& help, const std::string& section) {

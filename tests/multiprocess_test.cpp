@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -365,6 +366,34 @@ TEST_F(MultiProcess, StoppedDirectorIsAnsweredForAndCarriesOutNothingLate) {
     EXPECT_EQ(tevhost::HOST_OUTCOME_UNKNOWN, create(1, &id));
     EXPECT_TRUE(wait_for(extra_, "rolled back")) << tevtest::file_text(extra_.log);
     EXPECT_EQ(2u, tevhost::store_records().size());
+}
+
+// Creates that queue at a busy director are committed together. One whose
+// application gave up before that commit is rolled back, and only it: the
+// others are made again and kept, and each caller is told what became of its own.
+TEST_F(MultiProcess, CreatesCommittedTogetherKeepOnlyThoseStillAwaited) {
+    extra_ = director(1, {"TEVASH_TEST_DIRECTOR_HOLD=1500", "TEVASH_HOST_TRACE=stderr"});
+    use_shared_store();
+    unsigned int first = 0, kept = 0, first_rc = 1, kept_rc = 1;
+    std::thread held([&] { first_rc = create(1, &first); });
+    ASSERT_TRUE(wait_for(extra_, "holding create")) << tevtest::file_text(extra_.log);
+    // Queued behind it: a create whose application waits 4 s (it is made, then
+    // expires while the next one is held), then one whose application waits.
+    process impatient = start({"create", "APLJOB"}, {"TEVASH_HOST_IPC_TIMEOUT_MS=4000"}, false);
+    std::this_thread::sleep_for(500ms);
+    std::thread patient([&] { kept_rc = create(1, &kept); });
+    EXPECT_NE(0, impatient.child.wait());
+    EXPECT_NE(std::string::npos, tevtest::file_text(impatient.log).find("outcome is unknown"))
+        << tevtest::file_text(impatient.log);
+    held.join();
+    patient.join();
+    EXPECT_EQ(0u, first_rc);
+    EXPECT_EQ(0u, kept_rc);
+    EXPECT_TRUE(wait_for(extra_, "rolled back")) << tevtest::file_text(extra_.log);
+    const std::vector<tevhost::record_info> records = tevhost::store_records();
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ(std::min(first, kept), records[0].handler_id);
+    EXPECT_EQ(std::max(first, kept), records[1].handler_id);
 }
 
 // The service killed: nothing listens, applications and commands say so in

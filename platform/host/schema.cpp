@@ -27,26 +27,6 @@ namespace {
 
 using nlohmann::json;
 
-struct kind_limits {
-    const char* name;
-    member_kind kind;
-    long long lo, hi;
-};
-constexpr kind_limits KINDS[] = {{"i8", member_kind::i8, -128, 127},
-                                 {"u8", member_kind::u8, 0, 255},
-                                 {"i16", member_kind::i16, -32768, 32767},
-                                 {"u16", member_kind::u16, 0, 65535},
-                                 {"i32", member_kind::i32, -2147483648LL, 2147483647LL},
-                                 {"u32", member_kind::u32, 0, 4294967295LL},
-                                 {"bytes", member_kind::bytes, 0, 0}};
-
-const kind_limits& limits_of(member_kind kind) {
-    for (const kind_limits& k : KINDS) {
-        if (k.kind == kind) return k;
-    }
-    return KINDS[6];
-}
-
 struct refused {
     std::string why;
 };
@@ -122,8 +102,8 @@ member_schema member_of(const json& m, const std::string& where) {
     member_schema out;
     out.member_id = member_id_of(m["id"], where + ".id");
     const json& kind = m["kind"];
-    const kind_limits* k = nullptr;
-    for (const kind_limits& row : KINDS) {
+    const member_kind_info* k = nullptr;
+    for (const member_kind_info& row : MEMBER_KINDS) {
         if (kind.is_string() && kind.get<std::string>() == row.name) k = &row;
     }
     if (k == nullptr)
@@ -248,7 +228,7 @@ std::string member_schema_text(const std::vector<member_schema>& members) {
         std::snprintf(id, sizeof id, "0x%08X", m.member_id);
         j["id"] = id;
         if (!m.name.empty()) j["name"] = m.name;
-        j["kind"] = limits_of(m.kind).name;
+        j["kind"] = member_kind_of(m.kind).name;
         if (m.kind == member_kind::bytes) {
             j["size"] = m.size;
             j["initial"] = hex_text(m.initial);

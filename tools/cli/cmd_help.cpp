@@ -58,14 +58,30 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
-void write_bash(const CLI::App& app, std::ostream& out) {
-    const auto commands = commands_of(app);
-    const command_words top = words_of(app);
-    std::vector<std::string> names, valued = top.valued;
-    for (const auto& c : commands) {
-        names.push_back(c.name);
-        valued.insert(valued.end(), c.valued.begin(), c.valued.end());
+// What both completion scripts offer: the subcommands, the top-level words,
+// every subcommand's name, and every option that takes a value.
+struct completion_words {
+    std::vector<command_words> commands;
+    command_words top;
+    std::vector<std::string> names, valued;
+};
+
+completion_words completion_words_of(const CLI::App& app) {
+    completion_words w{commands_of(app), words_of(app), {}, {}};
+    w.valued = w.top.valued;
+    for (const auto& c : w.commands) {
+        w.names.push_back(c.name);
+        w.valued.insert(w.valued.end(), c.valued.begin(), c.valued.end());
     }
+    return w;
+}
+
+void write_bash(const CLI::App& app, std::ostream& out) {
+    const completion_words w = completion_words_of(app);
+    const auto& commands = w.commands;
+    const command_words& top = w.top;
+    const std::vector<std::string>& names = w.names;
+    const std::vector<std::string>& valued = w.valued;
     out << "# bash completion for tevash, made by `tevash completion bash`\n"
            "_tevash() {\n"
            "    local cur=\"${COMP_WORDS[COMP_CWORD]}\" prev=\"${COMP_WORDS[COMP_CWORD-1]}\"\n"
@@ -100,13 +116,11 @@ void write_bash(const CLI::App& app, std::ostream& out) {
 }
 
 void write_zsh(const CLI::App& app, std::ostream& out) {
-    const auto commands = commands_of(app);
-    const command_words top = words_of(app);
-    std::vector<std::string> names, valued = top.valued;
-    for (const auto& c : commands) {
-        names.push_back(c.name);
-        valued.insert(valued.end(), c.valued.begin(), c.valued.end());
-    }
+    const completion_words w = completion_words_of(app);
+    const auto& commands = w.commands;
+    const command_words& top = w.top;
+    const std::vector<std::string>& names = w.names;
+    const std::vector<std::string>& valued = w.valued;
     out << "#compdef tevash\n"
            "# zsh completion for tevash, made by `tevash completion zsh`\n"
            "_tevash() {\n"

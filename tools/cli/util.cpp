@@ -35,26 +35,6 @@ bool is_jobset_bit(long long bit) {
            (1u << bit) != TEV_ASH_CAT_DETACHED && (1u << bit) != TEV_ASH_CAT_SUBJOB;
 }
 
-// What the tool adds to the platform's member kinds: names and value ranges.
-struct kind_row {
-    const char* name;
-    member_kind kind;
-    long long lo, hi;
-};
-constexpr kind_row KINDS[] = {{"i8", member_kind::i8, -128, 127},
-                              {"u8", member_kind::u8, 0, 255},
-                              {"i16", member_kind::i16, -32768, 32767},
-                              {"u16", member_kind::u16, 0, 65535},
-                              {"i32", member_kind::i32, -2147483648LL, 2147483647LL},
-                              {"u32", member_kind::u32, 0, 4294967295LL},
-                              {"bytes", member_kind::bytes, 0, 0}};
-
-const kind_row& row_of(member_kind kind) {
-    for (const auto& r : KINDS)
-        if (r.kind == kind) return r;
-    return KINDS[6];
-}
-
 int hex_digit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -145,18 +125,18 @@ std::string category_token(unsigned int category) {
 }
 
 const char* kind_name(member_kind kind) {
-    return row_of(kind).name;
+    return tevhost::member_kind_of(kind).name;
 }
 
 bool parse_kind(const std::string& name, member_kind* out) {
-    for (const auto& r : KINDS)
+    for (const auto& r : tevhost::MEMBER_KINDS)
         if (name == r.name) return *out = r.kind, true;
     return false;
 }
 
 void kind_range(member_kind kind, long long* lo, long long* hi) {
-    *lo = row_of(kind).lo;
-    *hi = row_of(kind).hi;
+    *lo = tevhost::member_kind_of(kind).lo;
+    *hi = tevhost::member_kind_of(kind).hi;
 }
 
 long long decode_value(member_kind kind, const std::vector<unsigned char>& bytes) {

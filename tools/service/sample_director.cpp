@@ -1,5 +1,7 @@
 #include "sample_director.h"
 
+#include <time.h>
+
 #include <vector>
 
 #include "gen_ipc.h"
@@ -92,6 +94,91 @@ long sample_director::in_transaction(const char* function, Notify&& notify) {
     return static_cast<long>(txn.commit());
 }
 
+long sample_director::create_together(create_job& job) {
+    std::unique_lock<std::mutex> lock(creates_mutex_);
+    waiting_creates_.push_back(&job);
+    // Wait while another thread carries out creates: it wakes this one when it
+    // has carried out this create, or when it is done and this one is the
+    // first still waiting.
+    job.wake.wait(lock, [&] { return job.done || !creating_; });
+    if (job.done) return job.result;
+    // No thread is creating: this one carries out every create waiting, its
+    // own among them.
+    creating_ = true;
+    std::vector<create_job*> jobs;
+    jobs.swap(waiting_creates_);
+    lock.unlock();
+    run_creates(jobs);
+    lock.lock();
+    creating_ = false;
+    for (create_job* j : jobs) {
+        j->done = true;
+        if (j != &job) j->wake.notify_one();
+    }
+    if (!waiting_creates_.empty()) waiting_creates_.front()->wake.notify_one();
+    return job.result;
+}
+
+void sample_director::run_creates(std::vector<create_job*>& jobs) {
+    std::lock_guard<std::recursive_mutex> turn(turns_);
+    auto expired = [](const create_job* j) {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const long long us = static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+        return j->deadline_us != 0 && us >= j->deadline_us;
+    };
+    auto roll_back = [](create_job* j, bool stopping) {
+        tivGENTrcPrintf(
+            0xE200, 0x102, 0, "sample_director::notify_create,rolled back: %s\n",
+            stopping ? "the director is stopping" : "the handler service gave up on the request");
+        j->result = static_cast<long>(tevhost::STORE_ROLLED_BACK);
+        j->handler_id = 0;
+    };
+    std::vector<create_job*> todo = jobs;
+    while (!todo.empty()) {
+        tevhost::store_transaction txn;
+        const bool stopping = stopping_.load();
+        std::vector<create_job*> ran;
+        for (create_job* j : todo) {
+            j->result = 0;
+            j->handler_id = 0;
+            if (stopping || expired(j)) {
+                roll_back(j, stopping);  // not carried out: nothing to undo
+                continue;
+            }
+            notify_create(j->category, j->service_type, j->handler_id, j->src_handler_id,
+                          j->result);
+            if (j->result == 0) ran.push_back(j);  // a failed create changed nothing
+        }
+        // The records made are kept only when the director is not stopping and
+        // every create that made one is still awaited; otherwise this
+        // transaction rolls back, and the creates still awaited are made again
+        // in a new one.
+        const bool stop = stopping_.load();
+        std::vector<create_job*> awaited;
+        for (create_job* j : ran) {
+            if (stop || expired(j)) {
+                roll_back(j, stop);
+            } else {
+                awaited.push_back(j);
+            }
+        }
+        if (awaited.size() != ran.size()) {
+            todo = stop ? std::vector<create_job*>{} : awaited;
+            continue;
+        }
+        if (ran.empty()) return;
+        const unsigned int rc = txn.commit();
+        for (create_job* j : ran) {
+            if (rc != 0) {
+                j->result = static_cast<long>(rc);
+                j->handler_id = 0;
+            }
+        }
+        return;
+    }
+}
+
 void sample_director::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_len,
                                gen_ipc_msghdr sync_handle) {
     switch (func_id) {
@@ -101,13 +188,23 @@ void sample_director::dispatch(long func_id, char* rcvbuf, unsigned int rcvbuf_l
             if (!decode(rcvbuf, rcvbuf_len, &req)) {
                 rpl.rc = TEV_ASH_RC_BAD_ARG;
             } else {
-                unsigned int handler_id = 0;
-                const long result = in_transaction("notify_create", [&](long& r) {
-                    notify_create(static_cast<TEV_ASH_CATEGORY>(req.category),
-                                  static_cast<TEV_ASH_SERVICE_TYPE>(req.service_type), handler_id,
-                                  req.src_handler_id, r);
-                });
-                rpl.handler_id = result == 0 ? handler_id : 0;
+                create_job job;
+                job.category = static_cast<TEV_ASH_CATEGORY>(req.category);
+                job.service_type = static_cast<TEV_ASH_SERVICE_TYPE>(req.service_type);
+                job.src_handler_id = req.src_handler_id;
+                job.deadline_us = tevhost::request_deadline_us();
+                long result = 0;
+                if (tevhost::request_peer_pid() != 0) {
+                    // From another process: this thread holds no store transaction
+                    // of its own, so the create may join others.
+                    result = create_together(job);
+                } else {
+                    result = in_transaction("notify_create", [&](long& r) {
+                        notify_create(job.category, job.service_type, job.handler_id,
+                                      job.src_handler_id, r);
+                    });
+                }
+                rpl.handler_id = result == 0 ? job.handler_id : 0;
                 rpl.rc = static_cast<std::uint32_t>(result);
             }
             char buf[tev_ash_create_rpl::SIZE];

@@ -16,13 +16,23 @@
 // So a request the handler service gave up on (and answered as of unknown
 // outcome) is not carried out after all.
 //
+// Creates from other processes that arrive while the store is busy are carried
+// out together, in one store transaction (group commit): one thread makes the
+// records of every create waiting, commits them once, and each is answered
+// after that commit with its own result. A create that fails changes nothing
+// and does not hold the others back; when one has expired at commit, the
+// transaction is rolled back and the others are made again in a new one, so no
+// answer ever names a record that was not kept.
+//
 // start() makes the director reachable and registers it with the handler
 // service; stop() withdraws it. Notifications may run concurrently.
 #ifndef TEVASH_TOOLS_SAMPLE_DIRECTOR_H
 #define TEVASH_TOOLS_SAMPLE_DIRECTOR_H
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <vector>
 
 #include "tev_ash_observer.h"
 
@@ -76,6 +86,22 @@ private:
     template <typename Notify>
     long in_transaction(const char* function, Notify&& notify);
 
+    // A create waiting to be carried out with others (see above).
+    struct create_job {
+        velmora::TEV_ASH_CATEGORY category{};
+        velmora::TEV_ASH_SERVICE_TYPE service_type{};
+        unsigned int src_handler_id = 0;
+        long long deadline_us = 0;  // 0: none
+        unsigned int handler_id = 0;
+        long result = 0;
+        bool done = false;
+        std::condition_variable wake;  // its thread waits on it
+    };
+    // Carries out `job` with the creates waiting beside it; returns its result.
+    long create_together(create_job& job);
+    // Makes the records of `jobs` in store transactions until each has its answer.
+    void run_creates(std::vector<create_job*>& jobs);
+
     unsigned int cmp_id_;
     velmora::TEV_ASH_APP_TYPE app_type_{};
     bool started_ = false;
@@ -83,6 +109,11 @@ private:
     std::atomic<unsigned int> notifications_{0};
     // Held by the notification in its store transaction (again by one nested in it).
     std::recursive_mutex turns_;
+    // The creates waiting to be carried out together, and whether a thread is
+    // carrying out some now.
+    std::mutex creates_mutex_;
+    std::vector<create_job*> waiting_creates_;
+    bool creating_ = false;
 };
 
 }  // namespace tevash_tools

@@ -264,6 +264,29 @@ constexpr unsigned int member_width(member_kind kind, unsigned int byte_size = 0
     return 0;
 }
 
+// Each kind's name, as schema files and the tools write it, and for the integer
+// kinds the smallest and largest value it holds (0 and 0 for a byte string).
+struct member_kind_info {
+    const char* name;
+    member_kind kind;
+    long long lo, hi;
+};
+inline constexpr member_kind_info MEMBER_KINDS[] = {
+    {"i8", member_kind::i8, -128, 127},
+    {"u8", member_kind::u8, 0, 255},
+    {"i16", member_kind::i16, -32768, 32767},
+    {"u16", member_kind::u16, 0, 65535},
+    {"i32", member_kind::i32, -2147483648LL, 2147483647LL},
+    {"u32", member_kind::u32, 0, 4294967295LL},
+    {"bytes", member_kind::bytes, 0, 0}};
+// The row of MEMBER_KINDS for `kind`.
+constexpr const member_kind_info& member_kind_of(member_kind kind) {
+    for (const member_kind_info& k : MEMBER_KINDS) {
+        if (k.kind == kind) return k;
+    }
+    return MEMBER_KINDS[6];
+}
+
 // Declares a member: its kind, its size in bytes for `bytes` (ignored otherwise)
 // and its initial value (little-endian bytes; shorter is zero-padded, empty is
 // all zero). A member not declared takes the width of its first typed write; a
