@@ -84,9 +84,10 @@ if os.path.exists(sqlite_bench):
                          capture_output=True, text=True).stdout
     aggregates = [b for b in json.loads(out)["benchmarks"] if b.get("run_type") == "aggregate"]
     by = {(b["run_name"], b["aggregate_name"]): b["cpu_time"] for b in aggregates}
+    wall = {(b["run_name"], b["aggregate_name"]): b["real_time"] for b in aggregates}
     print()
     print(f"{'SQLite store: CPU ns/op':36} {'store':>9} {'raw':>9} {'ratio':>6}"
-          f" {'min':>6} {'max':>6}")
+          f" {'min':>6} {'max':>6} {'wall':>9} {'raw wall':>9} {'ratio':>6}")
     ops = ["member_read", "member_write", "create/", "create_and_link", "unlink", "copy",
            "child_by_order", "remove"]
     rank = lambda name: ([i for i, op in enumerate(ops) if "BM_sqlite_" + op in name + "/"] +
@@ -102,7 +103,10 @@ if os.path.exists(sqlite_bench):
         spread = (f" {lo[0] / lo[1]:6.2f} {hi[0] / hi[1]:6.2f}"
                   if None not in lo and None not in hi else "")
         label = name.replace("BM_sqlite_", "")
-        print(f"{label:36} {t:9.0f} {r:9.0f} {t / r:6.2f}{spread}" if r else f"{label:36} {t:9.0f}")
+        w, rw = wall[(name, "median")], wall.get((raw_name, "median"))
+        walls = f" {w:9.0f} {rw:9.0f} {w / rw:6.2f}" if rw else ""
+        print(f"{label:36} {t:9.0f} {r:9.0f} {t / r:6.2f}{spread}{walls}" if r
+              else f"{label:36} {t:9.0f}")
 
 # Scale of the record store (bench/scale_bench.cpp), when built beside the main
 # binary: cost per child of building, drawing and copying a job of 1k, 10k and

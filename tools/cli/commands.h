@@ -16,7 +16,8 @@ void add_tree_commands(CLI::App& app, context& ctx);      // tree
 void add_transfer_commands(CLI::App& app, context& ctx);  // export import backup
 void add_process_commands(CLI::App& app, context& ctx);   // serve director
 void add_check_commands(CLI::App& app, context& ctx);     // check
-void add_live_commands(CLI::App& app, context& ctx);      // status monitor watch
+void add_live_commands(CLI::App& app, context& ctx);      // status monitor
+void add_watch_command(CLI::App& app, context& ctx);      // watch
 // help, and the hidden completion: added last, they walk every command above.
 void add_help_commands(CLI::App& app, context& ctx);
 

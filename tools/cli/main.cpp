@@ -48,6 +48,7 @@ int main(int argc, char** argv) {
     add_process_commands(app, ctx);
     add_check_commands(app, ctx);
     add_live_commands(app, ctx);
+    add_watch_command(app, ctx);
     add_help_commands(app, ctx);
     // A connection name longer than the platform keeps is refused, not cut.
     for (CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
