@@ -91,7 +91,7 @@ bool write_records(unsigned int root, unsigned int count, int progress = -1) {
 // they were; no store is made through a dangling link.
 TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     const std::string text = dir_.path("notes.txt"), foreign = dir_.path("foreign.db");
-    const std::string older = dir_.path("v1.db"), newer = dir_.path("v4.db");
+    const std::string older = dir_.path("v1.db"), newer = dir_.path("v5.db");
     const std::string empty = dir_.path("empty.db"), dangling = dir_.path("dangling.db");
     std::ofstream(text) << "not a database at all, but long enough to look like one\n";
     std::ofstream{empty};
@@ -99,7 +99,7 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     ASSERT_THAT(raw_sql(foreign, "CREATE TABLE t(x); INSERT INTO t VALUES(5)"), ElementsAre());
     open();
     store_use_memory();  // closed: the file alone holds the store
-    for (const auto& [file, version] : {std::pair{older, "1"}, std::pair{newer, "4"}}) {
+    for (const auto& [file, version] : {std::pair{older, "1"}, std::pair{newer, "5"}}) {
         std::ofstream(file, std::ios::binary) << file_text(path());
         ASSERT_THAT(raw_sql(file, std::string("PRAGMA user_version = ") + version), ElementsAre());
     }
@@ -115,8 +115,8 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
         {foreign, store_access::read_only, "not a record store"},
         {older, store_access::read_write, "version 1 is not supported"},
         {older, store_access::read_only, "version 1 is not supported"},
-        {newer, store_access::read_write, "version 4 is not supported"},
-        {newer, store_access::read_only, "version 4 is not supported"},
+        {newer, store_access::read_write, "version 5 is not supported"},
+        {newer, store_access::read_only, "version 5 is not supported"},
     };
     for (const auto& [file, access, words] : cases) {
         std::string before = file_text(file), error;
@@ -132,7 +132,7 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     EXPECT_EQ(1u, store_records().size());
 }
 
-// A store of the previous version (built here as that release wrote it: next_id
+// A store of version 2 (built here as that release wrote it: next_id
 // the first id not handed out, every record indexed) reads as it is when opened
 // read-only, and is migrated when opened to write: records, order and members
 // stay, and no id it handed out is handed out again, nor the largest one after
@@ -170,7 +170,7 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
         EXPECT_EQ(7u, read_u32(4, 1));
         store_use_memory();
         EXPECT_THAT(raw_sql(path(), "PRAGMA user_version"),
-                    ElementsAre(access == store_access::read_only ? "2" : "3"));
+                    ElementsAre(access == store_access::read_only ? "2" : "4"));
     }
     EXPECT_THAT(raw_sql(path(), "SELECT count(*) FROM sqlite_master WHERE sql LIKE '%parent != 0'"),
                 ElementsAre("2"));
@@ -182,23 +182,59 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
     EXPECT_THAT(raw_sql(path(), "SELECT value FROM meta"), ElementsAre(std::to_string(made + 1)));
 }
 
-// A long list unlinked in a stride: its holes are counted in batches and
-// packed away, and every child by order stays right all along.
-TEST_F(FileStore, LongListsKeepTheirOrderThroughManyUnlinks) {
+// Lists with holes cross the small list limit both ways (packed, large, holes
+// counted in batches, packed small again, large again), and through a version 3
+// file (every list a row, as a large list's; no triggers), read as it is, then
+// migrated. Every child by order and count stays right all along.
+TEST_F(FileStore, ListsCrossTheSmallListLimitAndMigrate) {
     open();
     const unsigned int job = make(JOB);
     std::vector<unsigned int> model;
-    store_transaction txn;
-    for (int i = 0; i < 400; ++i) link(job, model.emplace_back(make(i % 3 ? SET_A : SET_B)));
-    for (unsigned int i = 0; i < 390; ++i) {
-        const auto at = model.begin() + (i * 97) % model.size();
-        ASSERT_EQ(0u, S::wud_wud_service_info_delete_link(CMP, category_of(*at), *at));
-        model.erase(at);
-        if (i % 40 == 0 || i > 380) {
-            ASSERT_EQ(model, children(job)) << i;
+    auto check = [&](const char* when, const char* large) {  // large: lists with a row
+        ASSERT_EQ(model, children(job)) << when;
+        for (unsigned int category : {SET_A, SET_B}) {
+            unsigned int n = 0, id = 0, order = 0;
+            EXPECT_EQ(0u, S::wud_wud_service_info_get_child_link_num(CMP, JOB, job, category, &n));
+            for (unsigned int want : model) {
+                if (category_of(want) != category) continue;
+                EXPECT_EQ(0u, S::wud_wud_service_info_get_child_link(CMP, JOB, job, category,
+                                                                     order++, &id));
+                EXPECT_EQ(want, id) << when << " category " << category;
+            }
+            EXPECT_EQ(order, n) << when << " category " << category;
         }
+        const char* const rows = "SELECT count(*) FROM lists WHERE top != 0";
+        EXPECT_THAT(raw_sql(path(), rows), ElementsAre(large)) << when;
+    };
+    auto step = [&](int links, unsigned int unlinks, const char* when, const char* large) {
+        store_transaction txn;
+        for (int i = 0; i < links; ++i) link(job, model.emplace_back(make(i % 2 ? SET_A : SET_B)));
+        for (unsigned int i = 0; i < unlinks; ++i) {
+            const auto at = model.begin() + (i * 97) % model.size();
+            ASSERT_EQ(0u, S::wud_wud_service_info_delete_link(CMP, category_of(*at), *at));
+            model.erase(at);
+        }
+        EXPECT_EQ(0u, txn.commit());
+        check(when, large);
+    };
+    step(400, 120, "small with holes", "0");
+    step(700, 200, "large with holes", "3");  // SET_A's and SET_B's under the limit in slots
+    store_use_memory();
+    ASSERT_THAT(raw_sql(path(),
+                        "DROP TRIGGER records_removed; DROP TRIGGER records_at_limit;"
+                        "DROP TRIGGER records_removed_parent; PRAGMA user_version = 3"),
+                ElementsAre());
+    for (store_access access : {store_access::read_only, store_access::read_write}) {
+        std::string error;
+        ASSERT_TRUE(store_use_file(path(), &error, access)) << error;
+        check("version 3", access == store_access::read_only ? "3" : "1");
+        store_use_memory();
+        EXPECT_THAT(raw_sql(path(), "PRAGMA user_version"),
+                    ElementsAre(access == store_access::read_only ? "3" : "4"));
     }
-    EXPECT_EQ(0u, txn.commit());
+    open();
+    step(0, 640, "packed small again", "0");
+    step(600, 0, "large again", "1");
 }
 
 // A writer killed at many points while it replaces a job's children inside

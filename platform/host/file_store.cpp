@@ -6,11 +6,13 @@
 // Every store operation is one transaction (BEGIN IMMEDIATE when it writes), or
 // one statement, which SQLite makes a transaction by itself: so a process killed
 // at any point leaves the file at the last committed operation. The common
-// operations are one statement each (a member read or write, a create, a child
-// by order on a list without holes); they fall back to several statements in a
-// transaction for the rest (a failure to explain, a list with holes). Several
+// operations are one statement each (a member read or write, a create, a link,
+// an unlink and a remove below small lists, a child by order of a small list or
+// of a large one without holes); they fall back to several statements in a
+// transaction for the rest (a failure to explain, a large list). Several
 // processes may share one file: the busy timeout makes a writer wait for
-// another's transaction. Out-values are written only after the transaction
+// another's transaction, and a one-statement fast path checks in that statement
+// that it applies. Out-values are written only after the transaction
 // committed. Inside a store transaction a call takes no savepoint: one whose
 // SQLite statements fail partway fails the whole transaction (sqlite_db.h).
 #include <cstring>
@@ -39,6 +41,7 @@ member_kind kind_of(long long stored) {
 struct list_state {
     order_state st;
     std::vector<unsigned long long> pending;
+    bool row = false;  // it has a row in lists (a large list's, or a mark)
 };
 
 struct record_row {
@@ -113,32 +116,35 @@ public:
     }
 
     unsigned int remove(unsigned int handler_id) override {
+        // The delete's trigger takes its members and lists, leaves its children
+        // unlinked and its id's mark (the largest id is never handed out
+        // again): one statement when its parent's lists are small. Taking it
+        // out of a large list needs a transaction (tried first after the last
+        // remove or unlink did).
+        if (!large_erased_) {
+            const unsigned int rc = fast_write(kRemoveSmall, handler_id, 0, 0, 0);
+            if (rc != kNotApplied) return rc;
+        }
         return write([&] {
             linked_row found;
             if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
-            const record_row& row = found.row;
             sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
-            if (row.parent != 0) erase(row, found.all, found.mine);
-            sql("DELETE FROM members WHERE record = ?").bind(1, handler_id).run();
-            sql("DELETE FROM lists WHERE parent = ?").bind(1, handler_id).run();
-            if (db_.changes() > 0) {  // it had children: they are left unlinked
-                sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0"
-                    " WHERE parent = ?1 AND parent != 0")
-                    .bind(1, handler_id)
-                    .run();
-                sql("DELETE FROM holes WHERE parent = ?").bind(1, handler_id).run();
-            }
-            // The largest id leaves its mark, so that it is never handed out again.
-            sql("UPDATE meta SET value = ?1 + 1 WHERE key = 'next_id' AND value <= ?1"
-                " AND NOT EXISTS(SELECT 1 FROM records WHERE id > ?1)")
-                .bind(1, handler_id)
-                .run();
+            if (found.row.parent != 0) erase(found.row, found.all, found.mine);
             return 0u;
         });
     }
 
     unsigned int set_link(unsigned int parent_category, unsigned int parent_handler_id,
                           unsigned int child_category, unsigned int child_handler_id) override {
+        // One statement when both lists stay small and no cycle can arise (the
+        // child has no children, or the parent no parent). The rest, and
+        // every refusal, in a transaction; straight away for the parent whose
+        // large list the last link met (likely to be met again).
+        if (parent_handler_id != large_parent_) {
+            const unsigned int rc = fast_write(kLinkSmall, parent_handler_id, child_handler_id,
+                                               parent_category, child_category);
+            if (rc != kNotApplied) return rc;
+        }
         return write([&] {
             // The parent, the child and the parent's two lists the child joins.
             record_row parent{0, 0, 0, 0}, child{0, 0, 0, 0};
@@ -156,9 +162,16 @@ public:
                 if (up.parent == child_handler_id) return STORE_CYCLE;
                 if (!find(up.parent, &up)) break;
             }
-            long long slot = 0, category_slot = 0;
-            append(parent_handler_id, child_category, all, mine, &slot, &category_slot);
-            sql("UPDATE records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
+            const long long slot = append(parent_handler_id, 0, all);
+            const long long category_slot = append(parent_handler_id, child_category, mine);
+            if (all.st.top != 0 && mine.st.top != 0) {
+                store_lists(parent_handler_id, child_category, mine, &all);
+            } else if (all.st.top != 0 || mine.st.top != 0) {
+                store_list(parent_handler_id, all.st.top != 0 ? 0 : child_category,
+                           all.st.top != 0 ? all : mine);
+            }
+            large_parent_ = all.st.top != 0 || mine.st.top != 0 ? parent_handler_id : 0;
+            sql("UPDATE OR FAIL records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
                 .bind(1, parent_handler_id)
                 .bind(2, slot)
                 .bind(3, category_slot)
@@ -169,14 +182,18 @@ public:
     }
 
     unsigned int delete_link(unsigned int category, unsigned int handler_id) override {
+        // One statement when the parent's lists are small; the rest, and every
+        // refusal, in a transaction (tried first as for remove).
+        if (!large_erased_) {
+            const unsigned int rc = fast_write(kUnlinkSmall, handler_id, category, 0, 0);
+            if (rc != kNotApplied) return rc;
+        }
         return write([&] {
             linked_row found;
             if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
             if (found.row.category != category) return STORE_BAD_CATEGORY;
             if (found.row.parent == 0) return STORE_NO_LINK;
-            sql("UPDATE records SET parent = 0, slot = 0, category_slot = 0 WHERE id = ?")
-                .bind(1, handler_id)
-                .run();
+            sql("UPDATE OR FAIL records SET parent = 0 WHERE id = ?").bind(1, handler_id).run();
             erase(found.row, found.all, found.mine);
             return 0u;
         });
@@ -376,24 +393,94 @@ private:
         "INSERT INTO members(record, member, value, kind) SELECT ?1, ?2, ?3, ?4 FROM records"
         " WHERE id = ?1 ON CONFLICT(record, member) DO UPDATE SET kind = excluded.kind,"
         " value = excluded.value WHERE length(members.value) IN (0, length(excluded.value))";
-    // The parent's category, the list's child count, whether the list has no
-    // holes, and the child at slot skipped + order + 1 (the child at `order`
-    // when it has none). ?1 parent, ?2 order, ?3 category.
+    // The child at `order` of a small list: ?1 parent, ?2 order, ?3 category.
+    static constexpr const char kSmallAll[] =
+        "SELECT id FROM records WHERE parent = ?1 AND parent != 0 ORDER BY slot LIMIT 1 OFFSET ?2";
+    static constexpr const char kSmallOf[] =
+        "SELECT id FROM records WHERE parent = ?1 AND parent != 0 AND category = ?3"
+        " ORDER BY category_slot LIMIT 1 OFFSET ?2";
+    // The parent's category, the large list's child count (null for a small
+    // list, which has no row or a mark), whether it has no holes, and the child at `order`: of a
+    // small list in an index scan, of a large one without holes at slot skipped + order + 1. ?1
+    // parent, ?2 order, ?3 category.
     static constexpr const char kChildAll[] =
-        "SELECT p.category, l.live, l.used = l.live + l.skipped,"
-        " (SELECT id FROM records WHERE parent = ?1 AND parent != 0"
-        "  AND slot = l.skipped + ?2 + 1)"
+        "SELECT p.category, CASE WHEN l.top != 0 THEN l.live END, l.used = l.live + l.skipped,"
+        " CASE WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE parent = ?1"
+        "  AND parent != 0 ORDER BY slot LIMIT 1 OFFSET ?2)"
+        " WHEN l.used = l.live + l.skipped THEN (SELECT id FROM records WHERE parent = ?1"
+        "  AND parent != 0 AND slot = l.skipped + ?2 + 1) END"
         " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = 0 WHERE p.id = ?1";
     static constexpr const char kChildOf[] =
-        "SELECT p.category, l.live, l.used = l.live + l.skipped,"
-        " (SELECT id FROM records WHERE parent = ?1 AND parent != 0 AND category = ?3"
-        "  AND category_slot = l.skipped + ?2 + 1)"
+        "SELECT p.category, CASE WHEN l.top != 0 THEN l.live END, l.used = l.live + l.skipped,"
+        " CASE WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE parent = ?1"
+        "  AND parent != 0 AND category = ?3 ORDER BY category_slot LIMIT 1 OFFSET ?2)"
+        " WHEN l.used = l.live + l.skipped THEN (SELECT id FROM records WHERE parent = ?1"
+        "  AND parent != 0 AND category = ?3 AND category_slot = l.skipped + ?2 + 1) END"
         " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = ?3 WHERE p.id = ?1";
+    // The parent's category and the child count (of a large list kept, of a
+    // small one counted). ?1 parent, ?2 category.
+    static constexpr const char kCountAll[] =
+        "SELECT category, coalesce((SELECT live FROM lists WHERE parent = ?1 AND category = 0"
+        " AND top != 0),"
+        " (SELECT count(*) FROM records WHERE parent = ?1 AND parent != 0)) FROM records"
+        " WHERE id = ?1";
+    static constexpr const char kCountOf[] =
+        "SELECT category, coalesce((SELECT live FROM lists WHERE parent = ?1 AND category = ?2"
+        " AND top != 0),"
+        " (SELECT count(*) FROM records WHERE parent = ?1 AND parent != 0 AND category = ?2))"
+        " FROM records WHERE id = ?1";
+    // The changes that are one statement when the parent's lists are small (it
+    // has no row in lists, not even a mark): each changes nothing unless it
+    // applies whole, and meets no constraint (OR FAIL: no statement journal in
+    // a transaction). A link: ?1 parent, ?2 child, ?3 parent category, ?4 child
+    // category; the child takes the slot after the last of each list (the
+    // trigger marks a list whose slot kSmallList it takes).
+    static constexpr const char kLinkSmall[] =
+        "UPDATE OR FAIL records SET parent = ?1,"
+        " slot = (SELECT coalesce(max(slot), 0) + 1 FROM records WHERE parent = ?1"
+        "  AND parent != 0),"
+        " category_slot = (SELECT coalesce(max(category_slot), 0) + 1 FROM records"
+        "  WHERE parent = ?1 AND parent != 0 AND category = ?4)"
+        " WHERE id = ?2 AND category = ?4 AND parent = 0 AND id != ?1"
+        " AND (SELECT p.category = ?3 AND (p.parent = 0 OR NOT EXISTS(SELECT 1 FROM records c"
+        "  WHERE c.parent = ?2 AND c.parent != 0)) FROM records p WHERE p.id = ?1)"
+        " AND NOT EXISTS(SELECT 1 FROM lists WHERE parent = ?1)";
+    // An unlink: ?1 the record, ?2 its category.
+    static constexpr const char kUnlinkSmall[] =
+        "UPDATE OR FAIL records SET parent = 0"
+        " WHERE id = ?1 AND category = ?2 AND parent != 0"
+        " AND NOT EXISTS(SELECT 1 FROM lists l WHERE l.parent = records.parent)";
+    // A remove: ?1 the record.
+    static constexpr const char kRemoveSmall[] =
+        "DELETE FROM records WHERE id = ?1 AND (parent = 0"
+        " OR NOT EXISTS(SELECT 1 FROM lists l WHERE l.parent = records.parent))";
+    static constexpr unsigned int kNotApplied = ~0u;
+
+    // Runs one of the statements above with integer arguments ?1 to ?4 (those
+    // it has); kNotApplied when it changed nothing.
+    unsigned int fast_write(const char* text, long long a1, long long a2, long long a3,
+                            long long a4) {
+        bool applied = false;
+        const unsigned int rc = db_.single(true, [&] {
+            query q = sql(text);
+            q.bind(1, a1);
+            if (text != kRemoveSmall) q.bind(2, a2);
+            if (text == kLinkSmall) q.bind(3, a3).bind(4, a4);
+            q.run();
+            applied = db_.changes() > 0;
+            return 0u;
+        });
+        return rc != 0 || applied ? rc : kNotApplied;
+    }
     // A record with id ?1 unless the file handed that id out already: a record
     // at or above it, or the mark a removed one left in meta.
     static constexpr const char kClaim[] =
         "INSERT INTO records(id, category) SELECT ?1, ?2"
         " WHERE ?1 > (SELECT coalesce(max(id), 0) FROM records)"
+        " AND ?1 >= (SELECT value FROM meta WHERE key = 'next_id')";
+    // Whether ?1 is an id the file has not handed out, as kClaim checks it.
+    static constexpr const char kFresh[] =
+        "SELECT ?1 > (SELECT coalesce(max(id), 0) FROM records)"
         " AND ?1 >= (SELECT value FROM meta WHERE key = 'next_id')";
 
     template <typename Body>
@@ -481,9 +568,13 @@ private:
             if (parent_category != nullptr && q.integer(0) != *parent_category) {
                 return STORE_BAD_CATEGORY;
             }
-            if (order >= q.count(1)) return STORE_NO_LINK;
-            holes = q.integer(2) == 0;
-            if (!holes && q.is_null(3)) throw db_failure{};
+            if (q.is_null(1)) {  // a small list
+                if (q.is_null(3)) return STORE_NO_LINK;
+            } else {
+                if (order >= q.count(1)) return STORE_NO_LINK;
+                holes = q.integer(2) == 0;
+                if (!holes && q.is_null(3)) throw db_failure{};
+            }
             found = static_cast<unsigned int>(q.integer(3));
             return 0u;
         });
@@ -495,6 +586,14 @@ private:
                     return STORE_BAD_CATEGORY;
                 }
                 const list_state list = load_list(parent_handler_id, category);
+                if (list.st.top == 0) {  // small since the first statement read it
+                    query q = category == 0 ? sql(kSmallAll) : sql(kSmallOf);
+                    q.bind(1, parent_handler_id).bind(2, order);
+                    if (category != 0) q.bind(3, category);
+                    if (!q.step()) return STORE_NO_LINK;
+                    found = static_cast<unsigned int>(q.integer(0));
+                    return 0u;
+                }
                 if (order >= list.st.live) return STORE_NO_LINK;
                 query q = category == 0
                               ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
@@ -518,10 +617,9 @@ private:
                           unsigned int category, unsigned int* count) {
         unsigned int n = 0;
         unsigned int rc = read_one([&] {
-            query q =
-                sql("SELECT category, (SELECT live FROM lists WHERE parent = ?1 AND category = ?2)"
-                    " FROM records WHERE id = ?1");
-            q.bind(1, parent_handler_id).bind(2, category);
+            query q = category == 0 ? sql(kCountAll) : sql(kCountOf);
+            q.bind(1, parent_handler_id);
+            if (category != 0) q.bind(2, category);
             if (!q.step()) return STORE_NO_RECORD;
             if (parent_category != nullptr && q.integer(0) != *parent_category) {
                 return STORE_BAD_CATEGORY;
@@ -548,6 +646,7 @@ private:
     // The list in columns first.. of q (an empty one when they are null).
     static list_state list_of(const query& q, int first) {
         list_state ls;
+        ls.row = !q.is_null(first);
         ls.st.used = q.count(first);
         ls.st.live = q.count(first + 1);
         ls.st.top = q.count(first + 2);
@@ -568,6 +667,9 @@ private:
             for (int k = 0; k < 8; ++k) out.push_back(static_cast<char>(slot >> (8 * k) & 0xFF));
         }
         return out;
+    }
+    void store_list(unsigned int parent, unsigned int category, const list_state& ls) {
+        store_lists(parent, category, ls, nullptr);
     }
     // Stores the two lists in one statement (`all` may be null).
     void store_lists(unsigned int parent, unsigned int category, const list_state& mine,
@@ -688,32 +790,85 @@ private:
         return static_cast<long long>(order_slot(ls.st, order, nodes));
     }
 
-    // Appends a child of `category` to the parent's lists: sets the slots it
-    // takes in the list of all children and in that of its category.
-    void append(unsigned int parent, unsigned int category, list_state& all, list_state& mine,
-                long long* slot, long long* category_slot) {
-        list_nodes all_nodes{*this, parent, 0}, mine_nodes{*this, parent, category};
-        *slot = static_cast<long long>(order_append(all.st, all_nodes));
-        *category_slot = static_cast<long long>(order_append(mine.st, mine_nodes));
-        store_lists(parent, category, mine, &all);
+    // The last slot (`last`), else the child count, of the parent's small list
+    // of `category` (0: all): an index seek, or a scan of the index.
+    unsigned long long small_count(unsigned int parent, unsigned int category, bool last) {
+        query q = category == 0
+                      ? (last ? sql("SELECT coalesce(max(slot), 0) FROM records"
+                                    " WHERE parent = ?1 AND parent != 0")
+                              : sql("SELECT count(*) FROM records"
+                                    " WHERE parent = ?1 AND parent != 0"))
+                      : (last ? sql("SELECT coalesce(max(category_slot), 0) FROM records"
+                                    " WHERE parent = ?1 AND parent != 0 AND category = ?2")
+                              : sql("SELECT count(*) FROM records WHERE parent = ?1"
+                                    " AND parent != 0 AND category = ?2"));
+        q.bind(1, parent);
+        if (category != 0) q.bind(2, category);
+        if (!q.step()) throw db_failure{};
+        return q.count(0);
     }
 
-    // Takes the child `row` out of its parent's lists `all` and `mine` (that of
-    // its category). REQUIRES: its record no longer lists it there.
+    // The slot a child appended to the parent's list of `category` (0: all)
+    // takes: after the last of a small list, unless that takes it past
+    // kSmallList; then the list is packed when it has holes, and is made large
+    // unless under half that many children remain. The caller stores a large
+    // list before it links the child's record.
+    long long append(unsigned int parent, unsigned int category, list_state& ls) {
+        order_state& st = ls.st;
+        if (st.top == 0) {
+            const unsigned long long last = small_count(parent, category, true);
+            const unsigned long long live =
+                last < kSmallList ? 0 : small_count(parent, category, false);
+            if (last >= kSmallList && last != live) pack(parent, category, live);
+            const unsigned long long next = last < kSmallList ? last + 1 : live + 1;
+            if (next <= kSmallList / 2 || last < kSmallList) {  // small still
+                if (ls.row) {  // its mark goes (the link marks it again at the limit)
+                    sql("DELETE FROM lists WHERE parent = ? AND category = ?")
+                        .bind(1, parent)
+                        .bind(2, category)
+                        .run();
+                }
+                return static_cast<long long>(next);
+            }
+            st = packed_order(live);
+        }
+        list_nodes nodes{*this, parent, category};
+        return static_cast<long long>(order_append(st, nodes));
+    }
+
+    // Takes the child `row` out of its parent's large lists `all` and `mine`
+    // (that of its category); a small list has nothing to change.
+    // REQUIRES: its record no longer lists it there.
     void erase(const record_row& row, list_state& all, list_state& mine) {
-        const bool all_kept = erase_from(row.parent, 0, row.slot, all);
-        const bool mine_kept = erase_from(row.parent, row.category, row.category_slot, mine);
+        large_erased_ = all.st.top != 0 || mine.st.top != 0;
+        const bool all_kept = all.st.top != 0 && erase_from(row.parent, 0, row.slot, all);
+        const bool mine_kept =
+            mine.st.top != 0 && erase_from(row.parent, row.category, row.category_slot, mine);
         if (all_kept && mine_kept) {
             store_lists(row.parent, row.category, mine, &all);
         } else if (all_kept || mine_kept) {
-            store_lists(row.parent, all_kept ? 0 : row.category, all_kept ? all : mine, nullptr);
+            store_list(row.parent, all_kept ? 0 : row.category, all_kept ? all : mine);
         }
     }
 
-    // Takes the child at `slot` out of the list `ls`; false when that was its
-    // last child (the list is gone).
+    // Takes the child at `slot` out of the large list `ls`; false when the
+    // list has no row any more (its last child left, or it is small again).
     bool erase_from(unsigned int parent, unsigned int category, long long slot, list_state& ls) {
-        if (ls.st.live <= 1) {
+        bool kept = ls.st.live > 1;
+        if (kept) {
+            erase_nodes nodes{{*this, parent, category}, 0};
+            order_erase(ls.st, static_cast<unsigned long long>(slot), nodes);
+            const unsigned long long holes = ls.st.used - ls.st.live;
+            if (holes >= kPackHoles && holes > 4 * ls.st.live) {
+                ls.st = pack(parent, category, ls.st.live);
+                ls.pending.clear();
+                kept = ls.st.live >= kSmallList / 2;
+            } else if (nodes.hole != 0) {
+                ls.pending.push_back(nodes.hole);
+                if (ls.pending.size() >= kPendingHoles) fold(parent, category, ls);
+            }
+        }
+        if (!kept) {
             sql("DELETE FROM lists WHERE parent = ? AND category = ?")
                 .bind(1, parent)
                 .bind(2, category)
@@ -722,19 +877,8 @@ private:
                 .bind(1, parent)
                 .bind(2, category)
                 .run();
-            return false;
         }
-        erase_nodes nodes{{*this, parent, category}, 0};
-        order_erase(ls.st, static_cast<unsigned long long>(slot), nodes);
-        const unsigned long long holes = ls.st.used - ls.st.live;
-        if (holes >= kPackHoles && holes > 4 * ls.st.live) {
-            ls.st = pack(parent, category, ls.st.live);
-            ls.pending.clear();
-        } else if (nodes.hole != 0) {
-            ls.pending.push_back(nodes.hole);
-            if (ls.pending.size() >= kPendingHoles) fold(parent, category, ls);
-        }
-        return true;
+        return kept;
     }
     // Renumbers the children in the list 1..live and drops its holes.
     order_state pack(unsigned int parent, unsigned int category, unsigned long long live) {
@@ -751,8 +895,8 @@ private:
         }
         if (ids.size() != live) throw db_failure{};
         for (std::size_t i = 0; i < ids.size(); ++i) {
-            (category == 0 ? sql("UPDATE records SET slot = ? WHERE id = ?")
-                           : sql("UPDATE records SET category_slot = ? WHERE id = ?"))
+            (category == 0 ? sql("UPDATE OR FAIL records SET slot = ? WHERE id = ?")
+                           : sql("UPDATE OR FAIL records SET category_slot = ? WHERE id = ?"))
                 .bind(1, static_cast<long long>(i + 1))
                 .bind(2, ids[i])
                 .run();
@@ -810,12 +954,24 @@ private:
     unsigned int claim(unsigned int category, unsigned int floor) {
         const unsigned int id = take_handler_id(floor);
         if (id == 0) return 0;
-        const bool known = hint_exact_ && db_.in_write_transaction();
-        (known ? sql("INSERT INTO records(id, category) VALUES(?1, ?2)") : sql(kClaim))
-            .bind(1, id)
-            .bind(2, category)
-            .run();
-        if (db_.changes() == 0) return 0;
+        if (!db_.in_write_transaction()) {
+            sql(kClaim).bind(1, id).bind(2, category).run();
+            if (db_.changes() == 0) return 0;
+        } else {
+            // No other process writes meanwhile: the check is a read of its own
+            // and the insert a plain one (an INSERT whose SELECT reads the table
+            // it inserts into copies its rows to a temporary table first).
+            if (!hint_exact_) {
+                query q = sql(kFresh);
+                q.bind(1, id);
+                if (!q.step()) throw db_failure{};
+                if (q.integer(0) == 0) return 0;
+            }
+            sql("INSERT INTO records(id, category) VALUES(?1, ?2)")
+                .bind(1, id)
+                .bind(2, category)
+                .run();
+        }
         next_hint_ = id + 1;
         hint_exact_ = db_.in_write_transaction();
         return id;
@@ -847,6 +1003,10 @@ private:
             .run();
     }
 
+    // The parent whose large list the last link met (0: none), and whether the
+    // last remove or unlink of a linked record took it out of a large list.
+    unsigned int large_parent_ = 0;
+    bool large_erased_ = false;
     // The id a create tries first: one past the last this backend made.
     unsigned int next_hint_ = 1;
     // Whether no other process can have made a record since (see claim).

@@ -10,25 +10,42 @@
 //                               raised only when the largest record goes)
 //   records(id, category, parent, slot, category_slot)
 //                               parent 0 when unlinked; slot orders a parent's
-//                               children, category_slot those of one category;
+//                               children, category_slot those of one category
+//                               (both left as they were by an unlink: they
+//                               mean nothing while parent is 0);
 //                               indexed for linked records only (a query on
 //                               them says `parent != 0` to use the indexes)
 //   lists(parent, category, used, live, top, skipped, head, pending)
-//                               one per parent with children (category 0) and
-//                               per category among them: its order_state, and
-//                               the slots of holes not counted in its nodes
-//                               yet (8-byte little-endian each, at most
-//                               kPendingHoles; an unlink adds one, and the
-//                               nodes take them all when that many gathered)
+//                               one per large list of a parent: that of all its
+//                               children (category 0) or of one category among
+//                               them. Its order_state, and the slots of holes
+//                               not counted in its nodes yet (8-byte
+//                               little-endian each, at most kPendingHoles; an
+//                               unlink adds one, and the nodes take them all
+//                               when that many gathered). A small list has no
+//                               row (the link indexes are all it keeps), or
+//                               one with top 0 once it took slot kSmallList
 //   holes(parent, category, node, count)
-//                               its nodes that count a hole (others are 0)
+//                               a large list's nodes that count a hole
 //   members(record, member, kind, value)
 //                               the stored bytes of one member (their length is
 //                               the member's width) and its member_kind
-// Link order is kept as link_order.h describes: the child at an order, a child
-// count and a parent each cost O(log n) index reads. A list is packed when its
-// holes are at least kPackHoles and more than four times its children (the
-// tree stays O(children) in size, a pack is amortised O(1) per hole).
+// A list is small while its slots stay within kSmallList: it keeps no row (a
+// trigger marks it when it takes that slot), so a link takes the slot after
+// the last one (an index seek), an unlink leaves a
+// hole that nothing counts, and the child at an order and the child count are
+// an index scan of at most kSmallList steps. A link, an unlink and a remove
+// below small lists are then one statement each, as a program would write them
+// against the records table alone (a trigger on records does a remove's own
+// work: its members and lists go, its children are left unlinked, its id's mark
+// is left). An append past kSmallList packs a small list that has holes and
+// makes it large, unless the pack left it under half that many children.
+// A large list is kept as link_order.h describes: the child at an order, a
+// child count and a parent each cost O(log n) index reads. It is packed when
+// its holes are at least kPackHoles and more than four times its children (the
+// tree stays O(children) in size, a pack is amortised O(1) per hole), and is
+// small again when a pack leaves it under half of kSmallList children, or when
+// its last child leaves.
 #ifndef TEVASH_HOST_FILE_STORE_H
 #define TEVASH_HOST_FILE_STORE_H
 
@@ -42,7 +59,10 @@
 namespace tevhost {
 namespace detail {
 
-constexpr int kSchemaVersion = 3;
+constexpr int kSchemaVersion = 4;
+// Version 3 kept a row and nodes for every list and had no triggers; it is
+// read as it is and migrated when opened for writing.
+constexpr int kPreviousSchemaVersion = 3;
 // Version 2 kept next_id as the first id not handed out, indexed every record
 // and counted every hole in its nodes (no lists.pending); it is read as it is
 // (kOldLists stands in for its lists) and migrated when opened for writing.
@@ -50,6 +70,35 @@ constexpr int kOldSchemaVersion = 2;
 constexpr int kApplicationId = 0x54455653;  // "TEVS"
 constexpr unsigned int kPendingHoles = 64;
 constexpr unsigned long long kPackHoles = 64;
+constexpr unsigned long long kSmallList = 512;
+
+// The triggers: what a remove leaves to them (the second only for a record
+// with children: its update makes a temporary table), and the mark a small
+// list gets when a link takes its slot kSmallList (a row with top 0 and all
+// counts 0: the next change to the parent's lists goes the full way). Their
+// statements never meet a constraint, and say OR FAIL where one could be
+// checked, so a change in a transaction needs no statement journal (an I/O
+// error rolls the whole transaction back).
+#define TEVASH_STORE_TRIGGERS                                                               \
+    "CREATE TRIGGER records_removed AFTER DELETE ON records BEGIN"                          \
+    " DELETE FROM members WHERE record = old.id;"                                           \
+    " DELETE FROM lists WHERE parent = old.id;"                                             \
+    " DELETE FROM holes WHERE parent = old.id;"                                             \
+    " UPDATE OR FAIL meta SET value = old.id + 1 WHERE key = 'next_id' AND value <= old.id" \
+    " AND NOT EXISTS(SELECT 1 FROM records WHERE id > old.id); END;"                        \
+    "CREATE TRIGGER records_removed_parent AFTER DELETE ON records"                         \
+    " WHEN EXISTS(SELECT 1 FROM records WHERE parent = old.id AND parent != 0) BEGIN"       \
+    " UPDATE OR FAIL records SET parent = 0"                                                \
+    " WHERE parent = old.id AND parent != 0; END;"                                          \
+    "CREATE TRIGGER records_at_limit AFTER UPDATE OF slot, category_slot ON records"        \
+    " WHEN new.slot = 512 OR new.category_slot = 512 BEGIN"                                 \
+    " INSERT INTO lists(parent, category, used, live, top, skipped, head)"                  \
+    " SELECT new.parent, 0, 0, 0, 0, 0, 0 WHERE new.slot = 512 AND NOT EXISTS(SELECT 1"     \
+    " FROM lists WHERE parent = new.parent AND category = 0);"                              \
+    " INSERT INTO lists(parent, category, used, live, top, skipped, head)"                  \
+    " SELECT new.parent, new.category, 0, 0, 0, 0, 0 WHERE new.category_slot = 512"         \
+    " AND NOT EXISTS(SELECT 1 FROM lists WHERE parent = new.parent"                         \
+    " AND category = new.category); END;"
 
 constexpr const char kCreateSchema[] =
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
@@ -68,7 +117,8 @@ constexpr const char kCreateSchema[] =
     " node INTEGER NOT NULL, count INTEGER NOT NULL,"
     " PRIMARY KEY(parent, category, node)) WITHOUT ROWID;"
     "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
-    " kind INTEGER NOT NULL, value BLOB NOT NULL, PRIMARY KEY(record, member)) WITHOUT ROWID;";
+    " kind INTEGER NOT NULL, value BLOB NOT NULL,"
+    " PRIMARY KEY(record, member)) WITHOUT ROWID;" TEVASH_STORE_TRIGGERS;
 
 // Makes a version 2 store a version 3 one (its next_id is a valid mark as it is).
 constexpr const char kMigrateFrom2[] =
@@ -78,6 +128,15 @@ constexpr const char kMigrateFrom2[] =
     "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"
     " WHERE parent != 0;"
     "PRAGMA user_version = 3;";
+// Makes a version 3 store a version 4 one: its lists of fewer than kSmallList
+// slots become small (their rows and nodes go), and the triggers are made.
+constexpr const char kMigrateFrom3[] =
+    "DELETE FROM holes WHERE (parent, category) IN"
+    " (SELECT parent, category FROM lists WHERE used < 512);"
+    "DELETE FROM lists WHERE used < 512;" TEVASH_STORE_TRIGGERS "PRAGMA user_version = 4;";
+static_assert(kSmallList == 512, "the triggers and kMigrateFrom3 name the small list limit");
+
+#undef TEVASH_STORE_TRIGGERS
 
 // Read-only on a version 2 file: its lists as this version's.
 constexpr const char kOldLists[] =

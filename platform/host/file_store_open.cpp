@@ -24,8 +24,8 @@ namespace {
 constexpr int kBusyTimeoutMs = 10000;
 
 // What an open database file is: a record store of this version, one of the
-// previous version (read as it is, migrated to write), an empty database that
-// may become one, something else that SQLite read (another application's
+// two versions before it (read as it is, migrated to write), an empty database
+// that may become one, something else that SQLite read (another application's
 // database, a record store of another version), or a file that could not be
 // read at all (not a database, or its log cannot be shared).
 enum class file_kind { ours, older, empty, foreign, unreadable };
@@ -44,7 +44,7 @@ file_kind classify(sqlite3* db, std::string* error) {
         *error = "not a record store file";
         return file_kind::foreign;
     }
-    if (version == kOldSchemaVersion) return file_kind::older;
+    if (version == kOldSchemaVersion || version == kPreviousSchemaVersion) return file_kind::older;
     if (version != kSchemaVersion) {
         *error = "record store version " + std::to_string(version) + " is not supported (this is " +
                  std::to_string(kSchemaVersion) + ")";
@@ -53,13 +53,15 @@ file_kind classify(sqlite3* db, std::string* error) {
     return file_kind::ours;
 }
 
-// Makes the previous version's store on `db` one of this version, in one
+// Makes an older version's store on `db` one of this version, in one
 // transaction; another process may have done so first.
 bool migrate(sqlite3* db, std::string* error) {
     long long version = 0;
     if (!exec(db, "BEGIN IMMEDIATE", error)) return false;
     const bool ok = pragma_int(db, "PRAGMA user_version", &version) &&
                     (version != kOldSchemaVersion || exec(db, kMigrateFrom2, error)) &&
+                    ((version != kOldSchemaVersion && version != kPreviousSchemaVersion) ||
+                     exec(db, kMigrateFrom3, error)) &&
                     exec(db, "COMMIT", error);
     if (!ok) {
         if (error->empty()) *error = sqlite3_errmsg(db);
@@ -69,7 +71,8 @@ bool migrate(sqlite3* db, std::string* error) {
 }
 
 // Readies an open connection to an existing file, which must be a record store
-// of this version or the previous one (nothing is written to any other file).
+// of this version or an older one, which it migrates (nothing is written to any
+// other file).
 bool prepare_file(sqlite3* db, std::string* error) {
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
@@ -176,8 +179,10 @@ std::unique_ptr<store_backend> open_read_only(const std::string& path, std::stri
             sqlite3_extended_result_codes(db, 1);
             sqlite3_busy_timeout(db, kBusyTimeoutMs);
             kind = classify(db, error);
+            long long version = 0;
             if (kind == file_kind::ours ||
-                (kind == file_kind::older && exec(db, kOldLists, error))) {
+                (kind == file_kind::older && pragma_int(db, "PRAGMA user_version", &version) &&
+                 (version != kOldSchemaVersion || exec(db, kOldLists, error)))) {
                 return file_backend_on(db, true);
             }
             if (kind == file_kind::empty) *error = "not a record store file";
