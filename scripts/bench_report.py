@@ -117,7 +117,7 @@ scale = os.path.join(os.path.dirname(binary), "tevash_scale_bench")
 if os.path.exists(scale):
     out = subprocess.run([scale, "--benchmark_format=json"], check=True, capture_output=True,
                          text=True).stdout
-    rows = {}
+    rows, walls = {}, {}
     for b in json.loads(out)["benchmarks"]:
         if b.get("aggregate_name") != "median":
             continue
@@ -127,14 +127,20 @@ if os.path.exists(scale):
         if len(parts) > 3 and parts[3].startswith("deep:"):  # the shape rows: wide or deep
             op += " deep" if parts[3].endswith(":1") else " wide"
         key = (op, "file" if file_arg.endswith(":1") else "memory")
-        rows.setdefault(key, {})[int(children.split(":")[1])] = b["per_child"] * 1e6
-    print()
-    print(f"{'scale: us per child':28} {'1k':>10} {'10k':>10} {'100k':>10} {'100k/1k':>8}")
-    for (op, store_kind), by_n in sorted(rows.items()):
-        cells = [by_n.get(n) for n in (1000, 10000, 100000)]
-        text = " ".join(f"{c:10.3f}" if c is not None else f"{'':>10}" for c in cells)
-        ratio = f"{cells[2] / cells[0]:8.2f}" if cells[0] and cells[2] else ""
-        print(f"{op + ', ' + store_kind:28} {text} {ratio}")
+        n = int(children.split(":")[1])
+        rows.setdefault(key, {})[n] = b["per_child"] * 1e6
+        # Wall time of the whole operation (in the benchmark's unit, ms) per child.
+        scale_ms = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[b.get("time_unit", "ms")]
+        walls.setdefault(key, {})[n] = b["real_time"] * scale_ms * 1e3 / n
+    for title, table in (("scale: us of CPU per child", rows), ("scale: us of wall per child",
+                                                                 walls)):
+        print()
+        print(f"{title:28} {'1k':>10} {'10k':>10} {'100k':>10} {'100k/1k':>8}")
+        for (op, store_kind), by_n in sorted(table.items()):
+            cells = [by_n.get(n) for n in (1000, 10000, 100000)]
+            text = " ".join(f"{c:10.3f}" if c is not None else f"{'':>10}" for c in cells)
+            ratio = f"{cells[2] / cells[0]:8.2f}" if cells[0] and cells[2] else ""
+            print(f"{op + ', ' + store_kind:28} {text} {ratio}")
 
 # Monitoring and watching (bench/live_bench.cpp), when built beside the main
 # binary: a create through the service and a member write to the shared store,
