@@ -343,27 +343,13 @@ void handler_service::remove_observer(const char* req, unsigned int len,
         return;
     }
     const long obj_id = tev_ash_wire::object_id_from_wire(request.observer);
-    unsigned int registrations = 0;
-    {
-        std::lock_guard<std::mutex> lock(directors_mtx_);
-        for (auto it = directors_.begin(); it != directors_.end();) {
-            if (it->second.obj_id == obj_id) {
-                it = directors_.erase(it);
-                ++registrations;
-            } else {
-                ++it;
-            }
-        }
-    }
-    // A director withdraws every registration of its observer at once; each
-    // application type it registered for holds its own proxy, withdrawn once.
-    // An observer this service does not know is still asked for, so that the
-    // director manager gives its own answer.
-    tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
-    unsigned int ret = manager->remove_observer(obj_id);
-    for (unsigned int i = 1; i < registrations && ret == TEV_ASH_RC_OK; ++i) {
-        ret = manager->remove_observer(obj_id);
-    }
+    int pid = tevhost::request_peer_pid();
+    if (pid == 0) pid = static_cast<int>(::getpid());
+    // A director withdraws every registration of its observer at once (those
+    // its process made). An observer this service does not know is still asked
+    // for, so that the director manager gives its own answer.
+    const unsigned int ret =
+        take_out(obj_id, [pid](const director_entry& e) { return e.pid == pid; });
     reply_ctrl_ret(hdr, TEV_ASH_FUNC_REMOVE_OBSERVER, ret);
 }
 
@@ -417,23 +403,51 @@ void handler_service::reset(const char* req, unsigned int len, const gen_ipc_msg
     reply_result(hdr, rc);
 }
 
-unsigned int handler_service::withdraw(const director_entry& gone, const char* why) {
-    unsigned int registrations = 0;
+template <typename Leaving>
+unsigned int handler_service::take_out(long obj_id, Leaving&& leaving, unsigned int* taken) {
+    std::vector<std::pair<TEV_ASH_APP_TYPE, director_entry>> staying;
+    unsigned int left = 0;
     {
         std::lock_guard<std::mutex> lock(directors_mtx_);
         for (auto it = directors_.begin(); it != directors_.end();) {
-            if (it->second.same_director(gone) &&
-                (!gone.health || it->second.health == gone.health)) {
+            if (it->second.obj_id != obj_id) {
+                ++it;
+            } else if (leaving(it->second)) {
                 it = directors_.erase(it);
-                ++registrations;
+                ++left;
             } else {
+                staying.emplace_back(it->first, it->second);
                 ++it;
             }
         }
     }
-    // Each registration holds its own proxy; the manager takes one per call.
+    if (taken != nullptr) *taken = left;
+    // The manager knows a director by its object id alone, and the ids of two
+    // processes' directors (the low 32 bits of their addresses) may agree: it
+    // takes out every registration of the id, one per call, and those of the
+    // directors that stay are made again.
     tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
-    for (unsigned int i = 0; i < registrations; ++i) manager->remove_observer(gone.obj_id);
+    unsigned int ret =
+        left == 0 && staying.empty() ? manager->remove_observer(obj_id) : TEV_ASH_RC_OK;
+    for (std::size_t i = 0; i < left + staying.size(); ++i) {
+        const unsigned int rc = manager->remove_observer(obj_id);
+        if (i == 0) ret = rc;
+    }
+    for (const auto& kept : staying) {
+        auto* proxy = new director_proxy(kept.second, &monitor_, kept.first);
+        if (manager->add_observer(kept.first, proxy) != TEV_ASH_RC_OK) delete proxy;
+    }
+    return ret;
+}
+
+unsigned int handler_service::withdraw(const director_entry& gone, const char* why) {
+    unsigned int registrations = 0;
+    take_out(
+        gone.obj_id,
+        [&gone](const director_entry& e) {
+            return e.same_director(gone) && (!gone.health || e.health == gone.health);
+        },
+        &registrations);
     if (registrations != 0) {
         tivGENTrcPrintf(0xE200, 0x102, 0,
                         "handler_service::withdraw,director \"%s\" object %#x %s: %u "

@@ -212,6 +212,11 @@ private:
     // threads found it gone, with a trace line giving `why`. Returns how many
     // there were.
     unsigned int withdraw(const director_entry& gone, const char* why);
+    // Takes the registrations of `obj_id` that `leaving(entry)` picks out of the
+    // service and the director manager, and no other; returns the manager's
+    // answer to the first removal, *taken the number taken out.
+    template <typename Leaving>
+    unsigned int take_out(long obj_id, Leaving&& leaving, unsigned int* taken = nullptr);
     // Withdraws the director that a proxy found gone while this thread routed a
     // request, if any.
     void withdraw_gone_director();
