@@ -12,9 +12,11 @@
 #include <fstream>
 #include <future>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,6 +25,7 @@
 #include "processes.h"
 #include "tev_ash_facade.h"
 #include "tev_ash_handler_facade.h"
+#include "tev_ash_messages.h"
 #include "tev_ash_observer_impl.h"
 #include "tev_test_support.h"
 #include "vlq_mc_client.h"
@@ -394,6 +397,36 @@ TEST_F(MultiProcess, CreatesCommittedTogetherKeepOnlyThoseStillAwaited) {
     ASSERT_EQ(2u, records.size());
     EXPECT_EQ(std::min(first, kept), records[0].handler_id);
     EXPECT_EQ(std::max(first, kept), records[1].handler_id);
+}
+
+// A director's object id is the low 32 bits of its address, so two processes'
+// directors may share one. A process withdrawing its observer takes out its own
+// registration only: the other process's director goes on being served.
+TEST_F(MultiProcess, AWithdrawalTakesOutOnlyTheWithdrawingProcesssRegistration) {
+    extra_ = director(3);
+    std::smatch m;
+    const std::string status = run({"status", "--json"}).second;
+    ASSERT_TRUE(std::regex_search(status, m, std::regex(R"("object_id":(-?\d+))"))) << status;
+    char add[tev_ash_add_observer_req::SIZE], remove[tev_ash_remove_observer_req::SIZE];
+    tev_ash_add_observer_req a;
+    a.app_type = 9;
+    a.observer = static_cast<std::int32_t>(std::stol(m[1]));
+    tev_ash_wire::put_name(a.connection_name, "TEV_ASH_DIR9");
+    encode(a, add);
+    encode(tev_ash_remove_observer_req{a.observer}, remove);
+    vlq_mc_client client;
+    for (auto [func, request, size] :
+         {std::make_tuple(TEV_ASH_FUNC_ADD_OBSERVER, add, sizeof add),
+          std::make_tuple(TEV_ASH_FUNC_REMOVE_OBSERVER, remove, sizeof remove)}) {
+        char reply[64] = {};
+        unsigned int len = sizeof reply;
+        ASSERT_EQ(0, client.vlq_mc_send_sync_message(TEV_ASH_SRV_OBJ_ID, func, request, size, reply,
+                                                     &len, TEV_ASH_SRV_NAME));
+        EXPECT_EQ(0u, tev_ash_wire::get_u32(reply)) << func;
+    }
+    unsigned int id = 0;
+    EXPECT_EQ(NO_OBSERVER, create(9, &id));
+    EXPECT_EQ(0u, create(3, &id));
 }
 
 // The service killed: nothing listens, applications and commands say so in
