@@ -427,9 +427,11 @@ unsigned int handler_service::take_out(long obj_id, Leaving&& leaving, unsigned 
     // takes out every registration of the id, one per call, and those of the
     // directors that stay are made again.
     tev_ash_director_manager* manager = tev_ash_director_manager::get_instance();
-    unsigned int ret =
-        left == 0 && staying.empty() ? manager->remove_observer(obj_id) : TEV_ASH_RC_OK;
-    for (std::size_t i = 0; i < left + staying.size(); ++i) {
+    // An id the service does not know is still asked for once, so that the
+    // manager gives its own answer.
+    unsigned int ret = TEV_ASH_RC_OK;
+    const std::size_t removals = std::max<std::size_t>(1, left + staying.size());
+    for (std::size_t i = 0; i < removals; ++i) {
         const unsigned int rc = manager->remove_observer(obj_id);
         if (i == 0) ret = rc;
     }

@@ -119,7 +119,7 @@ long sample_director::create_together(create_job& job) {
     return job.result;
 }
 
-void sample_director::run_creates(std::vector<create_job*>& jobs) {
+void sample_director::run_creates(const std::vector<create_job*>& jobs) {
     std::lock_guard<std::recursive_mutex> turn(turns_);
     auto expired = [](const create_job* j) {
         timespec now{};

@@ -100,7 +100,7 @@ private:
     // Carries out `job` with the creates waiting beside it; returns its result.
     long create_together(create_job& job);
     // Makes the records of `jobs` in store transactions until each has its answer.
-    void run_creates(std::vector<create_job*>& jobs);
+    void run_creates(const std::vector<create_job*>& jobs);
 
     unsigned int cmp_id_;
     velmora::TEV_ASH_APP_TYPE app_type_{};
