@@ -91,7 +91,7 @@ bool write_records(unsigned int root, unsigned int count, int progress = -1) {
 // they were; no store is made through a dangling link.
 TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     const std::string text = dir_.path("notes.txt"), foreign = dir_.path("foreign.db");
-    const std::string older = dir_.path("v1.db"), newer = dir_.path("v5.db");
+    const std::string older = dir_.path("v1.db"), newer = dir_.path("v6.db");
     const std::string empty = dir_.path("empty.db"), dangling = dir_.path("dangling.db");
     std::ofstream(text) << "not a database at all, but long enough to look like one\n";
     std::ofstream{empty};
@@ -99,7 +99,7 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
     ASSERT_THAT(raw_sql(foreign, "CREATE TABLE t(x); INSERT INTO t VALUES(5)"), ElementsAre());
     open();
     store_use_memory();  // closed: the file alone holds the store
-    for (const auto& [file, version] : {std::pair{older, "1"}, std::pair{newer, "5"}}) {
+    for (const auto& [file, version] : {std::pair{older, "1"}, std::pair{newer, "6"}}) {
         std::ofstream(file, std::ios::binary) << file_text(path());
         ASSERT_THAT(raw_sql(file, std::string("PRAGMA user_version = ") + version), ElementsAre());
     }
@@ -115,8 +115,8 @@ TEST_F(FileStore, FilesThatAreNotRecordStoresAreRefusedUntouched) {
         {foreign, store_access::read_only, "not a record store"},
         {older, store_access::read_write, "version 1 is not supported"},
         {older, store_access::read_only, "version 1 is not supported"},
-        {newer, store_access::read_write, "version 5 is not supported"},
-        {newer, store_access::read_only, "version 5 is not supported"},
+        {newer, store_access::read_write, "version 6 is not supported"},
+        {newer, store_access::read_only, "version 6 is not supported"},
     };
     for (const auto& [file, access, words] : cases) {
         std::string before = file_text(file), error;
@@ -170,10 +170,11 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
         EXPECT_EQ(7u, read_u32(4, 1));
         store_use_memory();
         EXPECT_THAT(raw_sql(path(), "PRAGMA user_version"),
-                    ElementsAre(access == store_access::read_only ? "2" : "4"));
+                    ElementsAre(access == store_access::read_only ? "2" : "5"));
     }
-    EXPECT_THAT(raw_sql(path(), "SELECT count(*) FROM sqlite_master WHERE sql LIKE '%parent != 0'"),
-                ElementsAre("2"));
+    EXPECT_THAT(
+        raw_sql(path(), "SELECT count(*) FROM sqlite_master WHERE sql LIKE '%WHERE % != 0'"),
+        ElementsAre("2"));
     open();
     const unsigned int made = make(SET_B);
     EXPECT_GE(made, 90000u);
@@ -183,9 +184,9 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
 }
 
 // Lists with holes cross the small list limit both ways (packed, large, holes
-// counted in batches, packed small again, large again), and through a version 3
-// file (every list a row, as a large list's; no triggers), read as it is, then
-// migrated. Every child by order and count stays right all along.
+// counted in batches, packed small again, large again), and through version 4
+// and 3 files, read as they are, then migrated. Every child by order and count
+// stays right all along.
 TEST_F(FileStore, ListsCrossTheSmallListLimitAndMigrate) {
     open();
     const unsigned int job = make(JOB);
@@ -217,23 +218,39 @@ TEST_F(FileStore, ListsCrossTheSmallListLimitAndMigrate) {
         EXPECT_EQ(0u, txn.commit());
         check(when, large);
     };
-    step(400, 120, "small with holes", "0");
-    step(700, 200, "large with holes", "3");  // SET_A's and SET_B's under the limit in slots
-    store_use_memory();
-    ASSERT_THAT(raw_sql(path(),
-                        "DROP TRIGGER records_removed; DROP TRIGGER records_at_limit;"
-                        "DROP TRIGGER records_removed_parent; PRAGMA user_version = 3"),
-                ElementsAre());
-    for (store_access access : {store_access::read_only, store_access::read_write}) {
-        std::string error;
-        ASSERT_TRUE(store_use_file(path(), &error, access)) << error;
-        check("version 3", access == store_access::read_only ? "3" : "1");
+    // A file as an older release left it, read as it is, then migrated.
+    auto as_version = [&](const char* version, const char* change, const char* large_read,
+                          const char* large_migrated) {
         store_use_memory();
-        EXPECT_THAT(raw_sql(path(), "PRAGMA user_version"),
-                    ElementsAre(access == store_access::read_only ? "3" : "4"));
-    }
-    open();
-    step(0, 640, "packed small again", "0");
+        ASSERT_THAT(raw_sql(path(), std::string("DROP TRIGGER records_removed;"
+                                                "DROP TRIGGER records_removed_parent;") +
+                                        change + "PRAGMA user_version = " + version),
+                    ElementsAre());
+        for (store_access access : {store_access::read_only, store_access::read_write}) {
+            std::string error;
+            ASSERT_TRUE(store_use_file(path(), &error, access)) << error;
+            const bool read = access == store_access::read_only;
+            check(version, read ? large_read : large_migrated);
+            store_use_memory();
+            EXPECT_THAT(raw_sql(path(), "PRAGMA user_version"), ElementsAre(read ? version : "5"));
+        }
+        open();
+    };
+    step(400, 120, "small with holes", "0");
+    EXPECT_THAT(raw_sql(path(), "SELECT count(*) FROM records WHERE category_slot != 0"),
+                ElementsAre("0"));
+    // Version 4 numbered every linked child in its category.
+    as_version("4",
+               "UPDATE records SET category_slot = (SELECT count(*) FROM records s"
+               " WHERE s.parent = records.parent AND s.category = records.category"
+               " AND s.slot <= records.slot) WHERE parent != 0;",
+               "0", "0");
+    EXPECT_THAT(raw_sql(path(), "SELECT count(*) FROM records WHERE category_slot != 0"),
+                ElementsAre("0"));
+    step(1000, 200, "large with holes", "3");
+    // Version 3 kept a row for every list; its small ones go when migrated.
+    as_version("3", "", "3", "3");
+    step(0, 900, "packed small again", "0");
     step(600, 0, "large again", "1");
 }
 

@@ -49,6 +49,7 @@ struct record_row {
     unsigned int parent;
     long long slot;
     long long category_slot;
+    bool has_lists = false;  // it has rows in lists (its children are numbered)
 };
 
 class file_backend final : public store_backend {
@@ -129,7 +130,7 @@ public:
             linked_row found;
             if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
             sql("DELETE FROM records WHERE id = ?").bind(1, handler_id).run();
-            if (found.row.parent != 0) erase(found.row, found.all, found.mine);
+            if (found.row.parent != 0 && found.row.category_slot != 0) erase(found);
             return 0u;
         });
     }
@@ -162,21 +163,37 @@ public:
                 if (up.parent == child_handler_id) return STORE_CYCLE;
                 if (!find(up.parent, &up)) break;
             }
-            const long long slot = append(parent_handler_id, 0, all);
-            const long long category_slot = append(parent_handler_id, child_category, mine);
+            // Below a parent without rows in lists, the slot after the last,
+            // unless that is kSmallList: then the parent's children are numbered
+            // in their categories, and the link goes on as below one with rows.
+            long long slot = 0, category_slot = 0;
+            if (!parent.has_lists) {
+                slot = static_cast<long long>(small_count(parent_handler_id, 0, true)) + 1;
+                if (slot < static_cast<long long>(kSmallList)) {
+                    link_row(parent_handler_id, child_handler_id, slot, 0);
+                    return 0u;
+                }
+                number_children(parent_handler_id);
+            }
+            slot = append(parent_handler_id, 0, all);
+            category_slot = append(parent_handler_id, child_category, mine);
             if (all.st.top != 0 && mine.st.top != 0) {
                 store_lists(parent_handler_id, child_category, mine, &all);
             } else if (all.st.top != 0 || mine.st.top != 0) {
                 store_list(parent_handler_id, all.st.top != 0 ? 0 : child_category,
                            all.st.top != 0 ? all : mine);
             }
+            // A small list that takes slot kSmallList is marked: the next
+            // change to it goes the full way.
+            if (all.st.top == 0 && slot == static_cast<long long>(kSmallList)) {
+                mark(parent_handler_id, 0);
+            }
+            if (mine.st.top == 0 && category_slot == static_cast<long long>(kSmallList)) {
+                mark(parent_handler_id, child_category);
+            }
             large_parent_ = all.st.top != 0 || mine.st.top != 0 ? parent_handler_id : 0;
-            sql("UPDATE OR FAIL records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
-                .bind(1, parent_handler_id)
-                .bind(2, slot)
-                .bind(3, category_slot)
-                .bind(4, child_handler_id)
-                .run();
+            link_row(parent_handler_id, child_handler_id, slot, category_slot);
+            settle(parent_handler_id);
             return 0u;
         });
     }
@@ -193,8 +210,10 @@ public:
             if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
             if (found.row.category != category) return STORE_BAD_CATEGORY;
             if (found.row.parent == 0) return STORE_NO_LINK;
-            sql("UPDATE OR FAIL records SET parent = 0 WHERE id = ?").bind(1, handler_id).run();
-            erase(found.row, found.all, found.mine);
+            sql("UPDATE OR FAIL records SET parent = 0, category_slot = 0 WHERE id = ?")
+                .bind(1, handler_id)
+                .run();
+            if (found.row.category_slot != 0) erase(found);
             return 0u;
         });
     }
@@ -397,12 +416,16 @@ private:
     static constexpr const char kSmallAll[] =
         "SELECT id FROM records WHERE parent = ?1 AND parent != 0 ORDER BY slot LIMIT 1 OFFSET ?2";
     static constexpr const char kSmallOf[] =
-        "SELECT id FROM records WHERE parent = ?1 AND parent != 0 AND category = ?3"
+        "SELECT id FROM records WHERE parent = ?1 AND category = ?3 AND category_slot != 0"
         " ORDER BY category_slot LIMIT 1 OFFSET ?2";
+    // Of a parent with no rows in lists (its children are not numbered).
+    static constexpr const char kSmallOfAll[] =
+        "SELECT id FROM records WHERE parent = ?1 AND parent != 0 AND category = ?3"
+        " ORDER BY slot LIMIT 1 OFFSET ?2";
     // The parent's category, the large list's child count (null for a small
     // list, which has no row or a mark), whether it has no holes, and the child at `order`: of a
-    // small list in an index scan, of a large one without holes at slot skipped + order + 1. ?1
-    // parent, ?2 order, ?3 category.
+    // small list in an index scan (of the slot index when the parent has no rows in lists), of a
+    // large one without holes at slot skipped + order + 1. ?1 parent, ?2 order, ?3 category.
     static constexpr const char kChildAll[] =
         "SELECT p.category, CASE WHEN l.top != 0 THEN l.live END, l.used = l.live + l.skipped,"
         " CASE WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE parent = ?1"
@@ -412,10 +435,12 @@ private:
         " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = 0 WHERE p.id = ?1";
     static constexpr const char kChildOf[] =
         "SELECT p.category, CASE WHEN l.top != 0 THEN l.live END, l.used = l.live + l.skipped,"
-        " CASE WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE parent = ?1"
-        "  AND parent != 0 AND category = ?3 ORDER BY category_slot LIMIT 1 OFFSET ?2)"
+        " CASE WHEN p.has_lists = 0 THEN (SELECT id FROM records WHERE parent = ?1"
+        "  AND parent != 0 AND category = ?3 ORDER BY slot LIMIT 1 OFFSET ?2)"
+        " WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE parent = ?1"
+        "  AND category = ?3 AND category_slot != 0 ORDER BY category_slot LIMIT 1 OFFSET ?2)"
         " WHEN l.used = l.live + l.skipped THEN (SELECT id FROM records WHERE parent = ?1"
-        "  AND parent != 0 AND category = ?3 AND category_slot = l.skipped + ?2 + 1) END"
+        "  AND category = ?3 AND category_slot != 0 AND category_slot = l.skipped + ?2 + 1) END"
         " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = ?3 WHERE p.id = ?1";
     // The parent's category and the child count (of a large list kept, of a
     // small one counted). ?1 parent, ?2 category.
@@ -426,38 +451,37 @@ private:
         " WHERE id = ?1";
     static constexpr const char kCountOf[] =
         "SELECT category, coalesce((SELECT live FROM lists WHERE parent = ?1 AND category = ?2"
-        " AND top != 0),"
-        " (SELECT count(*) FROM records WHERE parent = ?1 AND parent != 0 AND category = ?2))"
+        " AND top != 0), CASE WHEN has_lists = 0 THEN (SELECT count(*) FROM records"
+        "  WHERE parent = ?1 AND parent != 0 AND category = ?2) ELSE (SELECT count(*)"
+        "  FROM records WHERE parent = ?1 AND category = ?2 AND category_slot != 0) END)"
         " FROM records WHERE id = ?1";
-    // The changes that are one statement when the parent's lists are small (it
-    // has no row in lists, not even a mark): each changes nothing unless it
-    // applies whole, and meets no constraint (OR FAIL: no statement journal in
-    // a transaction). A link: ?1 parent, ?2 child, ?3 parent category, ?4 child
-    // category; the child takes the slot after the last of each list (the
-    // trigger marks a list whose slot kSmallList it takes).
+    // The changes that are one statement when the parent has no rows in lists
+    // (every list of it small): each changes nothing unless it applies whole,
+    // and meets no constraint but the CHECK on slots (OR FAIL: no statement
+    // journal in a transaction). A link: ?1 parent, ?2 child, ?3 parent
+    // category, ?4 child category; the child takes the slot after the last,
+    // and fails the CHECK when that is kSmallList. No cycle can arise when the
+    // child has no children or the parent no parent.
     static constexpr const char kLinkSmall[] =
-        "UPDATE OR FAIL records SET parent = ?1,"
+        "UPDATE OR FAIL records SET parent = ?1, category_slot = 0,"
         " slot = (SELECT coalesce(max(slot), 0) + 1 FROM records WHERE parent = ?1"
-        "  AND parent != 0),"
-        " category_slot = (SELECT coalesce(max(category_slot), 0) + 1 FROM records"
-        "  WHERE parent = ?1 AND parent != 0 AND category = ?4)"
+        "  AND parent != 0)"
         " WHERE id = ?2 AND category = ?4 AND parent = 0 AND id != ?1"
-        " AND (SELECT p.category = ?3 AND (p.parent = 0 OR NOT EXISTS(SELECT 1 FROM records c"
-        "  WHERE c.parent = ?2 AND c.parent != 0)) FROM records p WHERE p.id = ?1)"
-        " AND NOT EXISTS(SELECT 1 FROM lists WHERE parent = ?1)";
-    // An unlink: ?1 the record, ?2 its category.
+        " AND (SELECT p.category = ?3 AND p.has_lists = 0 AND (p.parent = 0 OR NOT EXISTS("
+        "  SELECT 1 FROM records c WHERE c.parent = ?2 AND c.parent != 0)) FROM records p"
+        "  WHERE p.id = ?1)";
+    // An unlink: ?1 the record, ?2 its category (a child without a number has
+    // a parent without rows in lists).
     static constexpr const char kUnlinkSmall[] =
         "UPDATE OR FAIL records SET parent = 0"
-        " WHERE id = ?1 AND category = ?2 AND parent != 0"
-        " AND NOT EXISTS(SELECT 1 FROM lists l WHERE l.parent = records.parent)";
-    // A remove: ?1 the record.
+        " WHERE id = ?1 AND category = ?2 AND parent != 0 AND category_slot = 0";
+    // A remove: ?1 the record (unlinked, or a child without a number).
     static constexpr const char kRemoveSmall[] =
-        "DELETE FROM records WHERE id = ?1 AND (parent = 0"
-        " OR NOT EXISTS(SELECT 1 FROM lists l WHERE l.parent = records.parent))";
+        "DELETE FROM records WHERE id = ?1 AND category_slot = 0";
     static constexpr unsigned int kNotApplied = ~0u;
 
     // Runs one of the statements above with integer arguments ?1 to ?4 (those
-    // it has); kNotApplied when it changed nothing.
+    // it has); kNotApplied when it changed nothing (or failed the CHECK).
     unsigned int fast_write(const char* text, long long a1, long long a2, long long a3,
                             long long a4) {
         bool applied = false;
@@ -466,8 +490,7 @@ private:
             q.bind(1, a1);
             if (text != kRemoveSmall) q.bind(2, a2);
             if (text == kLinkSmall) q.bind(3, a3).bind(4, a4);
-            q.run();
-            applied = db_.changes() > 0;
+            applied = q.run_unless(SQLITE_CONSTRAINT_CHECK) && db_.changes() > 0;
             return 0u;
         });
         return rc != 0 || applied ? rc : kNotApplied;
@@ -504,10 +527,12 @@ private:
     }
     // REQUIRES: inside a body.
     bool find(unsigned int handler_id, record_row* row) {
-        query q = sql("SELECT category, parent, slot, category_slot FROM records WHERE id = ?");
+        query q = sql(
+            "SELECT category, parent, slot, category_slot, has_lists FROM records WHERE id = ?");
         q.bind(1, handler_id);
         if (!q.step()) return false;
         *row = row_of(q);
+        row->has_lists = q.integer(4) != 0;
         return true;
     }
     // A parent and a child, and the parent's two lists the child would join.
@@ -516,7 +541,7 @@ private:
         query q =
             sql("SELECT p.category, p.parent, c.category, c.parent,"
                 " a.used, a.live, a.top, a.skipped, a.head, a.pending,"
-                " m.used, m.live, m.top, m.skipped, m.head, m.pending"
+                " m.used, m.live, m.top, m.skipped, m.head, m.pending, p.has_lists"
                 " FROM records p JOIN records c ON c.id = ?2"
                 " LEFT JOIN lists a ON a.parent = p.id AND a.category = 0"
                 " LEFT JOIN lists m ON m.parent = p.id AND m.category = c.category"
@@ -527,6 +552,7 @@ private:
                              static_cast<unsigned int>(q.integer(1)), 0, 0};
         *child = record_row{static_cast<unsigned int>(q.integer(2)),
                             static_cast<unsigned int>(q.integer(3)), 0, 0};
+        parent->has_lists = q.integer(16) != 0;
         *all = list_of(q, 4);
         *mine = list_of(q, 10);
         return true;
@@ -587,7 +613,9 @@ private:
                 }
                 const list_state list = load_list(parent_handler_id, category);
                 if (list.st.top == 0) {  // small since the first statement read it
-                    query q = category == 0 ? sql(kSmallAll) : sql(kSmallOf);
+                    query q = category == 0      ? sql(kSmallAll)
+                              : parent.has_lists ? sql(kSmallOf)
+                                                 : sql(kSmallOfAll);
                     q.bind(1, parent_handler_id).bind(2, order);
                     if (category != 0) q.bind(3, category);
                     if (!q.step()) return STORE_NO_LINK;
@@ -598,8 +626,9 @@ private:
                 query q = category == 0
                               ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
                                     " AND slot = ?2")
-                              : sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
-                                    " AND category_slot = ?2 AND category = ?3");
+                              : sql("SELECT id FROM records WHERE parent = ?1"
+                                    " AND category_slot = ?2 AND category = ?3"
+                                    " AND category_slot != 0");
                 q.bind(1, parent_handler_id)
                     .bind(2, slot_of(parent_handler_id, category, list, order));
                 if (category != 0) q.bind(3, category);
@@ -734,13 +763,13 @@ private:
                 .run();
         }
         unsigned long long next_child(unsigned long long slot) const {
-            query q = category == 0
-                          ? b.sql(
-                                "SELECT min(slot) FROM records WHERE parent = ?1"
-                                " AND parent != 0 AND slot > ?2")
-                          : b.sql(
-                                "SELECT min(category_slot) FROM records WHERE parent = ?1"
-                                " AND parent != 0 AND category = ?3 AND category_slot > ?2");
+            query q = category == 0 ? b.sql(
+                                          "SELECT min(slot) FROM records WHERE parent = ?1"
+                                          " AND parent != 0 AND slot > ?2")
+                                    : b.sql(
+                                          "SELECT min(category_slot) FROM records WHERE parent = ?1"
+                                          " AND category = ?3 AND category_slot > ?2"
+                                          " AND category_slot != 0");
             q.bind(1, parent).bind(2, static_cast<long long>(slot));
             if (category != 0) q.bind(3, category);
             if (!q.step()) throw db_failure{};
@@ -791,7 +820,8 @@ private:
     }
 
     // The last slot (`last`), else the child count, of the parent's small list
-    // of `category` (0: all): an index seek, or a scan of the index.
+    // of `category` (0: all; another only below a parent with rows in lists):
+    // an index seek, or a scan of the index.
     unsigned long long small_count(unsigned int parent, unsigned int category, bool last) {
         query q = category == 0
                       ? (last ? sql("SELECT coalesce(max(slot), 0) FROM records"
@@ -799,9 +829,9 @@ private:
                               : sql("SELECT count(*) FROM records"
                                     " WHERE parent = ?1 AND parent != 0"))
                       : (last ? sql("SELECT coalesce(max(category_slot), 0) FROM records"
-                                    " WHERE parent = ?1 AND parent != 0 AND category = ?2")
+                                    " WHERE parent = ?1 AND category = ?2 AND category_slot != 0")
                               : sql("SELECT count(*) FROM records WHERE parent = ?1"
-                                    " AND parent != 0 AND category = ?2"));
+                                    " AND category = ?2 AND category_slot != 0"));
         q.bind(1, parent);
         if (category != 0) q.bind(2, category);
         if (!q.step()) throw db_failure{};
@@ -836,6 +866,56 @@ private:
         return static_cast<long long>(order_append(st, nodes));
     }
 
+    // Links the child: the parent's `slot` and `category_slot`.
+    void link_row(unsigned int parent, unsigned int child, long long slot,
+                  long long category_slot) {
+        sql("UPDATE OR FAIL records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
+            .bind(1, parent)
+            .bind(2, slot)
+            .bind(3, category_slot)
+            .bind(4, child)
+            .run();
+    }
+    // Numbers the children of a parent without rows in lists in their
+    // categories (in their order among all), as it is to have rows from now.
+    void number_children(unsigned int parent) {
+        sql("UPDATE OR FAIL records SET category_slot = n.k FROM (SELECT id, row_number()"
+            " OVER (PARTITION BY category ORDER BY slot) AS k FROM records"
+            " WHERE parent = ?1 AND parent != 0) AS n WHERE records.id = n.id")
+            .bind(1, parent)
+            .run();
+        sql("UPDATE OR FAIL records SET has_lists = 1 WHERE id = ?").bind(1, parent).run();
+    }
+    // After a change to the lists of a parent that had rows in lists: when it
+    // has none left, its children lose their numbers. Every slot is below
+    // kSmallList then (a list leaves its row only when packed under half of
+    // that, or emptied; a mark goes only when the list's last slot is below it).
+    void settle(unsigned int parent) {
+        query q = sql("SELECT EXISTS(SELECT 1 FROM lists WHERE parent = ?)");
+        q.bind(1, parent);
+        if (!q.step()) throw db_failure{};
+        if (q.integer(0) != 0) return;
+        sql("UPDATE OR FAIL records SET category_slot = 0 WHERE parent = ?1 AND category_slot != 0")
+            .bind(1, parent)
+            .run();
+        sql("UPDATE OR FAIL records SET has_lists = 0 WHERE id = ?").bind(1, parent).run();
+    }
+    // Marks the parent's small list of `category` (0: all), which took slot
+    // kSmallList: a row with top 0 and all counts 0.
+    void mark(unsigned int parent, unsigned int category) {
+        sql("INSERT INTO lists(parent, category, used, live, top, skipped, head)"
+            " VALUES(?, ?, 0, 0, 0, 0, 0) ON CONFLICT(parent, category) DO NOTHING")
+            .bind(1, parent)
+            .bind(2, category)
+            .run();
+    }
+
+    // Takes a child of a parent with rows in lists out of them. REQUIRES: its
+    // record no longer lists it there.
+    void erase(linked_row& found) {
+        erase(found.row, found.all, found.mine);
+        settle(found.row.parent);
+    }
     // Takes the child `row` out of its parent's large lists `all` and `mine`
     // (that of its category); a small list has nothing to change.
     // REQUIRES: its record no longer lists it there.
@@ -886,8 +966,8 @@ private:
         {
             query q = category == 0 ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
                                           " AND slot > 0 ORDER BY slot")
-                                    : sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
-                                          " AND category = ?2 AND category_slot > 0"
+                                    : sql("SELECT id FROM records WHERE parent = ?1"
+                                          " AND category = ?2 AND category_slot != 0"
                                           " ORDER BY category_slot");
             q.bind(1, parent);
             if (category != 0) q.bind(2, category);

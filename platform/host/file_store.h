@@ -8,13 +8,22 @@
 //                               the first id not handed out yet is the larger
 //                               of it and the largest record id + 1 (it is
 //                               raised only when the largest record goes)
-//   records(id, category, parent, slot, category_slot)
+//   records(id, category, parent, slot, category_slot, has_lists)
 //                               parent 0 when unlinked; slot orders a parent's
-//                               children, category_slot those of one category
-//                               (both left as they were by an unlink: they
-//                               mean nothing while parent is 0);
-//                               indexed for linked records only (a query on
-//                               them says `parent != 0` to use the indexes)
+//                               children (left as it was by an unlink: it means
+//                               nothing while parent is 0); category_slot
+//                               orders those of one category, only below a
+//                               parent with has_lists set (1 when it has a row
+//                               in lists), else it is 0 and the order within a
+//                               category is that among all children (0 too
+//                               while unlinked). A child of a parent with no
+//                               rows in lists takes a slot below kSmallList
+//                               (a CHECK: the link that would take that slot
+//                               fails and goes the full way, which gives the
+//                               parent its first row). The slot index is of
+//                               linked records (a query says `parent != 0` to
+//                               use it), the category index of numbered ones
+//                               (`category_slot != 0`)
 //   lists(parent, category, used, live, top, skipped, head, pending)
 //                               one per large list of a parent: that of all its
 //                               children (category 0) or of one category among
@@ -24,21 +33,27 @@
 //                               unlink adds one, and the nodes take them all
 //                               when that many gathered). A small list has no
 //                               row (the link indexes are all it keeps), or
-//                               one with top 0 once it took slot kSmallList
+//                               one with top 0 (a mark) once it took slot
+//                               kSmallList
 //   holes(parent, category, node, count)
 //                               a large list's nodes that count a hole
 //   members(record, member, kind, value)
 //                               the stored bytes of one member (their length is
 //                               the member's width) and its member_kind
-// A list is small while its slots stay within kSmallList: it keeps no row (a
-// trigger marks it when it takes that slot), so a link takes the slot after
-// the last one (an index seek), an unlink leaves a
-// hole that nothing counts, and the child at an order and the child count are
-// an index scan of at most kSmallList steps. A link, an unlink and a remove
-// below small lists are then one statement each, as a program would write them
-// against the records table alone (a trigger on records does a remove's own
-// work: its members and lists go, its children are left unlinked, its id's mark
-// is left). An append past kSmallList packs a small list that has holes and
+// A list is small while its slots stay within kSmallList: it keeps no row (the
+// link that takes that slot marks it), so a link takes the slot after the last
+// one (an index seek), an unlink leaves a hole that nothing counts, and the
+// child at an order and the child count are an index scan of at most
+// kSmallList steps. Below a parent with no rows in lists (every list small),
+// a link, an unlink and a remove are one statement each, as a program would
+// write them against the records table alone, touching the slot index only:
+// the link checks both categories and the cycle in its WHERE clause, the
+// unlink and the remove see from the child's own row (category_slot 0) that
+// its parent keeps no lists, and a trigger on records does a remove's own
+// work (its members and lists go, its children are left unlinked, its id's
+// mark is left). A parent's children are numbered in their categories when it
+// takes its first row in lists, and lose their numbers when its last goes.
+// An append past kSmallList packs a small list that has holes and
 // makes it large, unless the pack left it under half that many children.
 // A large list is kept as link_order.h describes: the child at an order, a
 // child count and a parent each cost O(log n) index reads. It is packed when
@@ -59,27 +74,34 @@
 namespace tevhost {
 namespace detail {
 
-constexpr int kSchemaVersion = 4;
-// Version 3 kept a row and nodes for every list and had no triggers; it is
-// read as it is and migrated when opened for writing.
-constexpr int kPreviousSchemaVersion = 3;
-// Version 2 kept next_id as the first id not handed out, indexed every record
-// and counted every hole in its nodes (no lists.pending); it is read as it is
-// (kOldLists stands in for its lists) and migrated when opened for writing.
-constexpr int kOldSchemaVersion = 2;
+constexpr int kSchemaVersion = 5;
+// Versions 2 to 4 are read as they are (kOldRecords, and for version 2
+// kOldLists, stand in for what differs) and migrated when opened for writing:
+// version 4 numbered every linked child in its category and had a trigger mark
+// small lists at their limit; version 3 kept a row and nodes for every list and
+// had no triggers; version 2 kept next_id as the first id not handed out,
+// indexed every record and counted every hole in its nodes (no lists.pending).
+constexpr int kOldestSchemaVersion = 2;
 constexpr int kApplicationId = 0x54455653;  // "TEVS"
 constexpr unsigned int kPendingHoles = 64;
 constexpr unsigned long long kPackHoles = 64;
 constexpr unsigned long long kSmallList = 512;
 
-// The triggers: what a remove leaves to them (the second only for a record
-// with children: its update makes a temporary table), and the mark a small
-// list gets when a link takes its slot kSmallList (a row with top 0 and all
-// counts 0: the next change to the parent's lists goes the full way). Their
-// statements never meet a constraint, and say OR FAIL where one could be
-// checked, so a change in a transaction needs no statement journal (an I/O
-// error rolls the whole transaction back).
-#define TEVASH_STORE_TRIGGERS                                                               \
+#define TEVASH_STORE_RECORDS(name)                                                     \
+    "CREATE TABLE " name                                                               \
+    "(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"                              \
+    " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"             \
+    " category_slot INTEGER NOT NULL DEFAULT 0, has_lists INTEGER NOT NULL DEFAULT 0," \
+    " CHECK(parent = 0 OR category_slot != 0 OR slot < 512));"
+// The indexes of records, and its triggers: what a remove leaves to them (the
+// second only for a record with children: its update makes a temporary
+// table). Their statements never meet a constraint, and say OR FAIL where one
+// could be checked, so a change in a transaction needs no statement journal
+// (an I/O error rolls the whole transaction back).
+#define TEVASH_STORE_RECORDS_REST                                                           \
+    "CREATE INDEX records_by_slot ON records(parent, slot, category) WHERE parent != 0;"    \
+    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"     \
+    " WHERE category_slot != 0;"                                                            \
     "CREATE TRIGGER records_removed AFTER DELETE ON records BEGIN"                          \
     " DELETE FROM members WHERE record = old.id;"                                           \
     " DELETE FROM lists WHERE parent = old.id;"                                             \
@@ -88,27 +110,12 @@ constexpr unsigned long long kSmallList = 512;
     " AND NOT EXISTS(SELECT 1 FROM records WHERE id > old.id); END;"                        \
     "CREATE TRIGGER records_removed_parent AFTER DELETE ON records"                         \
     " WHEN EXISTS(SELECT 1 FROM records WHERE parent = old.id AND parent != 0) BEGIN"       \
-    " UPDATE OR FAIL records SET parent = 0"                                                \
-    " WHERE parent = old.id AND parent != 0; END;"                                          \
-    "CREATE TRIGGER records_at_limit AFTER UPDATE OF slot, category_slot ON records"        \
-    " WHEN new.slot = 512 OR new.category_slot = 512 BEGIN"                                 \
-    " INSERT INTO lists(parent, category, used, live, top, skipped, head)"                  \
-    " SELECT new.parent, 0, 0, 0, 0, 0, 0 WHERE new.slot = 512 AND NOT EXISTS(SELECT 1"     \
-    " FROM lists WHERE parent = new.parent AND category = 0);"                              \
-    " INSERT INTO lists(parent, category, used, live, top, skipped, head)"                  \
-    " SELECT new.parent, new.category, 0, 0, 0, 0, 0 WHERE new.category_slot = 512"         \
-    " AND NOT EXISTS(SELECT 1 FROM lists WHERE parent = new.parent"                         \
-    " AND category = new.category); END;"
+    " UPDATE OR FAIL records SET parent = 0, category_slot = 0"                             \
+    " WHERE parent = old.id AND parent != 0; END;"
 
 constexpr const char kCreateSchema[] =
     "CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-    "INSERT INTO meta VALUES('next_id', 1);"
-    "CREATE TABLE records(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"
-    " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"
-    " category_slot INTEGER NOT NULL DEFAULT 0);"
-    "CREATE INDEX records_by_slot ON records(parent, slot) WHERE parent != 0;"
-    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"
-    " WHERE parent != 0;"
+    "INSERT INTO meta VALUES('next_id', 1);" TEVASH_STORE_RECORDS("records")
     "CREATE TABLE lists(parent INTEGER NOT NULL, category INTEGER NOT NULL,"
     " used INTEGER NOT NULL, live INTEGER NOT NULL, top INTEGER NOT NULL,"
     " skipped INTEGER NOT NULL, head INTEGER NOT NULL, pending BLOB NOT NULL DEFAULT x'',"
@@ -118,26 +125,42 @@ constexpr const char kCreateSchema[] =
     " PRIMARY KEY(parent, category, node)) WITHOUT ROWID;"
     "CREATE TABLE members(record INTEGER NOT NULL, member INTEGER NOT NULL,"
     " kind INTEGER NOT NULL, value BLOB NOT NULL,"
-    " PRIMARY KEY(record, member)) WITHOUT ROWID;" TEVASH_STORE_TRIGGERS;
+    " PRIMARY KEY(record, member)) WITHOUT ROWID;" TEVASH_STORE_RECORDS_REST;
 
 // Makes a version 2 store a version 3 one (its next_id is a valid mark as it is).
 constexpr const char kMigrateFrom2[] =
     "ALTER TABLE lists ADD COLUMN pending BLOB NOT NULL DEFAULT x'';"
-    "DROP INDEX records_by_slot; DROP INDEX records_by_category_slot;"
-    "CREATE INDEX records_by_slot ON records(parent, slot) WHERE parent != 0;"
-    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"
-    " WHERE parent != 0;"
     "PRAGMA user_version = 3;";
 // Makes a version 3 store a version 4 one: its lists of fewer than kSmallList
-// slots become small (their rows and nodes go), and the triggers are made.
+// slots become small (their rows and nodes go). Always followed by
+// kMigrateFrom4, which makes the triggers.
 constexpr const char kMigrateFrom3[] =
     "DELETE FROM holes WHERE (parent, category) IN"
     " (SELECT parent, category FROM lists WHERE used < 512);"
-    "DELETE FROM lists WHERE used < 512;" TEVASH_STORE_TRIGGERS "PRAGMA user_version = 4;";
-static_assert(kSmallList == 512, "the triggers and kMigrateFrom3 name the small list limit");
+    "DELETE FROM lists WHERE used < 512; PRAGMA user_version = 4;";
+// Makes a version 4 store a version 5 one: records made again (its table gains
+// a column and a CHECK), the children of a parent without rows in lists losing
+// their category numbers (a version 4 parent without rows has every slot below
+// kSmallList).
+constexpr const char kMigrateFrom4[] =
+    "DROP TRIGGER IF EXISTS records_removed; DROP TRIGGER IF EXISTS records_removed_parent;"
+    "DROP TRIGGER IF EXISTS records_at_limit;" TEVASH_STORE_RECORDS("records_5")
+    "INSERT INTO records_5(id, category, parent, slot, category_slot, has_lists)"
+    " SELECT id, category, parent, slot, CASE WHEN parent != 0 AND EXISTS(SELECT 1 FROM lists l"
+    " WHERE l.parent = r.parent) THEN category_slot ELSE 0 END,"
+    " EXISTS(SELECT 1 FROM lists l WHERE l.parent = r.id) FROM records r;"
+    "DROP TABLE records; ALTER TABLE records_5 RENAME TO records;" TEVASH_STORE_RECORDS_REST
+    "PRAGMA user_version = 5;";
+static_assert(kSmallList == 512, "the records table and kMigrateFrom3 name the small list limit");
 
-#undef TEVASH_STORE_TRIGGERS
+#undef TEVASH_STORE_RECORDS
+#undef TEVASH_STORE_RECORDS_REST
 
+// Read-only on a version 2 to 4 file: its records as this version's (the
+// order within a category is that among all children either way).
+constexpr const char kOldRecords[] =
+    "CREATE TEMP VIEW records AS SELECT id, category, parent, slot, category_slot,"
+    " EXISTS(SELECT 1 FROM main.lists l WHERE l.parent = r.id) AS has_lists FROM main.records r";
 // Read-only on a version 2 file: its lists as this version's.
 constexpr const char kOldLists[] =
     "CREATE TEMP VIEW lists AS SELECT *, x'' AS pending FROM main.lists";

@@ -24,7 +24,7 @@ namespace {
 constexpr int kBusyTimeoutMs = 10000;
 
 // What an open database file is: a record store of this version, one of the
-// two versions before it (read as it is, migrated to write), an empty database
+// versions before it (read as it is, migrated to write), an empty database
 // that may become one, something else that SQLite read (another application's
 // database, a record store of another version), or a file that could not be
 // read at all (not a database, or its log cannot be shared).
@@ -44,7 +44,7 @@ file_kind classify(sqlite3* db, std::string* error) {
         *error = "not a record store file";
         return file_kind::foreign;
     }
-    if (version == kOldSchemaVersion || version == kPreviousSchemaVersion) return file_kind::older;
+    if (version >= kOldestSchemaVersion && version < kSchemaVersion) return file_kind::older;
     if (version != kSchemaVersion) {
         *error = "record store version " + std::to_string(version) + " is not supported (this is " +
                  std::to_string(kSchemaVersion) + ")";
@@ -59,10 +59,9 @@ bool migrate(sqlite3* db, std::string* error) {
     long long version = 0;
     if (!exec(db, "BEGIN IMMEDIATE", error)) return false;
     const bool ok = pragma_int(db, "PRAGMA user_version", &version) &&
-                    (version != kOldSchemaVersion || exec(db, kMigrateFrom2, error)) &&
-                    ((version != kOldSchemaVersion && version != kPreviousSchemaVersion) ||
-                     exec(db, kMigrateFrom3, error)) &&
-                    exec(db, "COMMIT", error);
+                    (version > 2 || exec(db, kMigrateFrom2, error)) &&
+                    (version > 3 || exec(db, kMigrateFrom3, error)) &&
+                    (version > 4 || exec(db, kMigrateFrom4, error)) && exec(db, "COMMIT", error);
     if (!ok) {
         if (error->empty()) *error = sqlite3_errmsg(db);
         sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -182,7 +181,7 @@ std::unique_ptr<store_backend> open_read_only(const std::string& path, std::stri
             long long version = 0;
             if (kind == file_kind::ours ||
                 (kind == file_kind::older && pragma_int(db, "PRAGMA user_version", &version) &&
-                 (version != kOldSchemaVersion || exec(db, kOldLists, error)))) {
+                 (version != 2 || exec(db, kOldLists, error)) && exec(db, kOldRecords, error))) {
                 return file_backend_on(db, true);
             }
             if (kind == file_kind::empty) *error = "not a record store file";

@@ -70,6 +70,17 @@ public:
         while (step()) {
         }
     }
+    // Runs a statement that returns no rows; false when it fails with the
+    // extended code `expected` (a constraint it may meet; it then changed
+    // nothing only if it changes at most one row).
+    bool run_unless(int expected) {
+        const int rc = sqlite3_step(stmt_);
+        if (rc == SQLITE_DONE) return true;
+        if (rc == expected || sqlite3_extended_errcode(sqlite3_db_handle(stmt_)) == expected) {
+            return false;
+        }
+        throw db_failure{};
+    }
     long long integer(int column) const { return sqlite3_column_int64(stmt_, column); }
     bool is_null(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
     unsigned long long count(int column) const {
