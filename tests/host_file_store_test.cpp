@@ -179,8 +179,17 @@ TEST_F(FileStore, PreviousVersionFilesAreReadAndMigrated) {
     const unsigned int made = make(SET_B);
     EXPECT_GE(made, 90000u);
     EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, made));
-    store_use_memory();
     EXPECT_THAT(raw_sql(path(), "SELECT value FROM meta"), ElementsAre(std::to_string(made + 1)));
+    {  // nor inside one transaction, after the largest record made in it went
+        store_transaction txn;
+        const unsigned int before = make(SET_B), last = make(SET_B);
+        EXPECT_EQ(0u, S::wud_wud_service_info_delete_current(CMP, last));
+        const unsigned int after = make(SET_B);
+        EXPECT_GT(after, last);
+        EXPECT_EQ(0u, txn.commit());
+        EXPECT_EQ(SET_B, category_of(before));
+        EXPECT_EQ(SET_B, category_of(after));
+    }
 }
 
 // Lists with holes cross the small list limit both ways (packed, large, holes

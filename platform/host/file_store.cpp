@@ -210,7 +210,8 @@ public:
             if (!find_linked(handler_id, &found)) return STORE_NO_RECORD;
             if (found.row.category != category) return STORE_BAD_CATEGORY;
             if (found.row.parent == 0) return STORE_NO_LINK;
-            sql("UPDATE OR FAIL records SET parent = 0, category_slot = 0 WHERE id = ?")
+            sql("UPDATE OR FAIL records SET parent = 0, category_slot = 0, list_parent = 0"
+                " WHERE id = ?")
                 .bind(1, handler_id)
                 .run();
             if (found.row.category_slot != 0) erase(found);
@@ -416,7 +417,7 @@ private:
     static constexpr const char kSmallAll[] =
         "SELECT id FROM records WHERE parent = ?1 AND parent != 0 ORDER BY slot LIMIT 1 OFFSET ?2";
     static constexpr const char kSmallOf[] =
-        "SELECT id FROM records WHERE parent = ?1 AND category = ?3 AND category_slot != 0"
+        "SELECT id FROM records WHERE list_parent = ?1 AND list_parent != 0 AND category = ?3"
         " ORDER BY category_slot LIMIT 1 OFFSET ?2";
     // Of a parent with no rows in lists (its children are not numbered).
     static constexpr const char kSmallOfAll[] =
@@ -437,10 +438,10 @@ private:
         "SELECT p.category, CASE WHEN l.top != 0 THEN l.live END, l.used = l.live + l.skipped,"
         " CASE WHEN p.has_lists = 0 THEN (SELECT id FROM records WHERE parent = ?1"
         "  AND parent != 0 AND category = ?3 ORDER BY slot LIMIT 1 OFFSET ?2)"
-        " WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE parent = ?1"
-        "  AND category = ?3 AND category_slot != 0 ORDER BY category_slot LIMIT 1 OFFSET ?2)"
-        " WHEN l.used = l.live + l.skipped THEN (SELECT id FROM records WHERE parent = ?1"
-        "  AND category = ?3 AND category_slot != 0 AND category_slot = l.skipped + ?2 + 1) END"
+        " WHEN coalesce(l.top, 0) = 0 THEN (SELECT id FROM records WHERE list_parent = ?1"
+        "  AND list_parent != 0 AND category = ?3 ORDER BY category_slot LIMIT 1 OFFSET ?2)"
+        " WHEN l.used = l.live + l.skipped THEN (SELECT id FROM records WHERE list_parent = ?1"
+        "  AND list_parent != 0 AND category = ?3 AND category_slot = l.skipped + ?2 + 1) END"
         " FROM records p LEFT JOIN lists l ON l.parent = p.id AND l.category = ?3 WHERE p.id = ?1";
     // The parent's category and the child count (of a large list kept, of a
     // small one counted). ?1 parent, ?2 category.
@@ -453,7 +454,7 @@ private:
         "SELECT category, coalesce((SELECT live FROM lists WHERE parent = ?1 AND category = ?2"
         " AND top != 0), CASE WHEN has_lists = 0 THEN (SELECT count(*) FROM records"
         "  WHERE parent = ?1 AND parent != 0 AND category = ?2) ELSE (SELECT count(*)"
-        "  FROM records WHERE parent = ?1 AND category = ?2 AND category_slot != 0) END)"
+        "  FROM records WHERE list_parent = ?1 AND list_parent != 0 AND category = ?2) END)"
         " FROM records WHERE id = ?1";
     // The changes that are one statement when the parent has no rows in lists
     // (every list of it small): each changes nothing unless it applies whole,
@@ -461,23 +462,24 @@ private:
     // journal in a transaction). A link: ?1 parent, ?2 child, ?3 parent
     // category, ?4 child category; the child takes the slot after the last,
     // and fails the CHECK when that is kSmallList. No cycle can arise when the
-    // child has no children or the parent no parent.
+    // parent has no parent (then the child's children are not looked for) or
+    // the child no children.
     static constexpr const char kLinkSmall[] =
-        "UPDATE OR FAIL records SET parent = ?1, category_slot = 0,"
+        "UPDATE OR FAIL records SET parent = ?1,"
         " slot = (SELECT coalesce(max(slot), 0) + 1 FROM records WHERE parent = ?1"
         "  AND parent != 0)"
         " WHERE id = ?2 AND category = ?4 AND parent = 0 AND id != ?1"
-        " AND (SELECT p.category = ?3 AND p.has_lists = 0 AND (p.parent = 0 OR NOT EXISTS("
-        "  SELECT 1 FROM records c WHERE c.parent = ?2 AND c.parent != 0)) FROM records p"
-        "  WHERE p.id = ?1)";
-    // An unlink: ?1 the record, ?2 its category (a child without a number has
-    // a parent without rows in lists).
+        " AND EXISTS(SELECT 1 FROM records p WHERE p.id = ?1 AND p.category = ?3"
+        "  AND p.has_lists = 0 AND (p.parent = 0 OR NOT EXISTS(SELECT 1 FROM records c"
+        "  WHERE c.parent = ?2 AND c.parent != 0)))";
+    // An unlink: ?1 the record, ?2 its category (a child without list_parent
+    // has a parent without rows in lists).
     static constexpr const char kUnlinkSmall[] =
         "UPDATE OR FAIL records SET parent = 0"
-        " WHERE id = ?1 AND category = ?2 AND parent != 0 AND category_slot = 0";
-    // A remove: ?1 the record (unlinked, or a child without a number).
+        " WHERE id = ?1 AND category = ?2 AND parent != 0 AND list_parent = 0";
+    // A remove: ?1 the record (unlinked, or a child without list_parent).
     static constexpr const char kRemoveSmall[] =
-        "DELETE FROM records WHERE id = ?1 AND category_slot = 0";
+        "DELETE FROM records WHERE id = ?1 AND list_parent = 0";
     static constexpr unsigned int kNotApplied = ~0u;
 
     // Runs one of the statements above with integer arguments ?1 to ?4 (those
@@ -626,9 +628,9 @@ private:
                 query q = category == 0
                               ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
                                     " AND slot = ?2")
-                              : sql("SELECT id FROM records WHERE parent = ?1"
-                                    " AND category_slot = ?2 AND category = ?3"
-                                    " AND category_slot != 0");
+                              : sql("SELECT id FROM records WHERE list_parent = ?1"
+                                    " AND list_parent != 0 AND category_slot = ?2"
+                                    " AND category = ?3");
                 q.bind(1, parent_handler_id)
                     .bind(2, slot_of(parent_handler_id, category, list, order));
                 if (category != 0) q.bind(3, category);
@@ -767,9 +769,9 @@ private:
                                           "SELECT min(slot) FROM records WHERE parent = ?1"
                                           " AND parent != 0 AND slot > ?2")
                                     : b.sql(
-                                          "SELECT min(category_slot) FROM records WHERE parent = ?1"
-                                          " AND category = ?3 AND category_slot > ?2"
-                                          " AND category_slot != 0");
+                                          "SELECT min(category_slot) FROM records"
+                                          " WHERE list_parent = ?1 AND list_parent != 0"
+                                          " AND category = ?3 AND category_slot > ?2");
             q.bind(1, parent).bind(2, static_cast<long long>(slot));
             if (category != 0) q.bind(3, category);
             if (!q.step()) throw db_failure{};
@@ -823,15 +825,15 @@ private:
     // of `category` (0: all; another only below a parent with rows in lists):
     // an index seek, or a scan of the index.
     unsigned long long small_count(unsigned int parent, unsigned int category, bool last) {
-        query q = category == 0
-                      ? (last ? sql("SELECT coalesce(max(slot), 0) FROM records"
-                                    " WHERE parent = ?1 AND parent != 0")
-                              : sql("SELECT count(*) FROM records"
-                                    " WHERE parent = ?1 AND parent != 0"))
-                      : (last ? sql("SELECT coalesce(max(category_slot), 0) FROM records"
-                                    " WHERE parent = ?1 AND category = ?2 AND category_slot != 0")
-                              : sql("SELECT count(*) FROM records WHERE parent = ?1"
-                                    " AND category = ?2 AND category_slot != 0"));
+        query q = category == 0 ? (last ? sql("SELECT coalesce(max(slot), 0) FROM records"
+                                              " WHERE parent = ?1 AND parent != 0")
+                                        : sql("SELECT count(*) FROM records"
+                                              " WHERE parent = ?1 AND parent != 0"))
+                                : (last ? sql("SELECT coalesce(max(category_slot), 0) FROM records"
+                                              " WHERE list_parent = ?1 AND list_parent != 0"
+                                              " AND category = ?2")
+                                        : sql("SELECT count(*) FROM records WHERE list_parent = ?1"
+                                              " AND list_parent != 0 AND category = ?2"));
         q.bind(1, parent);
         if (category != 0) q.bind(2, category);
         if (!q.step()) throw db_failure{};
@@ -869,7 +871,8 @@ private:
     // Links the child: the parent's `slot` and `category_slot`.
     void link_row(unsigned int parent, unsigned int child, long long slot,
                   long long category_slot) {
-        sql("UPDATE OR FAIL records SET parent = ?, slot = ?, category_slot = ? WHERE id = ?")
+        sql("UPDATE OR FAIL records SET parent = ?1, slot = ?2, category_slot = ?3,"
+            " list_parent = CASE WHEN ?3 != 0 THEN ?1 ELSE 0 END WHERE id = ?4")
             .bind(1, parent)
             .bind(2, slot)
             .bind(3, category_slot)
@@ -879,7 +882,8 @@ private:
     // Numbers the children of a parent without rows in lists in their
     // categories (in their order among all), as it is to have rows from now.
     void number_children(unsigned int parent) {
-        sql("UPDATE OR FAIL records SET category_slot = n.k FROM (SELECT id, row_number()"
+        sql("UPDATE OR FAIL records SET category_slot = n.k, list_parent = ?1 FROM (SELECT id,"
+            " row_number()"
             " OVER (PARTITION BY category ORDER BY slot) AS k FROM records"
             " WHERE parent = ?1 AND parent != 0) AS n WHERE records.id = n.id")
             .bind(1, parent)
@@ -895,7 +899,8 @@ private:
         q.bind(1, parent);
         if (!q.step()) throw db_failure{};
         if (q.integer(0) != 0) return;
-        sql("UPDATE OR FAIL records SET category_slot = 0 WHERE parent = ?1 AND category_slot != 0")
+        sql("UPDATE OR FAIL records SET category_slot = 0, list_parent = 0"
+            " WHERE list_parent = ?1 AND list_parent != 0")
             .bind(1, parent)
             .run();
         sql("UPDATE OR FAIL records SET has_lists = 0 WHERE id = ?").bind(1, parent).run();
@@ -966,8 +971,8 @@ private:
         {
             query q = category == 0 ? sql("SELECT id FROM records WHERE parent = ?1 AND parent != 0"
                                           " AND slot > 0 ORDER BY slot")
-                                    : sql("SELECT id FROM records WHERE parent = ?1"
-                                          " AND category = ?2 AND category_slot != 0"
+                                    : sql("SELECT id FROM records WHERE list_parent = ?1"
+                                          " AND list_parent != 0 AND category = ?2"
                                           " ORDER BY category_slot");
             q.bind(1, parent);
             if (category != 0) q.bind(2, category);
@@ -1047,10 +1052,25 @@ private:
                 if (!q.step()) throw db_failure{};
                 if (q.integer(0) == 0) return 0;
             }
-            sql("INSERT INTO records(id, category) VALUES(?1, ?2)")
-                .bind(1, id)
-                .bind(2, category)
-                .run();
+            if (hint_exact_ && id == next_hint_) {
+                // One past the last record this transaction made, which is the
+                // largest: SQLite's own choice of row id (an append, no seek),
+                // unless a remove since took the largest record; then the row
+                // takes the id chosen.
+                sql("INSERT INTO records(category) VALUES(?1)").bind(1, category).run();
+                const long long got = db_.last_insert_rowid();
+                if (got != id) {
+                    sql("UPDATE OR FAIL records SET id = ?1 WHERE id = ?2")
+                        .bind(1, id)
+                        .bind(2, got)
+                        .run();
+                }
+            } else {
+                sql("INSERT INTO records(id, category) VALUES(?1, ?2)")
+                    .bind(1, id)
+                    .bind(2, category)
+                    .run();
+            }
         }
         next_hint_ = id + 1;
         hint_exact_ = db_.in_write_transaction();

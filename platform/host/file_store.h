@@ -8,22 +8,24 @@
 //                               the first id not handed out yet is the larger
 //                               of it and the largest record id + 1 (it is
 //                               raised only when the largest record goes)
-//   records(id, category, parent, slot, category_slot, has_lists)
+//   records(id, category, parent, slot, category_slot, list_parent, has_lists)
 //                               parent 0 when unlinked; slot orders a parent's
 //                               children (left as it was by an unlink: it means
-//                               nothing while parent is 0); category_slot
-//                               orders those of one category, only below a
-//                               parent with has_lists set (1 when it has a row
-//                               in lists), else it is 0 and the order within a
-//                               category is that among all children (0 too
-//                               while unlinked). A child of a parent with no
-//                               rows in lists takes a slot below kSmallList
-//                               (a CHECK: the link that would take that slot
-//                               fails and goes the full way, which gives the
-//                               parent its first row). The slot index is of
-//                               linked records (a query says `parent != 0` to
-//                               use it), the category index of numbered ones
-//                               (`category_slot != 0`)
+//                               nothing while parent is 0). has_lists is 1 for
+//                               a record with rows in lists; its children are
+//                               numbered in their categories (category_slot),
+//                               and name it in list_parent too. Below a parent
+//                               without rows both are 0 (so while unlinked),
+//                               the order within a category is that among all
+//                               children, and a child takes a slot below
+//                               kSmallList (a CHECK: the link that would take
+//                               that slot fails and goes the full way, which
+//                               gives the parent its first row). The slot index
+//                               is of linked records (a query says `parent !=
+//                               0` to use it), the category index of numbered
+//                               ones (`list_parent != 0`): a link, an unlink
+//                               and a remove below a parent without rows
+//                               change no column of the category index
 //   lists(parent, category, used, live, top, skipped, head, pending)
 //                               one per large list of a parent: that of all its
 //                               children (category 0) or of one category among
@@ -48,8 +50,8 @@
 // a link, an unlink and a remove are one statement each, as a program would
 // write them against the records table alone, touching the slot index only:
 // the link checks both categories and the cycle in its WHERE clause, the
-// unlink and the remove see from the child's own row (category_slot 0) that
-// its parent keeps no lists, and a trigger on records does a remove's own
+// unlink and the remove see from the child's own row (list_parent 0) that its
+// parent keeps no lists, and a trigger on records does a remove's own
 // work (its members and lists go, its children are left unlinked, its id's
 // mark is left). A parent's children are numbered in their categories when it
 // takes its first row in lists, and lose their numbers when its last goes.
@@ -87,30 +89,31 @@ constexpr unsigned int kPendingHoles = 64;
 constexpr unsigned long long kPackHoles = 64;
 constexpr unsigned long long kSmallList = 512;
 
-#define TEVASH_STORE_RECORDS(name)                                                     \
-    "CREATE TABLE " name                                                               \
-    "(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"                              \
-    " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"             \
-    " category_slot INTEGER NOT NULL DEFAULT 0, has_lists INTEGER NOT NULL DEFAULT 0," \
-    " CHECK(parent = 0 OR category_slot != 0 OR slot < 512));"
+#define TEVASH_STORE_RECORDS(name)                                                       \
+    "CREATE TABLE " name                                                                 \
+    "(id INTEGER PRIMARY KEY, category INTEGER NOT NULL,"                                \
+    " parent INTEGER NOT NULL DEFAULT 0, slot INTEGER NOT NULL DEFAULT 0,"               \
+    " category_slot INTEGER NOT NULL DEFAULT 0, list_parent INTEGER NOT NULL DEFAULT 0," \
+    " has_lists INTEGER NOT NULL DEFAULT 0,"                                             \
+    " CHECK(parent = 0 OR list_parent != 0 OR slot < 512));"
 // The indexes of records, and its triggers: what a remove leaves to them (the
 // second only for a record with children: its update makes a temporary
 // table). Their statements never meet a constraint, and say OR FAIL where one
 // could be checked, so a change in a transaction needs no statement journal
 // (an I/O error rolls the whole transaction back).
-#define TEVASH_STORE_RECORDS_REST                                                           \
-    "CREATE INDEX records_by_slot ON records(parent, slot, category) WHERE parent != 0;"    \
-    "CREATE INDEX records_by_category_slot ON records(parent, category, category_slot)"     \
-    " WHERE category_slot != 0;"                                                            \
-    "CREATE TRIGGER records_removed AFTER DELETE ON records BEGIN"                          \
-    " DELETE FROM members WHERE record = old.id;"                                           \
-    " DELETE FROM lists WHERE parent = old.id;"                                             \
-    " DELETE FROM holes WHERE parent = old.id;"                                             \
-    " UPDATE OR FAIL meta SET value = old.id + 1 WHERE key = 'next_id' AND value <= old.id" \
-    " AND NOT EXISTS(SELECT 1 FROM records WHERE id > old.id); END;"                        \
-    "CREATE TRIGGER records_removed_parent AFTER DELETE ON records"                         \
-    " WHEN EXISTS(SELECT 1 FROM records WHERE parent = old.id AND parent != 0) BEGIN"       \
-    " UPDATE OR FAIL records SET parent = 0, category_slot = 0"                             \
+#define TEVASH_STORE_RECORDS_REST                                                            \
+    "CREATE INDEX records_by_slot ON records(parent, slot, category) WHERE parent != 0;"     \
+    "CREATE INDEX records_by_category_slot ON records(list_parent, category, category_slot)" \
+    " WHERE list_parent != 0;"                                                               \
+    "CREATE TRIGGER records_removed AFTER DELETE ON records BEGIN"                           \
+    " DELETE FROM members WHERE record = old.id;"                                            \
+    " DELETE FROM lists WHERE parent = old.id;"                                              \
+    " DELETE FROM holes WHERE parent = old.id;"                                              \
+    " UPDATE OR FAIL meta SET value = old.id + 1 WHERE key = 'next_id' AND value <= old.id"  \
+    " AND NOT EXISTS(SELECT 1 FROM records WHERE id > old.id); END;"                         \
+    "CREATE TRIGGER records_removed_parent AFTER DELETE ON records"                          \
+    " WHEN EXISTS(SELECT 1 FROM records WHERE parent = old.id AND parent != 0) BEGIN"        \
+    " UPDATE OR FAIL records SET parent = 0, category_slot = 0, list_parent = 0"             \
     " WHERE parent = old.id AND parent != 0; END;"
 
 constexpr const char kCreateSchema[] =
@@ -145,10 +148,11 @@ constexpr const char kMigrateFrom3[] =
 constexpr const char kMigrateFrom4[] =
     "DROP TRIGGER IF EXISTS records_removed; DROP TRIGGER IF EXISTS records_removed_parent;"
     "DROP TRIGGER IF EXISTS records_at_limit;" TEVASH_STORE_RECORDS("records_5")
-    "INSERT INTO records_5(id, category, parent, slot, category_slot, has_lists)"
-    " SELECT id, category, parent, slot, CASE WHEN parent != 0 AND EXISTS(SELECT 1 FROM lists l"
-    " WHERE l.parent = r.parent) THEN category_slot ELSE 0 END,"
-    " EXISTS(SELECT 1 FROM lists l WHERE l.parent = r.id) FROM records r;"
+    "INSERT INTO records_5(id, category, parent, slot, category_slot, list_parent, has_lists)"
+    " SELECT id, category, parent, slot, CASE WHEN n THEN category_slot ELSE 0 END,"
+    " CASE WHEN n THEN parent ELSE 0 END, h FROM (SELECT id, category, parent, slot,"
+    " category_slot, parent != 0 AND EXISTS(SELECT 1 FROM lists l WHERE l.parent = r.parent) AS n,"
+    " EXISTS(SELECT 1 FROM lists l WHERE l.parent = r.id) AS h FROM records r);"
     "DROP TABLE records; ALTER TABLE records_5 RENAME TO records;" TEVASH_STORE_RECORDS_REST
     "PRAGMA user_version = 5;";
 static_assert(kSmallList == 512, "the records table and kMigrateFrom3 name the small list limit");
@@ -156,11 +160,15 @@ static_assert(kSmallList == 512, "the records table and kMigrateFrom3 name the s
 #undef TEVASH_STORE_RECORDS
 #undef TEVASH_STORE_RECORDS_REST
 
-// Read-only on a version 2 to 4 file: its records as this version's (the
-// order within a category is that among all children either way).
+// Read-only on a version 2 to 4 file: its records as this version's. Every
+// linked child is numbered in its category there, so its parent stands in for
+// list_parent (a query that reads that first checks has_lists, and the order
+// within a category is the same in slots and category slots); the indexes
+// serve as they are, which are on (parent, ...) for linked records.
 constexpr const char kOldRecords[] =
     "CREATE TEMP VIEW records AS SELECT id, category, parent, slot, category_slot,"
-    " EXISTS(SELECT 1 FROM main.lists l WHERE l.parent = r.id) AS has_lists FROM main.records r";
+    " parent AS list_parent, EXISTS(SELECT 1 FROM main.lists l WHERE l.parent = r.id)"
+    " AS has_lists FROM main.records r";
 // Read-only on a version 2 file: its lists as this version's.
 constexpr const char kOldLists[] =
     "CREATE TEMP VIEW lists AS SELECT *, x'' AS pending FROM main.lists";

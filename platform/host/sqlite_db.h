@@ -151,6 +151,8 @@ public:
     // The rows the last statement inserted, changed or deleted. REQUIRES:
     // inside a body.
     int changes() const { return sqlite3_changes(db_); }
+    // The row id of the last row inserted. REQUIRES: inside a body.
+    long long last_insert_rowid() const { return sqlite3_last_insert_rowid(db_); }
 
     // A store transaction (store_backend::begin, commit, rollback).
     unsigned int begin();
