@@ -882,12 +882,22 @@ private:
     // Numbers the children of a parent without rows in lists in their
     // categories (in their order among all), as it is to have rows from now.
     void number_children(unsigned int parent) {
-        sql("UPDATE OR FAIL records SET category_slot = n.k, list_parent = ?1 FROM (SELECT id,"
-            " row_number()"
-            " OVER (PARTITION BY category ORDER BY slot) AS k FROM records"
-            " WHERE parent = ?1 AND parent != 0) AS n WHERE records.id = n.id")
-            .bind(1, parent)
-            .run();
+        std::vector<std::pair<long long, long long>> numbers;  // id, category slot
+        {
+            query q =
+                sql("SELECT id, category FROM records WHERE parent = ?1 AND parent != 0"
+                    " ORDER BY slot");
+            q.bind(1, parent);
+            std::map<long long, long long> last;  // per category
+            while (q.step()) numbers.emplace_back(q.integer(0), ++last[q.integer(1)]);
+        }
+        for (const auto& [id, category_slot] : numbers) {
+            sql("UPDATE OR FAIL records SET category_slot = ?1, list_parent = ?2 WHERE id = ?3")
+                .bind(1, category_slot)
+                .bind(2, parent)
+                .bind(3, id)
+                .run();
+        }
         sql("UPDATE OR FAIL records SET has_lists = 1 WHERE id = ?").bind(1, parent).run();
     }
     // After a change to the lists of a parent that had rows in lists: when it
