@@ -24,6 +24,7 @@ struct list_state {
     bool row = false;  // it has a row in lists (a large list's, or a mark)
 };
 
+// The columns of a record's row that the operations read.
 struct record_row {
     unsigned int category;
     unsigned int parent;
