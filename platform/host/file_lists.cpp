@@ -201,10 +201,7 @@ long long file_lists::append(unsigned int parent, unsigned int category, list_st
         const unsigned long long next = last < kSmallList ? last + 1 : live + 1;
         if (next <= kSmallList / 2 || last < kSmallList) {  // small still
             if (ls.row) {  // its mark goes (the link marks it again at the limit)
-                sql("DELETE FROM lists WHERE parent = ? AND category = ?")
-                    .bind(1, parent)
-                    .bind(2, category)
-                    .run();
+                drop_row(parent, category);
             }
             return static_cast<long long>(next);
         }
@@ -252,11 +249,22 @@ void file_lists::number_children(unsigned int parent) {
     }
     sql("UPDATE OR FAIL records SET has_lists = 1 WHERE id = ?").bind(1, parent).run();
 }
+
+void file_lists::drop_row(unsigned int parent, unsigned int category) {
+    sql("DELETE FROM lists WHERE parent = ? AND category = ?")
+        .bind(1, parent)
+        .bind(2, category)
+        .run();
+    row_dropped_ = true;
+}
+
 // After a change to the lists of a parent that had rows in lists: when it
 // has none left, its children lose their numbers. Every slot is below
 // kSmallList then (a list leaves its row only when packed under half of
 // that, or emptied; a mark goes only when the list's last slot is below it).
 void file_lists::settle(unsigned int parent) {
+    if (!row_dropped_) return;  // a parent with rows keeps them while none goes
+    row_dropped_ = false;
     query q = sql("SELECT EXISTS(SELECT 1 FROM lists WHERE parent = ?)");
     q.bind(1, parent);
     if (!q.step()) throw db_failure{};
@@ -310,10 +318,7 @@ bool file_lists::erase_from(unsigned int parent, unsigned int category, long lon
         }
     }
     if (!kept) {
-        sql("DELETE FROM lists WHERE parent = ? AND category = ?")
-            .bind(1, parent)
-            .bind(2, category)
-            .run();
+        drop_row(parent, category);
         sql("DELETE FROM holes WHERE parent = ? AND category = ?")
             .bind(1, parent)
             .bind(2, category)

@@ -71,6 +71,8 @@ private:
                      const list_state* all);
     void fold(unsigned int parent, unsigned int category, list_state& ls);
     long long append(unsigned int parent, unsigned int category, list_state& ls);
+    // Takes the row of the parent's list of `category` out of lists.
+    void drop_row(unsigned int parent, unsigned int category);
     void settle(unsigned int parent);
     void mark(unsigned int parent, unsigned int category);
     bool erase_from(unsigned int parent, unsigned int category, long long slot, list_state& ls);
@@ -78,6 +80,9 @@ private:
     query sql(const char* text) { return db_.sql(text); }
 
     sqlite_db& db_;
+    // A row went from lists since the last settle (only then can the parent
+    // have none left).
+    bool row_dropped_ = false;
 };
 
 }  // namespace detail
